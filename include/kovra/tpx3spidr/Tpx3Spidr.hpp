@@ -1,0 +1,30 @@
+#pragma once
+
+// The camera layer: the concrete quantity types of a Timepix3 camera read out at 640 MHz, and the library's
+// templates instantiated with them. Everything the tool and its companions use comes from here.
+
+#include "kovra/Data_PhotonEvents.hpp"
+#include "kovra/PhotonEventChain.hpp"
+#include "kovra/PulseShapeDiscrimination.hpp"
+#include "kovra/Quantities.hpp"
+
+namespace kovra::tpx3spidr {
+
+static_assert(sizeof(long) == 8, "the time type needs a 64-bit long");
+
+/// Position in 1/65536 pixel.
+using Length = kovra::Length<int, 65536>;
+/// Time in ticks of 1.5625 ns (640 MHz).
+using Time = kovra::Time<long, 1.5625e-9>;
+using PSD = kovra::PSD_Parameter_SumTimeDistToFirst;
+
+using PhotonEvent = kovra::PhotonEvent<Length, Time>;
+using Event = kovra::Event<Length, Time, PSD>;
+using Data_PhotonEvents = kovra::Data_PhotonEvents<PhotonEvent>;
+using Data_Events = kovra::Data_Events<Event>;
+using PhotonEventChain = kovra::PhotonEventChain<Length, Time, PSD>;
+
+static_assert(sizeof(PhotonEvent) == 16, "a photon must stay 16 bytes");
+static_assert(sizeof(Event) == 32, "an event must stay 32 bytes");
+
+}  // namespace kovra::tpx3spidr
