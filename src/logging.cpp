@@ -1,0 +1,3 @@
+#include "logging.hpp"
+
+LogLevel logLevel = LogLevel::trace;
