@@ -4,6 +4,8 @@
 // templates instantiated with them. Everything the tool and its companions use comes from here.
 
 #include "kovra/Data_PhotonEvents.hpp"
+#include "kovra/FileHandler_Events.hpp"
+#include "kovra/FileHandler_PhotonEvents.hpp"
 #include "kovra/PhotonEventChain.hpp"
 #include "kovra/PulseShapeDiscrimination.hpp"
 #include "kovra/Quantities.hpp"
@@ -23,6 +25,10 @@ using Event = kovra::Event<Length, Time, PSD>;
 using Data_PhotonEvents = kovra::Data_PhotonEvents<PhotonEvent>;
 using Data_Events = kovra::Data_Events<Event>;
 using PhotonEventChain = kovra::PhotonEventChain<Length, Time, PSD>;
+
+/// Photon files (".kovraphot") and event files (".kovraevent").
+using FileHandler_PhotonEvents = kovra::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
+using FileHandler_Events = kovra::FileHandler_Events<Length, Time, PSD, 4, 8, 3>;
 
 static_assert(sizeof(PhotonEvent) == 16, "a photon must stay 16 bytes");
 static_assert(sizeof(Event) == 32, "an event must stay 32 bytes");

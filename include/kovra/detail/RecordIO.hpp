@@ -1,0 +1,75 @@
+#pragma once
+
+// Moving fixed-width records between streams and vectors in large blocks.
+//
+// The container files hold little-endian integers and doubles with no padding, and every record type we store
+// (photon, event, trigger time) has exactly that layout in memory on a little-endian machine. So records are
+// copied as raw bytes, a block at a time, never a call per record.
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <istream>
+#include <ostream>
+#include <stdexcept>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace kovra::detail {
+
+static_assert(std::endian::native == std::endian::little,
+              "container files are read and written as raw little-endian records");
+
+/// An 8-byte block identifier as the little-endian value of its bytes, the name padded with zeros.
+constexpr std::uint64_t make_identifier(std::string_view name) {
+  std::uint64_t value = 0;
+  for (std::size_t i = 0; i < name.size() && i < 8; ++i) {
+    value |= static_cast<std::uint64_t>(static_cast<unsigned char>(name[i])) << (8 * i);
+  }
+  return value;
+}
+
+template <typename Record_Type>
+concept RawRecord = std::is_trivially_copyable_v<Record_Type> && std::is_standard_layout_v<Record_Type>;
+
+inline constexpr std::size_t io_block_bytes = std::size_t{1} << 20;
+
+/// Appends `count` records read from the stream to `records`, reserving once. Throws "Read Error!" when the
+/// stream ends early or fails.
+template <RawRecord Record_Type>
+void read_records(std::istream& stream, std::uint64_t count, std::vector<Record_Type>& records) {
+  records.reserve(records.size() + count);
+  const std::uint64_t per_chunk = std::max<std::uint64_t>(1, io_block_bytes / sizeof(Record_Type));
+  std::vector<Record_Type> chunk(static_cast<std::size_t>(std::min(count, per_chunk)));
+  for (std::uint64_t done = 0; done < count;) {
+    const auto n = static_cast<std::size_t>(std::min(count - done, per_chunk));
+    const auto bytes = static_cast<std::streamsize>(n * sizeof(Record_Type));
+    stream.read(reinterpret_cast<char*>(chunk.data()), bytes);
+    if (!stream || stream.gcount() != bytes) throw std::invalid_argument("Read Error!");
+    records.insert(records.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(n));
+    done += n;
+  }
+}
+
+template <RawRecord Record_Type>
+void write_records(std::ostream& stream, const std::vector<Record_Type>& records) {
+  stream.write(reinterpret_cast<const char*>(records.data()),
+               static_cast<std::streamsize>(records.size() * sizeof(Record_Type)));
+}
+
+inline std::uint64_t read_u64(std::istream& stream) {
+  std::uint64_t value = 0;
+  stream.read(reinterpret_cast<char*>(&value), sizeof value);
+  if (!stream || stream.gcount() != static_cast<std::streamsize>(sizeof value)) {
+    throw std::invalid_argument("Read Error!");
+  }
+  return value;
+}
+
+inline void write_u64(std::ostream& stream, std::uint64_t value) {
+  stream.write(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+}  // namespace kovra::detail

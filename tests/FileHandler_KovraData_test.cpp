@@ -1,0 +1,224 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "FileBytes.hpp"
+#include "TempDir.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+
+using namespace kovra::tpx3spidr;
+using testing::HasSubstr;
+using testing::StrEq;
+using testing::ThrowsMessage;
+
+namespace {
+
+FileBytes photon(std::int32_t x, std::int32_t y, std::int64_t toa) { return FileBytes().i32(x).i32(y).i64(toa); }
+
+FileBytes photons_block(std::initializer_list<FileBytes> records) {
+  FileBytes content;
+  for (const auto& r : records) content.raw(r.data);
+  return FileBytes().block("photons", content);
+}
+
+class ContainerFileTest : public testing::Test {
+ protected:
+  std::string write(const std::string& bytes, const std::string& name = "f.kovraphot") {
+    const std::string file = dir.file(name);
+    write_bytes(file, bytes);
+    return file;
+  }
+  Data_PhotonEvents load_photons(const std::string& bytes) { return FileHandler_PhotonEvents().load_file(write(bytes)); }
+  Data_Events load_events(const std::string& bytes) { return FileHandler_Events().load_file(write(bytes)); }
+
+  TempDir dir;
+};
+
+TEST_F(ContainerFileTest, ReadsPhotonsAndTriggersFromLiteralBytes) {
+  const FileBytes content = photons_block({photon(1, -2, 3), photon(-65536, 7, std::numeric_limits<std::int64_t>::min())});
+  const auto data = load_photons(FileBytes::file(2, FileBytes(content).block("extTrigs", FileBytes().i64(-5).i64(9))).data);
+  ASSERT_EQ(data.size(), 2u);
+  EXPECT_EQ(data[0].x.value, 1);
+  EXPECT_EQ(data[0].y.value, -2);
+  EXPECT_EQ(data[0].toa.value, 3);
+  EXPECT_EQ(data[1].x.value, -65536);
+  EXPECT_EQ(data[1].toa.value, std::numeric_limits<std::int64_t>::min());
+  ASSERT_TRUE(data.extTriggers.has_value());
+  ASSERT_EQ(data.extTriggers->size(), 2u);
+  EXPECT_EQ((*data.extTriggers)[0].value, -5);
+  EXPECT_EQ((*data.extTriggers)[1].value, 9);
+}
+
+TEST_F(ContainerFileTest, BlockOrderTriggerStatesAndReplacement) {
+  // Triggers may come first; an empty trigger block is present-and-empty; no block is absent.
+  auto data = load_photons(FileBytes::file(2, FileBytes().block("extTrigs", FileBytes()).raw(photons_block({}).data)).data);
+  EXPECT_TRUE(data.photonEvents.empty());
+  ASSERT_TRUE(data.extTriggers.has_value());
+  EXPECT_TRUE(data.extTriggers->empty());
+
+  data = load_photons(FileBytes::file(2, photons_block({photon(1, 1, 1)})).data);
+  EXPECT_FALSE(data.extTriggers.has_value());
+
+  // A second block of a kind replaces the first.
+  data = load_photons(FileBytes::file(2, FileBytes(photons_block({photon(1, 1, 1), photon(2, 2, 2)}))
+                                             .raw(photons_block({photon(3, 3, 3)}).data)
+                                             .block("extTrigs", FileBytes().i64(1))
+                                             .block("extTrigs", FileBytes().i64(2).i64(3)))
+                          .data);
+  ASSERT_EQ(data.size(), 1u);
+  EXPECT_EQ(data[0].x.value, 3);
+  ASSERT_EQ(data.extTriggers->size(), 2u);
+  EXPECT_EQ((*data.extTriggers)[0].value, 2);
+}
+
+TEST_F(ContainerFileTest, ReadsEventRecords) {
+  FileBytes record;
+  record.i32(-3).i32(4).i64(1234567).u64(42).f64(7.8125e-8);
+  const auto data = load_events(FileBytes::file(3, FileBytes().block("events", record)).data);
+  ASSERT_EQ(data.events.size(), 1u);
+  const Event& e = data.events[0];
+  EXPECT_EQ(e.x.value, -3);
+  EXPECT_EQ(e.y.value, 4);
+  EXPECT_EQ(e.t.value, 1234567);
+  EXPECT_EQ(e.nPhotons, 42u);
+  EXPECT_EQ(e.psd, 7.8125e-8);
+  EXPECT_FALSE(data.extTriggers.has_value());
+}
+
+TEST_F(ContainerFileTest, RejectsMalformedFilesWithExactMessages) {
+  const std::string valid_photons = photons_block({photon(1, 2, 3)}).data;
+  auto file_with_sizes = [](std::uint64_t outer, std::uint64_t build) {
+    return FileBytes().id("KOVRA").u64(outer).id("build").u64(build).u64(0).u64(2).raw(photons_block({}).data).data;
+  };
+  struct Case {
+    const char* what;
+    std::string bytes;
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {"empty file", "", "Read Error!"},
+      {"shorter than a header", "KOVRA", "Read Error!"},
+      {"wrong magic", FileBytes::file(2, FileBytes(photons_block({}))).data.replace(5, 1, "X"), "Not a valid KOVRA file!"},
+      {"outer size too large", file_with_sizes(1000, 16),
+       "Block size is indicated as 1000 but only 48 bytes are left in the file!"},
+      {"outer size larger than any file", file_with_sizes(std::numeric_limits<std::uint64_t>::max(), 16),
+       "Block size is indicated as 18446744073709551615 but only 48 bytes are left in the file!"},
+      {"outer size too small", file_with_sizes(40, 16), "File size mismatch!"},
+      {"trailing bytes", FileBytes::file(2, FileBytes(photons_block({}))).raw("x").data, "File size mismatch!"},
+      {"no build block", FileBytes().block("KOVRA", FileBytes().block("photons", FileBytes())).data,
+       "File is missing build information!"},
+      {"build block of 24 bytes",
+       FileBytes().block("KOVRA", FileBytes().block("build", FileBytes().u64(0).u64(2).u64(0))).data,
+       "Build info size missmatch! File corrupted?"},
+      {"build block past the end", FileBytes().block("KOVRA", FileBytes().id("build").u64(100).u64(0)).data,
+       "Block size is indicated as 100 but only 8 bytes are left in the file!"},
+      {"wrong version before wrong type", FileBytes::file(3, FileBytes(photons_block({})), 1).data,
+       "File has wrong version!"},
+      {"wrong type", FileBytes::file(3, FileBytes(photons_block({}))).data, "File has wrong type!"},
+      {"only header and build block", FileBytes::file(2, FileBytes()).data, "File does not contain photon data!"},
+      {"triggers but no photons", FileBytes::file(2, FileBytes().block("extTrigs", FileBytes().i64(1))).data,
+       "File does not contain photon data!"},
+      {"unknown block", FileBytes::file(2, FileBytes(photons_block({})).block("events", FileBytes())).data,
+       "Block identifier not recognized!"},
+      {"identifier with non-zero padding", FileBytes::file(2, FileBytes().id("photons\x01").u64(0)).data,
+       "Block identifier not recognized!"},
+      {"partial photon", FileBytes::file(2, FileBytes().block("photons", FileBytes().u64(1).u64(2).u64(3))).data,
+       "File contains partial photons!"},
+      {"partial trigger", FileBytes::file(2, FileBytes(photons_block({})).block("extTrigs", FileBytes().u64(1).i32(2))).data,
+       "File contains partial external triggers!"},
+      {"content block past the end", FileBytes::file(2, FileBytes().id("photons").u64(32).raw(photon(1, 1, 1).data)).data,
+       "Block size is indicated as 32 but only 16 bytes are left in the file!"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_THAT([&] { load_photons(c.bytes); }, ThrowsMessage<std::invalid_argument>(StrEq(c.message))) << c.what;
+  }
+  EXPECT_THAT([&] { FileHandler_PhotonEvents().load_file(dir.file("missing.kovraphot")); },
+              ThrowsMessage<std::invalid_argument>(StrEq("file \"" + dir.file("missing.kovraphot") + "\" could not be opened!")));
+}
+
+TEST_F(ContainerFileTest, RejectsMalformedEventFiles) {
+  EXPECT_THAT([&] { load_events(FileBytes::file(3, FileBytes().block("events", FileBytes().u64(0).u64(0).u64(0).u64(0).u64(0))).data); },
+              ThrowsMessage<std::invalid_argument>(StrEq("File contains partial events!")));
+  EXPECT_THAT([&] { load_events(FileBytes::file(3, FileBytes().block("extTrigs", FileBytes())).data); },
+              ThrowsMessage<std::invalid_argument>(StrEq("File does not contain event data!")));
+  EXPECT_THAT([&] { load_events(FileBytes::file(3, FileBytes().block("photons", FileBytes())).data); },
+              ThrowsMessage<std::invalid_argument>(StrEq("Block identifier not recognized!")));
+  EXPECT_THAT([&] { load_events(FileBytes::file(2, photons_block({})).data); },
+              ThrowsMessage<std::invalid_argument>(StrEq("File has wrong type!")));
+}
+
+TEST_F(ContainerFileTest, EveryTruncationOfAValidFileIsRejected) {
+  const std::string valid =
+      FileBytes::file(2, FileBytes(photons_block({photon(1, 2, 3), photon(4, 5, 6)})).block("extTrigs", FileBytes().i64(7))).data;
+  ASSERT_EQ(load_photons(valid).size(), 2u);
+  for (std::size_t length = 0; length < valid.size(); ++length) {
+    EXPECT_THROW(load_photons(valid.substr(0, length)), std::invalid_argument) << "length " << length;
+  }
+}
+
+TEST_F(ContainerFileTest, EmptyEventListWritesTheMinimalFile) {
+  const std::string file = dir.file("empty.kovraevent");
+  FileHandler_Events::save_file(file, Data_Events({}, std::nullopt));
+  const std::string expected = FileBytes::file(3, FileBytes().block("events", FileBytes())).data;
+  ASSERT_EQ(expected.size(), 64u);
+  EXPECT_EQ(read_bytes(file), expected);
+}
+
+TEST_F(ContainerFileTest, WrittenEventFilesMatchTheLayoutByteForByte) {
+  const std::string file = dir.file("e.kovraevent");
+  FileHandler_Events::save_file(file, Data_Events({Event{Length{-1}, Length{2}, Time{-3}, 4, 0.5}},
+                                                  std::vector<Time>{Time{10}, Time{-20}}));
+  FileBytes record;
+  record.i32(-1).i32(2).i64(-3).u64(4).f64(0.5);
+  EXPECT_EQ(read_bytes(file),
+            FileBytes::file(3, FileBytes().block("events", record).block("extTrigs", FileBytes().i64(10).i64(-20))).data);
+}
+
+TEST_F(ContainerFileTest, RoundTripsKeepEveryFieldAndTheTriggerState) {
+  std::vector<PhotonEvent> photons;
+  for (int i = 0; i < 200000; ++i) {  // more than one read chunk
+    photons.push_back({Length{i * 7 - 5000}, Length{-i}, Time{static_cast<long>(i) * 1000003L}});
+  }
+  for (const std::optional<std::vector<Time>>& triggers :
+       {std::optional<std::vector<Time>>{}, std::optional<std::vector<Time>>{std::vector<Time>{}},
+        std::optional<std::vector<Time>>{std::vector<Time>{Time{1}, Time{std::numeric_limits<long>::max()}}}}) {
+    const std::string photon_file = dir.file("p.kovraphot");
+    FileHandler_PhotonEvents::save_file(photon_file, Data_PhotonEvents{photons, triggers});
+    const auto back = FileHandler_PhotonEvents().load_file(photon_file);
+    ASSERT_EQ(back.size(), photons.size());
+    for (std::size_t i = 0; i < photons.size(); ++i) {
+      ASSERT_TRUE(back[i].x == photons[i].x && back[i].y == photons[i].y && back[i].toa == photons[i].toa) << i;
+    }
+    EXPECT_EQ(back.extTriggers, triggers);
+
+    const std::vector<Event> events = {{Length{1}, Length{-2}, Time{3}, 1, 0.0},
+                                       {Length{std::numeric_limits<int>::min()}, Length{5}, Time{-6},
+                                        std::numeric_limits<std::uint64_t>::max(), -1.25e-7}};
+    const std::string event_file = dir.file("e.kovraevent");
+    FileHandler_Events::save_file(event_file, Data_Events(std::vector<Event>(events), std::optional(triggers)));
+    const auto events_back = FileHandler_Events().load_file(event_file);
+    ASSERT_EQ(events_back.events.size(), events.size());
+    for (std::size_t i = 0; i < events.size(); ++i) {
+      EXPECT_EQ(events_back.events[i].x, events[i].x);
+      EXPECT_EQ(events_back.events[i].y, events[i].y);
+      EXPECT_EQ(events_back.events[i].t, events[i].t);
+      EXPECT_EQ(events_back.events[i].nPhotons, events[i].nPhotons);
+      EXPECT_EQ(events_back.events[i].psd, events[i].psd);
+    }
+    EXPECT_EQ(events_back.extTriggers, triggers);
+  }
+}
+
+TEST(ContainerFileDeathTest, ABlockWritingTheWrongNumberOfBytesStops) {
+  // A stream that cannot be written measures none of the build block's 16 bytes.
+  EXPECT_DEATH(FileHandler_Events::save_file("/nonexistent-dir/x.kovraevent", Data_Events({}, std::nullopt)),
+               "end_content - begin_content == size_content");
+}
+
+}  // namespace
