@@ -17,6 +17,10 @@
 #include <type_traits>
 #include <vector>
 
+#if __has_include(<sys/mman.h>)
+#include <sys/mman.h>
+#endif
+
 namespace kovra::detail {
 
 static_assert(std::endian::native == std::endian::little,
@@ -36,11 +40,29 @@ concept RawRecord = std::is_trivially_copyable_v<Record_Type> && std::is_standar
 
 inline constexpr std::size_t io_block_bytes = std::size_t{1} << 20;
 
+/// Asks the kernel to back a large, not yet touched range with huge pages. Filling fresh memory is dominated by
+/// page faults; with 2 MiB pages there are 512 times fewer. A hint only: nothing changes where it is refused.
+inline void advise_huge_pages([[maybe_unused]] const void* begin, [[maybe_unused]] std::size_t bytes) {
+#if defined(MADV_HUGEPAGE)
+  constexpr std::uintptr_t huge = std::uintptr_t{1} << 21;
+  const auto first = (reinterpret_cast<std::uintptr_t>(begin) + huge - 1) & ~(huge - 1);
+  const auto last = (reinterpret_cast<std::uintptr_t>(begin) + bytes) & ~(huge - 1);
+  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+#endif
+}
+
+/// Reserves room for `count` more records and advises huge pages for it.
+template <typename Record_Type>
+void reserve_records(std::vector<Record_Type>& records, std::size_t count) {
+  records.reserve(records.size() + count);
+  advise_huge_pages(records.data() + records.size(), count * sizeof(Record_Type));
+}
+
 /// Appends `count` records read from the stream to `records`, reserving once. Throws "Read Error!" when the
 /// stream ends early or fails.
 template <RawRecord Record_Type>
 void read_records(std::istream& stream, std::uint64_t count, std::vector<Record_Type>& records) {
-  records.reserve(records.size() + count);
+  reserve_records(records, static_cast<std::size_t>(count));
   const std::uint64_t per_chunk = std::max<std::uint64_t>(1, io_block_bytes / sizeof(Record_Type));
   std::vector<Record_Type> chunk(static_cast<std::size_t>(std::min(count, per_chunk)));
   for (std::uint64_t done = 0; done < count;) {

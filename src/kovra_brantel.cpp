@@ -1,0 +1,73 @@
+// kovra_brantel: reads a photon file, groups its photons into events and writes an event file.
+//
+// Exit status: 0 after a run and after help, licence, version or a rejected option; 1 when a setting is missing
+// or a file name has the wrong extension. Everything else (bad numbers, parameters file, photon file, unknown
+// algorithm) is an exception or assertion from below that is deliberately not caught: the run aborts with
+// its message.
+
+#include <cassert>
+#include <filesystem>
+#include <string>
+
+#include "Parameters.hpp"
+#include "convert_durationMax.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "logging.hpp"
+#include "reconstructEvents_switchAlgorithm.hpp"
+
+namespace tpx = kovra::tpx3spidr;
+
+int main(int argc, char** argv) {
+  const Parameters parameters(argc, argv);
+  if (parameters.exit_requested) return 0;
+
+  if (!parameters.d_time_s) {
+    logging<LogLevel::error>("No time distance provided for photon search! Exiting...");
+    return 1;
+  }
+  // Converted before the space distance is checked: a time out of range ends the run first.
+  const tpx::Time dTime = tpx::Time::make_from_seconds<true>(*parameters.d_time_s);
+  if (!parameters.d_space_px) {
+    logging<LogLevel::error>("No space distance provided for photon search! Exiting...");
+    return 1;
+  }
+  assert(parameters.duration_max_s >= 0);
+  const tpx::Time durationMax = convert_durationMax(parameters.duration_max_s);
+
+  if (!parameters.input_file) {
+    logging<LogLevel::error>("No file supplied! Exiting...");
+    return 1;
+  }
+  const std::string& inputFile = *parameters.input_file;
+  if (!inputFile.ends_with(".kovraphot")) {
+    logging<LogLevel::error>("Input file must be a .kovraphot file! Exiting...");
+    return 1;
+  }
+  if (!parameters.output_file) {
+    logging<LogLevel::error>("No output destination specified! Exiting...");
+    return 1;
+  }
+  const std::string& outputFile = *parameters.output_file;
+  if (!outputFile.ends_with(".kovraevent")) {
+    logging<LogLevel::error>("Output file must be a .kovraevent file! Exiting...");
+    return 1;
+  }
+
+  // A bare file name has no directory to make.
+  const std::filesystem::path outputDirectory = std::filesystem::path(outputFile).parent_path();
+  if (!outputDirectory.empty()) std::filesystem::create_directories(outputDirectory);
+
+  const tpx::Reconstruction_Events reconstruction{tpx::Length::from_pixels(*parameters.d_space_px), dTime,
+                                                  parameters.d_time_ext, durationMax};
+
+  logging<LogLevel::trace>("Processing file: " + inputFile);
+  const tpx::Data_PhotonEvents photons = tpx::FileHandler_PhotonEvents{}.load_file(inputFile);
+  logging<LogLevel::info>(inputFile + ": Total number of photons in file = " + std::to_string(photons.size()));
+
+  const tpx::Data_Events events = reconstructEvents_switchAlgorithm(reconstruction, photons, parameters.algorithm);
+  tpx::FileHandler_Events::save_file(outputFile, events);
+
+  logging<LogLevel::info>(inputFile + ": Total number of reconstructed events = " + std::to_string(events.size()));
+  logging<LogLevel::trace>("Finished processing file: " + inputFile);
+  return 0;
+}
