@@ -9,6 +9,7 @@
 #include "kovra/PhotonEventChain.hpp"
 #include "kovra/PulseShapeDiscrimination.hpp"
 #include "kovra/Quantities.hpp"
+#include "kovra/Reconstruction_Events.hpp"
 
 namespace kovra::tpx3spidr {
 
@@ -25,6 +26,7 @@ using Event = kovra::Event<Length, Time, PSD>;
 using Data_PhotonEvents = kovra::Data_PhotonEvents<PhotonEvent>;
 using Data_Events = kovra::Data_Events<Event>;
 using PhotonEventChain = kovra::PhotonEventChain<Length, Time, PSD>;
+using Reconstruction_Events = kovra::Reconstruction_Events<Length, Time, PSD>;
 
 /// Photon files (".kovraphot") and event files (".kovraevent").
 using FileHandler_PhotonEvents = kovra::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;

@@ -1,0 +1,82 @@
+#pragma once
+
+// Full-chain direct reconstruction.
+//
+// Seeds are taken in photon order; a free seed starts an event and offers it every later photon in turn until
+// the event's reach closes. The reach is the latest (photon time + dTime) over the event's photons, capped at
+// seed time + durationMax. An offered free photon j joins when an event photon found by the neighbour search
+// lies within dSpace (Euclidean, <=). The neighbour search starts at j - 1, steps back while the previous
+// photon is not earlier than t_j - dTime (never below the seed), then scans forward while photons are not later
+// than min(t_j + dTime, cap). On time-ordered input this amounts to "some event photon in [t_j - dTime, t_j]".
+//
+// Per photon the pass keeps two bits: taken by any event, and taken by the event being built. The second set
+// is cleared over the event's range when the event is done, so "belongs to the current event" needs no index.
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include "kovra/Quantities.hpp"
+#include "kovra/Reconstruction_Events.hpp"
+#include "kovra/reconstruction/Reconstruction_Detail.hpp"
+
+namespace kovra {
+
+template <typename Length_Type, typename Time_Type, typename PSD_Type>
+auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_fullChain_direct(
+    const Data_PhotonEvents_Type& photons) const -> Data_Events_Type {
+  if (dTime_ext) detail::print_extensionFactorWarning();
+
+  const std::size_t nPhotons = photons.photonEvents.size();
+  const PhotonEvent_Type* const photon = photons.photonEvents.data();
+  std::vector<Event_Type> events;
+  events.reserve(nPhotons);
+  detail::Bits_Packed taken(nPhotons);
+  detail::Bits_Packed inEvent(nPhotons);
+
+  for (std::size_t s = 0; s < nPhotons; ++s) {
+    if (taken.test(s)) continue;
+    taken.set(s);
+    inEvent.set(s);
+    PhotonEventChain_Type chain(photon[s]);
+    const Time_Type tLimit = photon[s].toa + durationMax;
+    Time_Type tReach = photon[s].toa + dTime;
+    std::size_t lastMember = s;
+
+    if (s + 1 < nPhotons && photon[s + 1].toa <= std::min(tReach, tLimit)) {
+      for (std::size_t j = s + 1;; ++j) {
+        if (!taken.test(j)) {
+          const PhotonEvent_Type& offered = photon[j];
+          const Time_Type lo = offered.toa - dTime;
+          const Time_Type hi = std::min(offered.toa + dTime, tLimit);
+          std::size_t k = j - 1;
+          while (k > s && photons[k - 1].toa >= lo) --k;
+          // Photons from j on are never in the event yet, so the forward scan may stop at j.
+          bool touches = false;
+          for (; k < j && photon[k].toa <= hi; ++k) {
+            if (inEvent.test(k) && within_euclidean(photon[k].x - offered.x, photon[k].y - offered.y, dSpace)) {
+              touches = true;
+              break;
+            }
+          }
+          if (touches) {
+            chain.add_photon(offered);
+            taken.set(j);
+            inEvent.set(j);
+            lastMember = j;
+            tReach = std::max(tReach, std::min(offered.toa + dTime, tLimit));
+          }
+        }
+        if (j + 1 == nPhotons || photon[j + 1].toa > std::min(tReach, tLimit)) break;
+      }
+    }
+
+    events.push_back(chain.to_event());
+    inEvent.clear_range(s, lastMember);
+  }
+
+  return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));
+}
+
+}  // namespace kovra

@@ -1,0 +1,47 @@
+#pragma once
+
+// No-branch-chain ghost-photon reconstruction (the default).
+//
+// Grows the same chains as the no-branch chain, with the same tests, window and cap, but every photon seeds a
+// chain, taken or not, and a seed is never marked as taken. A taken seed (a ghost photon) gives an event only
+// when at least one free photon joins it; it then counts in that event as its first photon, so the event
+// continues a chain where an earlier one ended or passed it by. A free seed gives an event in any case.
+
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include "kovra/Reconstruction_Events.hpp"
+#include "kovra/reconstruction/NoBranchChain_Direct.hpp"
+#include "kovra/reconstruction/Reconstruction_Detail.hpp"
+
+namespace kovra {
+
+template <typename Length_Type, typename Time_Type, typename PSD_Type>
+auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBranchChain_ghostPhoton_direct(
+    const Data_PhotonEvents_Type& photons) const -> Data_Events_Type {
+  const auto window = detail::make_noBranchChain_window(*this);
+  const std::size_t nPhotons = photons.photonEvents.size();
+  const PhotonEvent_Type* const photon = photons.photonEvents.data();
+  std::vector<Event_Type> events;
+  events.reserve(nPhotons);
+  detail::Bits_Packed taken(nPhotons);
+
+  for (std::size_t i = 0; i < nPhotons; ++i) {
+    const PhotonEvent_Type& seed = photon[i];
+    const bool seedTaken = taken.test(i);
+    const Time_Type tEnd = seed.toa + durationMax;
+    if (i + 1 < nPhotons && photon[i + 1].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
+      const auto chain = window.template grow<PhotonEventChain_Type>(photon, nPhotons, i, tEnd, taken);
+      if (chain.nPhotons > 1) {
+        events.push_back(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
+        continue;
+      }
+    }
+    if (!seedTaken) events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
+  }
+
+  return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));
+}
+
+}  // namespace kovra

@@ -1,0 +1,67 @@
+#pragma once
+
+// Small pieces shared by the reconstruction algorithms.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <iostream>
+#include <limits>
+#include <optional>
+#include <vector>
+
+namespace kovra::detail {
+
+/// One bit per photon, all clear at the start.
+class Bits_Packed {
+ public:
+  explicit Bits_Packed(std::size_t size) : words((size + 63) / 64, 0) {}
+
+  bool test(std::size_t index) const { return (words[index >> 6] >> (index & 63)) & 1U; }
+  void set(std::size_t index) { words[index >> 6] |= std::uint64_t{1} << (index & 63); }
+
+  /// Clears the bits first..last, both included.
+  void clear_range(std::size_t first, std::size_t last) {
+    const std::size_t firstWord = first >> 6;
+    const std::size_t lastWord = last >> 6;
+    const std::uint64_t lowMask = ~std::uint64_t{0} << (first & 63);   // bits >= first in its word
+    const std::uint64_t highMask = ~std::uint64_t{0} >> (63 - (last & 63));  // bits <= last in its word
+    if (firstWord == lastWord) {
+      words[firstWord] &= ~(lowMask & highMask);
+      return;
+    }
+    words[firstWord] &= ~lowMask;
+    std::fill(words.begin() + static_cast<std::ptrdiff_t>(firstWord + 1),
+              words.begin() + static_cast<std::ptrdiff_t>(lastWord), std::uint64_t{0});
+    words[lastWord] &= ~highMask;
+  }
+
+ private:
+  std::vector<std::uint64_t> words;
+};
+
+/// The line the algorithms without a window extension print when a factor is given anyway. Written straight to
+/// standard output and flushed, so that it shows whatever the log level.
+inline void print_extensionFactorWarning() {
+  std::cout << "WARNING: Extension factor is not supported for the chosen algorithm!\n" << std::flush;
+}
+
+/// a + b, held at the type's bounds instead of wrapping. Equal to the plain sum wherever that one is defined;
+/// lets an unlimited window stay unlimited.
+template <typename Time_Type>
+constexpr Time_Type add_saturating(Time_Type a, Time_Type b) {
+  using Value_Type = typename Time_Type::value_type;
+  constexpr Value_Type highest = std::numeric_limits<Value_Type>::max();
+  constexpr Value_Type lowest = std::numeric_limits<Value_Type>::min();
+  if (b.value > 0 && a.value > highest - b.value) return Time_Type{highest};
+  if (b.value < 0 && a.value < lowest - b.value) return Time_Type{lowest};
+  return Time_Type{static_cast<Value_Type>(a.value + b.value)};
+}
+
+/// The output's copy of the input's trigger list: absent stays absent, empty stays empty.
+template <typename Data_PhotonEvents_Type>
+auto copy_extTriggers(const Data_PhotonEvents_Type& photons) {
+  return std::optional<std::vector<typename Data_PhotonEvents_Type::time_type>>(photons.extTriggers);
+}
+
+}  // namespace kovra::detail
