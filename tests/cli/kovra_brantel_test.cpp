@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <regex>
 #include <sstream>
@@ -28,12 +27,6 @@ using testing::Not;
 namespace {
 
 const std::string program = KOVRA_BRANTEL_PATH;
-
-std::string read_file(const std::string& name) {
-  std::ostringstream text;
-  text << std::ifstream(name, std::ios::binary).rdbuf();
-  return text.str();
-}
 
 /// Replaces the time stamp of every log line by "@" when it has the expected layout; under TZ=UTC-2 the
 /// local offset is +0200. Lines that do not match stay as they are.
@@ -87,7 +80,7 @@ class KovraBrantelTest : public testing::Test {
 
   void write_photons(const std::string& name, const std::vector<PhotonEvent>& photons,
                      std::optional<std::vector<Time>> triggers = std::nullopt) {
-    kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(work / name, Data_PhotonEvents{photons, triggers});
+    kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(work.file(name), Data_PhotonEvents{photons, triggers});
   }
 
   bool exists(const std::string& name) const { return std::filesystem::exists(work.path() / name); }
@@ -150,7 +143,7 @@ TEST_F(KovraBrantelTest, SettingsAreCheckedInOrder) {
 }
 
 TEST_F(KovraBrantelTest, FailuresBelowTheDriverAbort) {
-  work.write("brantel5.json", R"({"brantel": 5})");
+  write_bytes(work.file("brantel5.json"), R"({"brantel": 5})");
   const struct {
     std::vector<std::string> args;
     std::string errorText;
@@ -175,10 +168,10 @@ TEST_F(KovraBrantelTest, FailuresBelowTheDriverAbort) {
 }
 
 TEST_F(KovraBrantelTest, UnreadableParametersFileStopsOnTheJsonAssertion) {
-  work.write("empty.json", "");
-  work.write("comment.json", "// settings\n{\"brantel\": {}}");
-  work.write("trailing.json", "{\"brantel\": {}} x");
-  work.write("array.json", "[{\"brantel\": {}}]");
+  write_bytes(work.file("empty.json"), "");
+  write_bytes(work.file("comment.json"), "// settings\n{\"brantel\": {}}");
+  write_bytes(work.file("trailing.json"), "{\"brantel\": {}} x");
+  write_bytes(work.file("array.json"), "[{\"brantel\": {}}]");
   for (const char* file : {"missing.json", "empty.json", "comment.json", "trailing.json", "array.json"}) {
     const RunResult result = run({"-f", file, "-s", "2", "-t", "1e-6"});
     expect_abort(result, "IsObject()");
@@ -200,7 +193,7 @@ TEST_F(KovraBrantelTest, HelpVersionAndLicenceEndTheRun) {
       {{"-D", "0.25", "--help", "-D", "7"}, replace(helpText, "(default: inf)", "(default: 0.25)")},
       {{"--version"}, "1.0.0\n"},
       {with_settings({"--version"}), "1.0.0\n"},
-      {{"--license"}, std::string("\n").append(read_file(KOVRA_LICENSE_PATH)).append("\n")},
+      {{"--license"}, std::string("\n").append(read_bytes(KOVRA_LICENSE_PATH)).append("\n")},
       {{"--version", "-h"}, "1.0.0\n" + helpText},
   };
   for (const auto& [args, err] : cases) {
@@ -236,7 +229,7 @@ TEST_F(KovraBrantelTest, SuccessfulRunLogsCountsAndCarriesTriggersOver) {
   EXPECT_EQ(unstamp(result.out), successLog("in.kovraphot", 4, 2));
   EXPECT_EQ(result.err, "");
 
-  const std::string bytes = read_file(work / "out/sub/e.kovraevent");
+  const std::string bytes = read_bytes(work.file("out/sub/e.kovraevent"));
   const std::string triggers = FileBytes().block("extTrigs", FileBytes().i64(5).i64(-7)).data;
   ASSERT_EQ(bytes.size(), 64 + 2 * 32 + triggers.size());
   const FileBytes head = FileBytes().id("KOVRA").u64(bytes.size() - 16).block("build", FileBytes().u64(0).u64(3));
@@ -260,7 +253,7 @@ TEST_F(KovraBrantelTest, EmptyInputsGiveMinimalFiles) {
     const RunResult result = run({"-s", "2", "-t", "1e-6", "-i", input, "-o", "out.kovraevent"});
     EXPECT_EQ(result.status, 0) << input;
     EXPECT_EQ(unstamp(result.out), successLog(input, 0, 0));
-    EXPECT_EQ(read_file(work / "out.kovraevent"), expected) << input;
+    EXPECT_EQ(read_bytes(work.file("out.kovraevent")), expected) << input;
   }
 }
 
@@ -299,8 +292,8 @@ TEST_F(KovraBrantelTest, UnwritableOutputStopsOnTheWriterAssertion) {
 
 TEST_F(KovraBrantelTest, ParametersFileTakesItsPlaceInTheCommandLine) {
   write_photons("in.kovraphot", twoFlashes);
-  work.write("good.json", R"({"brantel": {"dSpace_px": 2, "dTime_s": 1e-6, "algorithm": "default"}})");
-  work.write("bogus.json", R"({"brantel": {"algorithm": "bogus"}})");
+  write_bytes(work.file("good.json"), R"({"brantel": {"dSpace_px": 2, "dTime_s": 1e-6, "algorithm": "default"}})");
+  write_bytes(work.file("bogus.json"), R"({"brantel": {"algorithm": "bogus"}})");
   const std::string bogus = "what():  algorithm \"bogus\" does not exist!";
   const struct {
     std::vector<std::string> args;
