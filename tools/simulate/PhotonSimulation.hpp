@@ -1,0 +1,221 @@
+#pragma once
+
+// The photon model of the simulator. Particles hit a scintillator as a Poisson process in time, each at a
+// uniformly random place on the detector; each flash sends a Poisson number of photons, spread around the hit
+// with a Gaussian in space and delayed by a two-component (fast, slow) scintillation decay whose slow share
+// depends on the particle class. Dark counts add uniform photons. The photons are quantised to the camera's
+// 1.5625 ns tick and come out in non-decreasing time, as the camera writes them.
+//
+// Generation runs slice by slice in time: the flashes of one slice are drawn, their photons sorted, and those
+// earlier than the slice's end are final, because every later flash starts at or after it; the rest carry over
+// into the next slice. Flashes and dark counts draw from two separate generators, so the slice length changes
+// nothing in the result.
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cassert>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "simulate/Random.hpp"
+
+namespace kovra::simulate {
+
+using kovra::tpx3spidr::Data_PhotonEvents;
+using kovra::tpx3spidr::Length;
+using kovra::tpx3spidr::PhotonEvent;
+using kovra::tpx3spidr::Time;
+
+/// A kind of particle: its share of the flashes (relative weight) and the share of its light in the slow decay.
+struct Particle_Class {
+  std::string name;
+  double weight;
+  double slowFraction;
+};
+
+enum class Trigger_Mode { absent, empty, periodic };
+
+/// Every setting of one simulation, in the units of the command line (seconds, hertz, pixels).
+struct Simulation_Settings {
+  double duration_s = 1.0;
+  double eventRate_Hz = 1.0e5;
+  double photonsPerEvent = 20.0;
+  double sigma_px = 1.0;
+  int width_px = 256;
+  int height_px = 256;
+  bool snapToPixels = false;
+  double tauFast_s = 5.0e-9;
+  double tauSlow_s = 150.0e-9;
+  std::vector<Particle_Class> classes = {{"gamma", 0.7, 0.10}, {"neutron", 0.3, 0.35}};
+  double darkRate_Hz = 1.0e3;
+  Trigger_Mode triggerMode = Trigger_Mode::absent;
+  double triggerFrequency_Hz = 0.0;
+  std::uint64_t seed = 1;
+
+  /// Photons expected before losses at the detector's edges and the end of the acquisition.
+  double get_expectedPhotons() const { return duration_s * (eventRate_Hz * photonsPerEvent + darkRate_Hz); }
+};
+
+/// One simulated flash as it really happened: start time, position, photons that reached the file, class.
+struct True_Event {
+  double t_s;
+  double x_px;
+  double y_px;
+  std::uint64_t nPhotons;
+  std::size_t classIndex;
+};
+
+/// The photon file's content and the counts behind it.
+struct Simulation_Result {
+  Data_PhotonEvents photons;
+  std::uint64_t nEvents = 0;
+  std::uint64_t nEventPhotons = 0;
+  std::uint64_t nDarkPhotons = 0;
+};
+
+namespace detail {
+
+/// Stable least-significant-digit radix sort of photons by time of arrival, all at or after `origin`.
+inline void sort_byToa(std::vector<PhotonEvent>& photons, std::vector<PhotonEvent>& scratch, long origin) {
+  if (photons.size() < 2) return;
+  std::uint64_t maxKey = 0;
+  for (const auto& p : photons) {
+    assert(p.toa.value >= origin);
+    maxKey = std::max(maxKey, static_cast<std::uint64_t>(p.toa.value - origin));
+  }
+  // As few passes as the key width needs, with digits of at most 11 bits (a count table that stays in cache).
+  const int keyBits = static_cast<int>(std::bit_width(maxKey));
+  const int nPasses = (keyBits + 10) / 11;
+  if (nPasses == 0) return;
+  const int digitBits = (keyBits + nPasses - 1) / nPasses;
+  const std::size_t nBuckets = std::size_t{1} << digitBits;
+  scratch.resize(photons.size());
+  std::array<std::size_t, 2048> offsets{};
+  for (int pass = 0; pass < nPasses; ++pass) {
+    const int shift = pass * digitBits;
+    const auto digit = [&](const PhotonEvent& p) {
+      return static_cast<std::size_t>((static_cast<std::uint64_t>(p.toa.value - origin) >> shift) & (nBuckets - 1));
+    };
+    std::fill_n(offsets.begin(), nBuckets, 0);
+    for (const auto& p : photons) ++offsets[digit(p)];
+    std::size_t sum = 0;
+    for (std::size_t b = 0; b < nBuckets; ++b) sum += std::exchange(offsets[b], sum);
+    for (const auto& p : photons) scratch[offsets[digit(p)]++] = p;
+    photons.swap(scratch);
+  }
+}
+
+}  // namespace detail
+
+/// Draws the flashes and dark counts of one acquisition and hands each flash to `onEvent` (a `True_Event`,
+/// in time order) once its photons are drawn. `sliceTicks` 0 picks a slice of
+/// about 16 thousand photons, small enough for the sort to run in cache.
+template <typename OnEvent_Type>
+Simulation_Result simulate_photonEvents(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
+                                        long sliceTicks = 0) {
+  assert(!settings.classes.empty());
+  const double tick = Time::tick_seconds;
+  const double end = settings.duration_s / tick;  // acquisition end in ticks; photons at or after it are lost
+  const double width = settings.width_px;
+  const double height = settings.height_px;
+  const double tauFast = settings.tauFast_s / tick;
+  const double tauSlow = settings.tauSlow_s / tick;
+  const double eventGap = settings.eventRate_Hz > 0.0 ? 1.0 / (settings.eventRate_Hz * tick) : 0.0;
+  const double darkGap = settings.darkRate_Hz > 0.0 ? 1.0 / (settings.darkRate_Hz * tick) : 0.0;
+  double totalWeight = 0.0;
+  for (const auto& c : settings.classes) totalWeight += c.weight;
+
+  const auto to_units = [&](double pixels) {
+    const double units = settings.snapToPixels ? std::floor(pixels) * Length::units_per_pixel
+                                               : std::floor(pixels * Length::units_per_pixel);
+    return Length{static_cast<int>(units)};
+  };
+
+  if (sliceTicks <= 0) {
+    const double photonsPerTick = settings.get_expectedPhotons() / std::max(end, 1.0);
+    const double ticks = photonsPerTick > 0.0 ? std::clamp(0x1.0p14 / photonsPerTick, 1024.0, 0x1.0p40) : end + 1.0;
+    sliceTicks = static_cast<long>(ticks);
+  }
+
+  Simulation_Result result;
+  const double expected = settings.get_expectedPhotons();
+  result.photons.photonEvents.reserve(static_cast<std::size_t>(expected + 6.0 * std::sqrt(expected) + 1024.0));
+
+  Random_Generator eventRandom(settings.seed);
+  Random_Generator darkRandom(~settings.seed);
+  double nextEvent = eventGap > 0.0 ? eventRandom.exponential(eventGap) : end;
+  double nextDark = darkGap > 0.0 ? darkRandom.exponential(darkGap) : end;
+
+  std::vector<PhotonEvent> buffer;
+  std::vector<PhotonEvent> scratch;
+  auto& output = result.photons.photonEvents;
+  for (long sliceBegin = 0; static_cast<double>(sliceBegin) < end; sliceBegin += sliceTicks) {
+    const double sliceEnd = std::min(static_cast<double>(sliceBegin + sliceTicks), end);
+
+    for (; nextEvent < sliceEnd; nextEvent += eventRandom.exponential(eventGap)) {
+      double pick = eventRandom.uniform() * totalWeight;
+      std::size_t classIndex = 0;
+      while (classIndex + 1 < settings.classes.size() && pick >= settings.classes[classIndex].weight) {
+        pick -= settings.classes[classIndex].weight;
+        ++classIndex;
+      }
+      const double slowFraction = settings.classes[classIndex].slowFraction;
+      const double x0 = eventRandom.uniform() * width;
+      const double y0 = eventRandom.uniform() * height;
+      const std::uint64_t nEmitted = eventRandom.poisson(settings.photonsPerEvent);
+      std::uint64_t nDetected = 0;
+      for (std::uint64_t i = 0; i < nEmitted; ++i) {
+        // One uniform picks the component and, rescaled, gives that component's exponential delay.
+        const double u = eventRandom.uniform();
+        const double delay = u < slowFraction ? -tauSlow * std::log1p(-u / slowFraction)
+                                              : -tauFast * std::log1p(-(u - slowFraction) / (1.0 - slowFraction));
+        double dx = 0.0;
+        double dy = 0.0;
+        eventRandom.normal_pair(dx, dy);
+        const double x = x0 + settings.sigma_px * dx;
+        const double y = y0 + settings.sigma_px * dy;
+        const double t = nextEvent + delay;
+        if (x < 0.0 || x >= width || y < 0.0 || y >= height || t >= end) continue;
+        buffer.push_back(PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(t)}});
+        ++nDetected;
+      }
+      ++result.nEvents;
+      result.nEventPhotons += nDetected;
+      onEvent(True_Event{nextEvent * tick, x0, y0, nDetected, classIndex});
+    }
+
+    for (; nextDark < sliceEnd; nextDark += darkRandom.exponential(darkGap)) {
+      const double x = darkRandom.uniform() * width;
+      const double y = darkRandom.uniform() * height;
+      buffer.push_back(PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(nextDark)}});
+      ++result.nDarkPhotons;
+    }
+
+    detail::sort_byToa(buffer, scratch, sliceBegin);
+    const long finalBefore = sliceBegin + sliceTicks;
+    const auto firstCarried = std::partition_point(buffer.begin(), buffer.end(),
+                                                   [&](const PhotonEvent& p) { return p.toa.value < finalBefore; });
+    output.insert(output.end(), buffer.begin(), firstCarried);
+    buffer.erase(buffer.begin(), firstCarried);
+  }
+  assert(buffer.empty());
+
+  if (settings.triggerMode != Trigger_Mode::absent) {
+    auto& triggers = result.photons.extTriggers.emplace();
+    if (settings.triggerMode == Trigger_Mode::periodic) {
+      const double period = 1.0 / (settings.triggerFrequency_Hz * tick);
+      for (std::uint64_t k = 0; static_cast<double>(k) * period < end; ++k) {
+        triggers.push_back(Time{static_cast<long>(static_cast<double>(k) * period)});
+      }
+    }
+  }
+  return result;
+}
+
+}  // namespace kovra::simulate

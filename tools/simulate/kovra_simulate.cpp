@@ -1,0 +1,60 @@
+// kovra_simulate: writes a photon file of a simulated scintillator, and optionally the true flashes beside it.
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "simulate/PhotonSimulation.hpp"
+#include "simulate/SimulateOptions.hpp"
+
+int main(int argc, char* argv[]) {
+  using namespace kovra::simulate;
+  const Simulate_Options options = parse_simulateOptions(argc, argv);
+  if (options.helpRequested) {
+    std::cout << get_simulateHelp();
+    return 0;
+  }
+  if (!options.error.empty()) {
+    std::cerr << "kovra_simulate: " << options.error << "\nTry 'kovra_simulate --help'.\n";
+    return 2;
+  }
+
+  // The library's writer does not report an unwritable path, so find out before the work is done.
+  if (!std::ofstream(options.outputPath, std::ios::binary | std::ios::trunc)) {
+    std::cerr << "kovra_simulate: cannot write '" << options.outputPath << "'\n";
+    return 1;
+  }
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> truth(nullptr, &std::fclose);
+  const std::string truthPath = get_truthPath(options.outputPath);
+  if (options.writeTruth) {
+    truth.reset(std::fopen(truthPath.c_str(), "w"));
+    if (!truth) {
+      std::cerr << "kovra_simulate: cannot write '" << truthPath << "'\n";
+      return 1;
+    }
+    std::fputs("t_s,x_px,y_px,nPhotons,class\n", truth.get());
+  }
+
+  const auto& classes = options.settings.classes;
+  const Simulation_Result result = simulate_photonEvents(options.settings, [&](const True_Event& e) {
+    if (truth) {
+      std::fprintf(truth.get(), "%.12f,%.4f,%.4f,%llu,%s\n", e.t_s, e.x_px, e.y_px,
+                   static_cast<unsigned long long>(e.nPhotons), classes[e.classIndex].name.c_str());
+    }
+  });
+  if (truth && std::fclose(truth.release()) != 0) {
+    std::cerr << "kovra_simulate: cannot write '" << truthPath << "'\n";
+    return 1;
+  }
+
+  kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(options.outputPath, result.photons);
+
+  std::cout << "kovra_simulate: wrote " << result.photons.size() << " photons (" << result.nEventPhotons
+            << " from " << result.nEvents << " flashes, " << result.nDarkPhotons << " dark counts";
+  if (result.photons.extTriggers) std::cout << ", " << result.photons.extTriggers->size() << " triggers";
+  std::cout << ") to " << options.outputPath << "\n";
+  if (options.writeTruth) std::cout << "kovra_simulate: true flashes in " << truthPath << "\n";
+  return 0;
+}
