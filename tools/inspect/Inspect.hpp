@@ -1,0 +1,73 @@
+#pragma once
+
+// One run of kovra_inspect: open the file through the reader of its type, then the summary and the exports
+// asked for, each a walk over the records.
+
+#include <fstream>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+
+#include "inspect/CsvExport.hpp"
+#include "inspect/Hdf5Export.hpp"
+#include "inspect/InspectOptions.hpp"
+#include "inspect/PngExport.hpp"
+#include "inspect/Progress.hpp"
+#include "inspect/RecordFile.hpp"
+#include "inspect/Summary.hpp"
+
+namespace kovra::inspect {
+
+/// Writes the outputs of one opened file. `out` takes the summary and `--csv -`, `notes` the remarks.
+template <typename Record_Type>
+void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& file, std::ostream& out,
+                 std::ostream& notes, Progress& progress) {
+  if (options.imageFile) {
+    Position_Histogram2D::get_geometry(options.size_px, options.binning);  // fails before any walk
+  }
+  if (options.summary) {
+    progress.set_label("summary");
+    print_summary(out, summarize_file(file, &progress));
+  }
+  if (options.csvFile) {
+    progress.set_label("csv");
+    if (*options.csvFile == "-") {
+      write_csv(out, file, &progress);
+    } else {
+      std::ofstream csv(*options.csvFile, std::ios::binary | std::ios::trunc);
+      if (!csv) throw std::runtime_error("cannot write CSV file \"" + *options.csvFile + "\"");
+      write_csv(csv, file, &progress);
+    }
+  }
+  if (options.hdf5File) {
+    progress.set_label("hdf5");
+    write_hdf5(*options.hdf5File, file, &progress);
+  }
+  if (options.imageFile) {
+    progress.set_label("image");
+    const std::uint64_t outside =
+        write_positionImage(*options.imageFile, file, options.size_px, options.binning, &progress);
+    if (outside != 0) {
+      notes << "kovra_inspect: " << outside << " of " << file.size() << " " << Record_Traits<Record_Type>::name
+            << " lie outside the image of " << options.size_px << " x " << options.size_px
+            << " pixels and were left out\n";
+    }
+  }
+}
+
+inline bool ends_with(const std::string& text, const std::string& suffix) {
+  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+/// Picks the reader by the file's extension and runs; the library reader's exceptions pass through.
+inline void run_inspect(const Inspect_Options& options, std::ostream& out, std::ostream& notes, Progress& progress) {
+  if (ends_with(options.inputFile, Record_Traits<PhotonEvent>::extension)) {
+    run_inspect(options, RecordFile<PhotonEvent>(options.inputFile), out, notes, progress);
+  } else if (ends_with(options.inputFile, Record_Traits<Event>::extension)) {
+    run_inspect(options, RecordFile<Event>(options.inputFile), out, notes, progress);
+  } else {
+    throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot or .kovraevent");
+  }
+}
+
+}  // namespace kovra::inspect
