@@ -1,0 +1,179 @@
+#!/usr/bin/env bash
+# End-to-end benchmark of kovra_brantel, run by hand (never as a test).
+#
+# Simulates three photon files (sparse, nominal, dense pile-up; about 20 million photons each), runs every
+# algorithm on each, and records wall time, photons per second and peak resident memory. Beside every run it
+# measures the limit: kovra_io_limit reads the same input and writes a file of the same output size with plain
+# buffered I/O and nothing else. Prints a Markdown table and writes it, with the command, commit and machine, to
+# BENCHMARKS.md.
+#
+#   bench/run_benchmarks.sh [--quick] [--repeat N] [--build-dir DIR] [--data-dir DIR] [--results FILE] [--no-build]
+#
+#   --quick       datasets of about 1 million photons and one run each, results only printed (a smoke run)
+#   --repeat N    runs per measurement, the fastest counts (default 3; memory is the largest seen)
+#   --build-dir   where the programs are built (default build/)
+#   --data-dir    where the photon and event files go (default $TMPDIR/kovra_bench, about 1.5 GB; kept)
+#   --results     file to write (default BENCHMARKS.md; with --quick nothing is written unless given)
+#   --no-build    use the programs already in the build directory
+set -euo pipefail
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+command_line="bench/run_benchmarks.sh $*"
+build="$root/build"
+data="${TMPDIR:-/tmp}/kovra_bench"
+results=""
+repeat=3
+quick=0
+do_build=1
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) quick=1; repeat=1 ;;
+    --repeat) repeat="$2"; shift ;;
+    --build-dir) build="$2"; shift ;;
+    --data-dir) data="$2"; shift ;;
+    --results) results="$2"; shift ;;
+    --no-build) do_build=0 ;;
+    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "run_benchmarks: unknown argument '$1' (see --help)" >&2; exit 2 ;;
+  esac
+  shift
+done
+if [ -z "$results" ] && [ "$quick" -eq 0 ]; then results="$root/BENCHMARKS.md"; fi
+
+if [ "$do_build" -eq 1 ]; then
+  "$root/scripts/setup.sh"
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+  cmake --build "$build" -j "$(nproc)" --target kovra_brantel kovra_simulate kovra_io_limit >/dev/null
+fi
+for program in kovra_brantel kovra_simulate kovra_io_limit; do
+  if [ ! -x "$build/$program" ]; then echo "run_benchmarks: $build/$program is missing" >&2; exit 1; fi
+done
+if [ ! -x /usr/bin/time ]; then echo "run_benchmarks: /usr/bin/time is missing (Debian package 'time')" >&2; exit 1; fi
+mkdir -p "$data"
+
+# Search settings used for every run: they recover the simulated flashes (see docs/simulator.md).
+settings=(-s 5 -t 5e-7 -D 2e-6)
+algorithms=(default noBranchChain_direct forwardChain_photonBuildup fullChain_direct)
+# name | simulator options (20 photons per flash; durations set for about 20 million photons)
+datasets=(
+  "sparse|--event-rate 1e4 --photons 20 --duration 100 --seed 11"
+  "nominal|--event-rate 2e6 --photons 20 --duration 0.5 --seed 12"
+  "dense|--event-rate 1e7 --photons 40 --duration 0.05 --seed 13"
+)
+scale_duration() {  # the quick run keeps the rates and shortens the acquisition 20 times
+  if [ "$quick" -eq 1 ]; then
+    echo "$1" | awk '{ for (i = 1; i <= NF; i++) if ($(i-1) == "--duration") $i = $i / 20; print }'
+  else
+    echo "$1"
+  fi
+}
+
+# Runs a command `repeat` times under /usr/bin/time; sets best_s (fastest wall time) and peak_kb (largest RSS).
+measure() {
+  best_s=""
+  peak_kb=0
+  local i start end seconds kb
+  for ((i = 0; i < repeat; i++)); do
+    start=$(date +%s%N)
+    /usr/bin/time -f '%M' -o "$data/time.txt" "$@" >"$data/run.log" 2>&1 || {
+      echo "run_benchmarks: failed: $*" >&2; cat "$data/run.log" >&2; exit 1; }
+    end=$(date +%s%N)
+    seconds=$(awk -v a="$start" -v b="$end" 'BEGIN { printf "%.3f", (b - a) / 1e9 }')
+    kb=$(tail -n 1 "$data/time.txt")
+    if [ -z "$best_s" ] || awk -v a="$seconds" -v b="$best_s" 'BEGIN { exit !(a < b) }'; then best_s=$seconds; fi
+    if [ "$kb" -gt "$peak_kb" ]; then peak_kb=$kb; fi
+  done
+}
+
+rows=()
+: >"$data/figures.tsv"
+printf '%-8s %-28s %10s %8s %9s %9s %8s %8s\n' dataset algorithm events wall_s Mphot/s peak_MB limit_s ratio
+for entry in "${datasets[@]}"; do
+  name="${entry%%|*}"
+  options="$(scale_duration "${entry#*|}")"
+  input="$data/$name.kovraphot"
+  # shellcheck disable=SC2086  # the options are words on purpose
+  "$build/kovra_simulate" -o "$input" $options --triggers 1000 >"$data/simulate.log"
+  photons=$(sed -n 's/^kovra_simulate: wrote \([0-9]*\) photons.*/\1/p' "$data/simulate.log")
+  input_bytes=$(stat -c %s "$input")
+  for algorithm in "${algorithms[@]}"; do
+    output="$data/$name.$algorithm.kovraevent"
+    measure "$build/kovra_brantel" -i "$input" -o "$output" "${settings[@]}" --algorithm "$algorithm" --verbose 2
+    events=$(sed -n 's/.*Total number of reconstructed events = \([0-9]*\).*/\1/p' "$data/run.log")
+    wall=$best_s
+    memory_kb=$peak_kb
+    output_bytes=$(stat -c %s "$output")
+    measure "$build/kovra_io_limit" "$input" "$data/limit.out" "$output_bytes"
+    limit=$best_s
+    row=$(awk -v n="$name" -v a="$algorithm" -v p="$photons" -v e="$events" -v w="$wall" -v m="$memory_kb" \
+              -v i="$input_bytes" -v o="$output_bytes" -v l="$limit" 'BEGIN {
+      printf "| %s | %.1f | %s | %s | %.3f | %.1f | %.0f | %.2f | %.3f | %.1f |",
+             n, p / 1e6, a, e, w, p / w / 1e6, m / 1024, m * 1024 / (i + o), l, w / l }')
+    rows+=("$row")
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$name" "$algorithm" "$photons" "$wall" "$memory_kb" "$input_bytes" \
+      "$output_bytes" "$limit" >>"$data/figures.tsv"
+    awk -v n="$name" -v a="$algorithm" -v p="$photons" -v e="$events" -v w="$wall" -v m="$memory_kb" -v l="$limit" \
+      'BEGIN { printf "%-8s %-28s %10s %8.2f %9.1f %9.0f %8.3f %8.1f\n", n, a, e, w, p / w / 1e6, m / 1024, l, w / l }'
+  done
+  rm -f "$data"/"$name".*.kovraevent "$data/limit.out"
+done
+
+header="| Dataset | Photons (M) | Algorithm | Events | Wall (s) | Photons/s (M) | Peak RSS (MB) | RSS / (input + output) | Limit (s) | Wall / limit |
+|---|---:|---|---:|---:|---:|---:|---:|---:|---:|"
+table="$header"
+for row in "${rows[@]}"; do table+=$'\n'"$row"; done
+# The targets: the default algorithm on the nominal dataset at 100 million photons per second or more and within
+# twice the limit; every default run within 1.25 times the input and output size in memory.
+targets=$(awk -F '\t' '
+  $2 == "default" && $1 == "nominal" {
+    rate = $3 / $4 / 1e6; ratio = $4 / $8
+    printf "- Default algorithm, nominal dataset: %.1f million photons/s (target 100: %s), %.1f times the limit (target 2: %s)\n",
+           rate, (rate >= 100 ? "met" : "missed"), ratio, (ratio <= 2 ? "met" : "missed")
+  }
+  $2 == "default" {
+    m = $5 * 1024 / ($6 + $7)
+    printf "- Default algorithm, %s dataset: peak memory %.2f times input + output (target 1.25: %s)\n", $1, m, (m <= 1.25 ? "met" : "missed")
+  }' "$data/figures.tsv")
+echo
+echo "$table"
+echo
+echo "$targets"
+
+if [ -n "$results" ]; then
+  commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)
+  if [ -n "$(git -C "$root" status --porcelain --untracked-files=no 2>/dev/null)" ]; then commit="$commit (work tree with local changes)"; fi
+  cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)
+  memory=$(awk '/^MemTotal/ { printf "%.1f GiB", $2 / 1048576 }' /proc/meminfo)
+  cat >"$results" <<EOF
+# Benchmarks
+
+End-to-end runs of \`kovra_brantel\` (one thread) on simulated photon files, written by \`bench/run_benchmarks.sh\`.
+Each time is the fastest of $repeat run(s); peak memory is the largest resident set seen (\`/usr/bin/time\`). The
+limit is \`kovra_io_limit\` on the same input and an output of the same size: read and write with plain buffered
+I/O and nothing else. Input files are in the page cache, as they are right after the simulator wrote them.
+
+- Command: \`$command_line\`
+- Commit: $commit
+- Date: $(date -u '+%Y-%m-%d %H:%M UTC')
+- Machine: $(nproc) cores, $cpu, $memory, $(uname -sr)
+- Search settings: \`${settings[*]}\` (pixels, seconds)
+
+## Datasets
+
+| Name | Simulator options | What it stands for |
+|---|---|---|
+| sparse | \`$(scale_duration "${datasets[0]#*|}") --triggers 1000\` | flashes about 100 µs apart, far beyond any search window |
+| nominal | \`$(scale_duration "${datasets[1]#*|}") --triggers 1000\` | about two flashes in flight at any moment (each lasts about 1 µs) |
+| dense | \`$(scale_duration "${datasets[2]#*|}") --triggers 1000\` | pile-up: about ten flashes and 200 photons in any 0.5 µs |
+
+## Results
+
+$table
+
+## Targets
+
+$targets
+EOF
+  echo
+  echo "Written to $results"
+fi
