@@ -64,7 +64,7 @@ struct File_Summary {
   }
 };
 
-inline constexpr std::size_t psd_bins = 12;
+inline constexpr std::size_t psd_bins = 10;
 
 /// Walks the file once (twice for an event file: the pulse-shape bins need the value range first).
 template <typename Record_Type>
