@@ -6,15 +6,10 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 sample="$root/sample"
 mkdir -p "$sample"
-if [ ! -x "$root/build/kovra_simulate" ]; then
-  echo "demo: build/kovra_simulate is not built yet, so there is no sample photon file to reconstruct." >&2
-  echo "demo: run build/kovra_brantel -s 2 -t 1e-7 -i <file>.kovraphot -o <file>.kovraevent on a photon file of your own." >&2
-  exit 1
-fi
 
-echo "== Simulating a sample photon file"
-"$root/build/kovra_simulate" --output "$sample/sample.kovraphot" --duration 1e-3 --seed 1
+echo "== Simulating 1 ms of a scintillator (about 100 flashes) with external triggers at 10 kHz"
+"$root/build/kovra_simulate" --output "$sample/sample.kovraphot" --duration 1e-3 --triggers 1e4 --seed 1
 
-echo "== Reconstructing events"
-"$root/build/kovra_brantel" -s 2 -t 1e-7 -i "$sample/sample.kovraphot" -o "$sample/out/sample.kovraevent"
+echo "== Reconstructing events within 4 pixels and 1 microsecond"
+"$root/build/kovra_brantel" -s 4 -t 1e-6 -i "$sample/sample.kovraphot" -o "$sample/out/sample.kovraevent"
 echo "== Wrote $sample/out/sample.kovraevent"
