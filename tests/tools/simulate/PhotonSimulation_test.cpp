@@ -238,15 +238,6 @@ TEST(SimulationModelTest, PhotonsFallingOffTheDetectorAreLostAndSnappingGivesWho
   EXPECT_GT(perFlash, 0.0);
 }
 
-TEST(SimulationModelTest, PositionsAreSubPixelUnlessSnapped) {
-  Simulation_Settings s;
-  s.duration_s = 0.001;
-  const Simulated_Run run = simulate(s);
-  const auto whole = std::count_if(run.result.photons.photonEvents.begin(), run.result.photons.photonEvents.end(),
-                                   [](const PhotonEvent& p) { return p.x.value % Length::units_per_pixel == 0; });
-  EXPECT_LT(static_cast<double>(whole), 0.01 * static_cast<double>(run.result.photons.size()));
-}
-
 TEST(SimulationModelTest, DarkCountsAloneAreUniform) {
   Simulation_Settings s;
   s.duration_s = 0.01;
@@ -279,23 +270,4 @@ TEST(SimulationModelTest, PhotonsAfterTheEndOfTheAcquisitionAreLost) {
   const double kept = static_cast<double>(run.result.nEventPhotons) /
                       (static_cast<double>(run.result.nEvents) * s.photonsPerEvent);
   EXPECT_NEAR(kept, 0.213, 0.04);
-}
-
-TEST(SimulationSortTest, RadixSortMatchesStableSortForEveryKeyWidth) {
-  Random_Generator random(23);
-  for (const int bits : {0, 1, 9, 11, 12, 23, 40}) {
-    SCOPED_TRACE(bits);
-    std::vector<PhotonEvent> photons;
-    const long origin = 1000;
-    for (int i = 0; i < 5000; ++i) {
-      const auto key = bits == 0 ? 0 : static_cast<long>(random.next() >> (64 - bits));
-      photons.push_back(PhotonEvent{Length{i}, Length{0}, Time{origin + key}});  // x records the input order
-    }
-    auto expected = photons;
-    std::stable_sort(expected.begin(), expected.end(),
-                     [](const PhotonEvent& a, const PhotonEvent& b) { return a.toa < b.toa; });
-    std::vector<PhotonEvent> scratch;
-    detail::sort_byToa(photons, scratch, origin);
-    EXPECT_TRUE(same_photons(photons, expected));
-  }
 }

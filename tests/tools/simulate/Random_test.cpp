@@ -1,5 +1,6 @@
-// The simulator's random numbers: reproducible per seed, and each distribution with the mean and spread it
-// claims. Every sample comes from a fixed seed, so the bounds (about five standard errors) never flake.
+// The simulator's random numbers: reproducible per seed, and the normal and Poisson samplers with the moments
+// they claim (the uniform and exponential ones are checked through the model: dark counts and decay delays).
+// Every sample comes from a fixed seed, so the bounds (about five standard errors) never flake.
 
 #include <cmath>
 #include <cstdint>
@@ -48,26 +49,6 @@ TEST(RandomGeneratorTest, SeedFixesTheSequence) {
   EXPECT_EQ(equalToOtherSeed, 0);
 }
 
-TEST(RandomGeneratorTest, UniformCoversTheUnitIntervalEvenly) {
-  Random_Generator random(7);
-  std::vector<int> bins(10, 0);
-  const int n = 200000;
-  for (int i = 0; i < n; ++i) {
-    const double u = random.uniform();
-    ASSERT_GE(u, 0.0);
-    ASSERT_LT(u, 1.0);
-    ++bins[static_cast<std::size_t>(u * 10.0)];
-  }
-  for (int count : bins) EXPECT_NEAR(count, n / 10, 700);  // sd 134
-}
-
-TEST(RandomGeneratorTest, ExponentialHasItsMeanAndVariance) {
-  Random_Generator random(11);
-  const auto m = sample_moments(200000, [&] { return random.exponential(3.0); });
-  EXPECT_NEAR(m.mean, 3.0, 0.035);       // sd of the mean 0.0067
-  EXPECT_NEAR(m.variance, 9.0, 0.3);     // sd of the variance about 0.05
-}
-
 TEST(RandomGeneratorTest, NormalPairIsTwoIndependentStandardNormals) {
   Random_Generator random(13);
   const std::size_t n = 100000;
@@ -99,12 +80,4 @@ TEST(RandomGeneratorTest, PoissonHasMeanEqualToVarianceForSmallAndSplitMeans) {
     EXPECT_NEAR(m.mean, mean, 5.0 * std::sqrt(mean / 40000.0) + 1e-12);
     EXPECT_NEAR(m.variance, mean, 0.05 * mean + 1e-12);
   }
-}
-
-TEST(RandomGeneratorTest, PoissonProbabilityOfZeroMatches) {
-  Random_Generator random(19);
-  int zeros = 0;
-  const int n = 100000;
-  for (int i = 0; i < n; ++i) zeros += random.poisson(2.0) == 0;
-  EXPECT_NEAR(zeros / static_cast<double>(n), std::exp(-2.0), 0.005);  // sd 0.001
 }

@@ -25,20 +25,6 @@ Simulate_Options parse(std::vector<std::string> args) {
 
 }  // namespace
 
-TEST(SimulateOptionsTest, OutputAloneGivesTheDefaults) {
-  const auto o = parse({"-o", "a.kovraphot"});
-  ASSERT_EQ(o.error, "");
-  EXPECT_EQ(o.outputPath, "a.kovraphot");
-  EXPECT_FALSE(o.writeTruth);
-  EXPECT_FALSE(o.helpRequested);
-  const Simulation_Settings d;
-  EXPECT_EQ(o.settings.duration_s, d.duration_s);
-  EXPECT_EQ(o.settings.seed, d.seed);
-  ASSERT_EQ(o.settings.classes.size(), 2u);
-  EXPECT_NE(o.settings.classes[0].slowFraction, o.settings.classes[1].slowFraction);
-  EXPECT_EQ(o.settings.triggerMode, Trigger_Mode::absent);
-}
-
 TEST(SimulateOptionsTest, EveryOptionReachesItsSetting) {
   const auto o = parse({"--output=b.kovraphot", "-d", "0.5", "-r", "1e4", "-n", "12.5", "--sigma", "0.75", "--width",
                         "128", "--height", "64", "--snap", "--tau-fast", "3e-9", "--tau-slow", "2e-7", "--class",
@@ -67,14 +53,8 @@ TEST(SimulateOptionsTest, EveryOptionReachesItsSetting) {
   EXPECT_EQ(s.triggerFrequency_Hz, 250.0);
   EXPECT_EQ(s.seed, 18446744073709551615ULL);
   EXPECT_TRUE(o.writeTruth);
-}
-
-TEST(SimulateOptionsTest, TriggerModesAndHelp) {
-  EXPECT_EQ(parse({"-o", "a.kovraphot", "--triggers", "empty"}).settings.triggerMode, Trigger_Mode::empty);
-  EXPECT_EQ(parse({"-o", "a.kovraphot", "--triggers", "10", "--triggers", "none"}).settings.triggerMode,
-            Trigger_Mode::absent);
-  EXPECT_TRUE(parse({"--help"}).helpRequested);
-  EXPECT_TRUE(parse({"-o", "x", "-h"}).helpRequested);
+  EXPECT_EQ(parse({"-o", "a.kovraphot", "--triggers", "10", "--triggers", "empty"}).settings.triggerMode,
+            Trigger_Mode::empty);  // the last one given counts
 }
 
 TEST(SimulateOptionsTest, HelpNamesEveryOption) {
@@ -95,12 +75,9 @@ TEST(SimulateOptionsTest, BadCommandLinesGetOneClearMessage) {
   } cases[] = {
       {{}, "no output file given (-o FILE.kovraphot)"},
       {{"-o", "a.kovraevent"}, "the output file must end in .kovraphot, got 'a.kovraevent'"},
-      {{"-o", ".kovraphot"}, "the output file must end in .kovraphot, got '.kovraphot'"},
       {{"-o", "a.kovraphot", "-d", "0"}, "--duration: expected seconds greater than 0 and at most 1000000, got '0'"},
       {{"-o", "a.kovraphot", "-d", "1e7"}, "--duration: expected seconds greater than 0 and at most 1000000, got '1e7'"},
-      {{"-o", "a.kovraphot", "-d", "1s"}, "--duration: expected seconds greater than 0 and at most 1000000, got '1s'"},
       {{"-o", "a.kovraphot", "-r", "-1"}, "--event-rate: expected a rate in hertz at least 0, got '-1'"},
-      {{"-o", "a.kovraphot", "-r", "nan"}, "--event-rate: expected a rate in hertz at least 0, got 'nan'"},
       {{"-o", "a.kovraphot", "-n", ""}, "--photons: expected a mean photon count at least 0 and at most 1000000, got ''"},
       {{"-o", "a.kovraphot", "--sigma", "-0.1"}, "--sigma: expected pixels at least 0, got '-0.1'"},
       {{"-o", "a.kovraphot", "--width", "0"}, "--width: expected a whole number of pixels at least 1 and at most 32767, got '0'"},
@@ -108,14 +85,11 @@ TEST(SimulateOptionsTest, BadCommandLinesGetOneClearMessage) {
        "--height: expected a whole number of pixels at least 1 and at most 32767, got '32768'"},
       {{"-o", "a.kovraphot", "--width", "2.5"}, "--width: expected a whole number of pixels, got '2.5'"},
       {{"-o", "a.kovraphot", "--tau-fast", "0"}, "--tau-fast: expected seconds greater than 0 and at most 1, got '0'"},
-      {{"-o", "a.kovraphot", "--tau-slow", "2"}, "--tau-slow: expected seconds greater than 0 and at most 1, got '2'"},
       {{"-o", "a.kovraphot", "--class", "gamma:1"}, classRule + "gamma:1'"},
-      {{"-o", "a.kovraphot", "--class", ":1:0.1"}, classRule + ":1:0.1'"},
       {{"-o", "a.kovraphot", "--class", "a,b:1:0.1"}, classRule + "a,b:1:0.1'"},
       {{"-o", "a.kovraphot", "--class", "a:0:0.1"}, classRule + "a:0:0.1'"},
       {{"-o", "a.kovraphot", "--class", "a:1:1.5"}, classRule + "a:1:1.5'"},
       {{"-o", "a.kovraphot", "--class", "a:1:0.1:2"}, classRule + "a:1:0.1:2'"},
-      {{"-o", "a.kovraphot", "--dark-rate", "x"}, "--dark-rate: expected a rate in hertz at least 0, got 'x'"},
       {{"-o", "a.kovraphot", "--triggers", "0"},
        "--triggers: expected 'none', 'empty' or a frequency in hertz greater than 0, got '0'"},
       {{"-o", "a.kovraphot", "--triggers", "1e9"}, "--triggers: more than 1e8 triggers in the acquisition"},
@@ -125,9 +99,7 @@ TEST(SimulateOptionsTest, BadCommandLinesGetOneClearMessage) {
       {{"-o", "a.kovraphot", "-r", "1e9", "-n", "10"},
        "1e+10 photons expected, more than the limit of 1e+09; shorten --duration"},
       {{"-o", "a.kovraphot", "--bogus"}, "unknown option '--bogus'"},
-      {{"-o", "a.kovraphot", "-x"}, "unknown option '-x'"},
       {{"-o", "a.kovraphot", "--seed"}, "option '--seed' needs a value"},
-      {{"-o"}, "option '-o' needs a value"},
       {{"-o", "a.kovraphot", "extra"}, "unexpected argument 'extra'"},
   };
   for (const auto& c : cases) {
