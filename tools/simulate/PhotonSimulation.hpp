@@ -173,13 +173,10 @@ Simulation_Result simulate_photonEvents(const Simulation_Settings& settings, OnE
       for (std::uint64_t i = 0; i < nEmitted; ++i) {
         // One uniform picks the component and, rescaled, gives that component's exponential delay.
         const double u = eventRandom.uniform();
-        const double delay = u < slowFraction ? -tauSlow * std::log1p(-u / slowFraction)
-                                              : -tauFast * std::log1p(-(u - slowFraction) / (1.0 - slowFraction));
-        double dx = 0.0;
-        double dy = 0.0;
-        eventRandom.normal_pair(dx, dy);
-        const double x = x0 + settings.sigma_px * dx;
-        const double y = y0 + settings.sigma_px * dy;
+        const double delay = u < slowFraction ? -tauSlow * std::log(1.0 - u / slowFraction)
+                                              : -tauFast * std::log(1.0 - (u - slowFraction) / (1.0 - slowFraction));
+        const double x = x0 + settings.sigma_px * eventRandom.normal();
+        const double y = y0 + settings.sigma_px * eventRandom.normal();
         const double t = nextEvent + delay;
         if (x < 0.0 || x >= width || y < 0.0 || y >= height || t >= end) continue;
         buffer.push_back(PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(t)}});

@@ -6,7 +6,9 @@
 
 #include <cassert>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 namespace kovra::simulate {
 
@@ -41,19 +43,26 @@ class Random_Generator {
   /// Exponential with the given mean (inversion; 1 − u lies in (0, 1], so the logarithm is finite).
   double exponential(double mean) { return -mean * std::log(1.0 - uniform()); }
 
-  /// Two independent standard normal values (Marsaglia's polar method).
-  void normal_pair(double& a, double& b) {
-    double u = 0.0;
-    double v = 0.0;
-    double s = 0.0;
-    do {
-      u = 2.0 * uniform() - 1.0;
-      v = 2.0 * uniform() - 1.0;
-      s = u * u + v * v;
-    } while (s >= 1.0 || s == 0.0);
-    const double factor = std::sqrt(-2.0 * std::log(s) / s);
-    a = u * factor;
-    b = v * factor;
+  /// Standard normal (Marsaglia and Tsang's ziggurat with 128 layers; layer and value from separate bits).
+  double normal() {
+    const auto& z = get_ziggurat();
+    for (;;) {
+      const std::uint64_t bits = next();
+      const auto hz = static_cast<std::int32_t>(static_cast<std::uint32_t>(bits));
+      const auto iz = static_cast<std::size_t>((bits >> 32) & 127);
+      const double x = hz * z.w[iz];
+      if (std::abs(static_cast<std::int64_t>(hz)) < z.k[iz]) return x;  // inside the layer's rectangle: most draws
+      if (iz == 0) {  // the tail beyond r
+        double tx = 0.0;
+        double ty = 0.0;
+        do {
+          tx = -std::log(1.0 - uniform()) / Ziggurat::r;
+          ty = -std::log(1.0 - uniform());
+        } while (ty + ty < tx * tx);
+        return hz > 0 ? Ziggurat::r + tx : -Ziggurat::r - tx;
+      }
+      if (z.f[iz] + uniform() * (z.f[iz - 1] - z.f[iz]) < std::exp(-0.5 * x * x)) return x;
+    }
   }
 
   /// Poisson with the given mean, exact for every mean: sequential inversion, whose cost is about the mean and
@@ -74,6 +83,41 @@ class Random_Generator {
   std::uint64_t state[4];
 
   static std::uint64_t rotl(std::uint64_t x, int k) { return (x << k) | (x >> (64 - k)); }
+
+  /// The layers of the normal ziggurat for 32-bit signed draws: k, the draw below which a value is accepted at
+  /// once; w, the scale from draw to value; f, the density at the layer's edge.
+  struct Ziggurat {
+    static constexpr double r = 3.442619855899;     // edge of the base layer
+    static constexpr double v = 9.91256303526217e-3;  // area of each layer
+    std::int64_t k[128];
+    double w[128];
+    double f[128];
+
+    Ziggurat() {
+      const double m = 2147483648.0;
+      double d = r;
+      double t = r;
+      const double q = v / std::exp(-0.5 * d * d);
+      k[0] = static_cast<std::int64_t>(d / q * m);
+      k[1] = 0;
+      w[0] = q / m;
+      w[127] = d / m;
+      f[0] = 1.0;
+      f[127] = std::exp(-0.5 * d * d);
+      for (int i = 126; i >= 1; --i) {
+        d = std::sqrt(-2.0 * std::log(v / d + std::exp(-0.5 * d * d)));
+        k[i + 1] = static_cast<std::int64_t>(d / t * m);
+        t = d;
+        f[i] = std::exp(-0.5 * d * d);
+        w[i] = d / m;
+      }
+    }
+  };
+
+  static const Ziggurat& get_ziggurat() {
+    static const Ziggurat ziggurat;
+    return ziggurat;
+  }
 
   std::uint64_t poisson_inversion(double mean) {
     const double u = uniform();

@@ -53,8 +53,8 @@ inline std::string get_simulateHelp() {
                 "                          (a trigger list without entries) or a frequency in hertz\n"
                 "      --seed N            seed of the random numbers, 0 to 2^64-1 (default %llu); the same seed\n"
                 "                          and options give the same file\n"
-                "      --truth             also write the true flashes to FILE.truth.csv beside the photon file\n"
-                "                          (columns t_s, x_px, y_px, nPhotons, class)\n"
+                "      --truth             also write the true flashes beside the photon file, run.kovraphot\n"
+                "                          giving run.truth.csv (columns t_s, x_px, y_px, nPhotons, class)\n"
                 "  -h, --help              print this help and exit\n"
                 "\n"
                 "Exit status: 0 on success, 2 for a bad command line, 1 when the file cannot be written.\n",
