@@ -141,7 +141,9 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       case height: {
         const char* name = c == width ? "width" : "height";
         if (!read_number(name, "a whole number of pixels", 1.0, false, 32767.0, value)) return options;
-        if (value != std::floor(value)) return fail(std::string("--") + name + ": expected a whole number of pixels, got '" + optarg + "'");
+        if (value != std::floor(value)) {
+          return fail(std::string("--") + name + ": expected a whole number of pixels, got '" + optarg + "'");
+        }
         (c == width ? s.width_px : s.height_px) = static_cast<int>(value);
         break;
       }
@@ -187,7 +189,8 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
           s.triggerMode = Trigger_Mode::periodic;
           s.triggerFrequency_Hz = value;
         } else {
-          return fail("--triggers: expected 'none', 'empty' or a frequency in hertz greater than 0, got '" + text + "'");
+          return fail("--triggers: expected 'none', 'empty' or a frequency in hertz greater than 0, got '" + text +
+                      "'");
         }
         break;
       }

@@ -213,7 +213,8 @@ TEST(SimulationModelTest, ClassWeightsSetTheShareOfFlashes) {
   s.eventRate_Hz = 1.0e6;
   s.classes = {{"a", 1.0, 0.0}, {"b", 3.0, 1.0}};
   const Simulated_Run run = simulate(s);
-  const auto b = std::count_if(run.truth.begin(), run.truth.end(), [](const True_Event& e) { return e.classIndex == 1; });
+  const auto b =
+      std::count_if(run.truth.begin(), run.truth.end(), [](const True_Event& e) { return e.classIndex == 1; });
   EXPECT_NEAR(static_cast<double>(b) / static_cast<double>(run.truth.size()), 0.75, 0.025);
 }
 
