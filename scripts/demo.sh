@@ -1,15 +1,29 @@
 #!/usr/bin/env bash
-# First run: installs what is missing, builds, simulates a small sample photon file and reconstructs its events.
+# First run: installs what is missing, builds, simulates a small sample photon file, reconstructs its events and
+# shows what came out.
+#
+# KOVRA_BUILD_DIR  use the programs of an existing build instead of building into build/
+# KOVRA_DEMO_DIR   where the sample files go (default: sample/)
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-"$root/scripts/build.sh"
-
-sample="$root/sample"
+if [ -n "${KOVRA_BUILD_DIR:-}" ]; then
+  bin="$KOVRA_BUILD_DIR"
+else
+  "$root/scripts/build.sh"
+  bin="$root/build"
+fi
+sample="${KOVRA_DEMO_DIR:-$root/sample}"
 mkdir -p "$sample"
 
-echo "== Simulating 1 ms of a scintillator (about 100 flashes) with external triggers at 10 kHz"
-"$root/build/kovra_simulate" --output "$sample/sample.kovraphot" --duration 1e-3 --triggers 1e4 --seed 1
+echo "== Simulating 10 ms of a scintillator (about 1000 flashes of 20 photons) with external triggers at 10 kHz"
+"$bin/kovra_simulate" --output "$sample/sample.kovraphot" --duration 1e-2 --triggers 1e4 --seed 1 --truth
 
+echo
 echo "== Reconstructing events within 4 pixels and 1 microsecond"
-"$root/build/kovra_brantel" -s 4 -t 1e-6 -i "$sample/sample.kovraphot" -o "$sample/out/sample.kovraevent"
-echo "== Wrote $sample/out/sample.kovraevent"
+"$bin/kovra_brantel" -s 4 -t 1e-6 -i "$sample/sample.kovraphot" -o "$sample/out/sample.kovraevent"
+
+echo
+echo "== What the event file holds"
+"$bin/kovra_inspect" "$sample/out/sample.kovraevent" --summary --image "$sample/out/sample_events.png"
+echo
+echo "Event map: $sample/out/sample_events.png; true flashes: $sample/sample.truth.csv"
