@@ -85,6 +85,7 @@ measure() {
   done
 }
 
+load=$(cut -d ' ' -f 1 /proc/loadavg)
 rows=()
 : >"$data/figures.tsv"
 printf '%-8s %-28s %10s %8s %9s %9s %8s %8s\n' dataset algorithm events wall_s Mphot/s peak_MB limit_s ratio
@@ -107,8 +108,8 @@ for entry in "${datasets[@]}"; do
     limit=$best_s
     row=$(awk -v n="$name" -v a="$algorithm" -v p="$photons" -v e="$events" -v w="$wall" -v m="$memory_kb" \
               -v i="$input_bytes" -v o="$output_bytes" -v l="$limit" 'BEGIN {
-      printf "| %s | %.1f | %s | %s | %.3f | %.1f | %.0f | %.2f | %.3f | %.1f |",
-             n, p / 1e6, a, e, w, p / w / 1e6, m / 1024, m * 1024 / (i + o), l, w / l }')
+      printf "| %s | %.1f | %s | %s | %.3f | %.1f | %.0f | %.2f | %.3f | %.0f | %.1f |",
+             n, p / 1e6, a, e, w, p / w / 1e6, m / 1024, m * 1024 / (i + o), l, (i + o) / l / 1e6, w / l }')
     rows+=("$row")
     printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$name" "$algorithm" "$photons" "$wall" "$memory_kb" "$input_bytes" \
       "$output_bytes" "$limit" >>"$data/figures.tsv"
@@ -118,8 +119,9 @@ for entry in "${datasets[@]}"; do
   rm -f "$data"/"$name".*.kovraevent "$data/limit.out"
 done
 
-header="| Dataset | Photons (M) | Algorithm | Events | Wall (s) | Photons/s (M) | Peak RSS (MB) | RSS / (input + output) | Limit (s) | Wall / limit |
-|---|---:|---|---:|---:|---:|---:|---:|---:|---:|"
+header="| Dataset | Photons (M) | Algorithm | Events | Wall (s) | Photons/s (M) | Peak RSS (MB) | RSS / (input + output) \
+| Limit (s) | Limit (MB/s) | Wall / limit |
+|---|---:|---|---:|---:|---:|---:|---:|---:|---:|---:|"
 table="$header"
 for row in "${rows[@]}"; do table+=$'\n'"$row"; done
 # The targets: the default algorithm on the nominal dataset at 100 million photons per second or more and within
@@ -155,7 +157,8 @@ I/O and nothing else. Input files are in the page cache, as they are right after
 - Command: \`$command_line\`
 - Commit: $commit
 - Date: $(date -u '+%Y-%m-%d %H:%M UTC')
-- Machine: $(nproc) cores, $cpu, $memory, $(uname -sr)
+- Machine: $(nproc) cores, $cpu, $memory, $(uname -sr); load average at the start $load (other work on the
+  machine lengthens the wall times)
 - Search settings: \`${settings[*]}\` (pixels, seconds)
 
 ## Datasets
