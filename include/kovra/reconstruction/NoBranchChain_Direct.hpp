@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -24,7 +25,7 @@ namespace detail {
 /// The settings of a no-branch chain, read once per call.
 template <typename Length_Type, typename Time_Type>
 struct NoBranchChain_Window {
-  std::int64_t dSpace;
+  Length_Type dSpace;
   Time_Type dTime;
   double factor;
   Time_Type durationMax;
@@ -35,33 +36,60 @@ struct NoBranchChain_Window {
     return std::min(tEnd, add_saturating(tLast, d));
   }
 
-  /// Grows the chain of the seed at `seedIndex` over the photons after it, taking (and marking) the free photons
-  /// that join. The caller has checked that the photon after the seed lies inside the seed's window.
-  template <typename PhotonEventChain_Type, typename PhotonEvent_Type>
+  /// Grows the chain of the seed at `seedIndex`, offering it the photons from `firstCandidate` on and taking
+  /// (marking) the free photons that join. The caller has checked that `firstCandidate` lies inside the seed's
+  /// window, and that the photons it passed over could not have joined.
+  ///
+  /// With `ordered` (photons in time order) taken photons are jumped over without reading them: they cannot
+  /// join, and the first free photon after them is no earlier than they are, so it ends the chain whenever one
+  /// of them would have. Without it every photon is read, so input out of order meets the plain comparisons.
+  ///
+  /// `resume`, when given, receives for each photon that was the chain's last one how far past it the chain
+  /// looked while it was last (capped at 255): the photons in between were taken or out of its reach, and
+  /// stay so, so a chain seeded later by that photon can start looking there.
+  template <bool ordered, typename PhotonEventChain_Type, typename PhotonEvent_Type>
   PhotonEventChain_Type grow(const PhotonEvent_Type* photon, std::size_t nPhotons, std::size_t seedIndex,
-                             Time_Type tEnd, Bits_Packed& taken) const {
+                             std::size_t firstCandidate, Time_Type tEnd, Bits_Packed& taken,
+                             std::uint8_t* resume) const {
+    // |a - b| < dSpace on the wrapped 32-bit difference, as one unsigned comparison: the difference shifted by
+    // dSpace - 1 must fall in [0, 2 dSpace - 2]. A distance of 0 or less admits nothing.
+    const std::int64_t offset = static_cast<std::int64_t>(dSpace.value) - 1;
+    const std::uint64_t width = dSpace.value > 0 ? 2 * static_cast<std::uint64_t>(dSpace.value) - 1 : 0;
+    const auto near = [offset, width](Length_Type a, Length_Type b) {
+      return static_cast<std::uint64_t>(static_cast<std::int64_t>((a - b).value) + offset) < width;
+    };
+    const auto note_resume = [resume](std::size_t from, std::size_t to) {
+      if (resume) resume[from] = static_cast<std::uint8_t>(std::min<std::size_t>(to - from, 255));
+    };
+
     const PhotonEvent_Type& seed = photon[seedIndex];
     PhotonEventChain_Type chain(seed);
+    std::size_t last = seedIndex;
     Length_Type lastX = seed.x;
     Length_Type lastY = seed.y;
     Time_Type tLast = seed.toa;
     Time_Type d = dTime;
     Time_Type limit = limit_of(tLast, d, tEnd);
-    std::size_t j = seedIndex + 1;
-    do {
+    std::size_t j = firstCandidate;
+    for (;;) {
       const PhotonEvent_Type& candidate = photon[j];
-      if (!taken.test(j) && (lastX - candidate.x).abs() < dSpace && (lastY - candidate.y).abs() < dSpace) {
+      // One branch for the three tests: most candidates fail one of them at random.
+      if (near(lastX, candidate.x) & near(lastY, candidate.y) & !taken.test(j)) {
         chain.add_photon(candidate);
         taken.set(j);
         // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
         if (factor != 0.0) d = add_saturating(d, (candidate.toa - tLast).scaled(factor));
+        note_resume(last, j + 1);
+        last = j;
         tLast = candidate.toa;
         lastX = candidate.x;
         lastY = candidate.y;
         limit = limit_of(tLast, d, tEnd);
       }
       ++j;
-    } while (j < nPhotons && photon[j].toa <= limit);
+      if (j == nPhotons || photon[j].toa > limit) break;
+    }
+    note_resume(last, j);
     return chain;
   }
 };
@@ -70,7 +98,7 @@ template <typename Reconstruction_Type>
 auto make_noBranchChain_window(const Reconstruction_Type& settings) {
   using Length_Type = decltype(settings.dSpace);
   using Time_Type = decltype(settings.dTime);
-  return NoBranchChain_Window<Length_Type, Time_Type>{settings.dSpace.value, settings.dTime,
+  return NoBranchChain_Window<Length_Type, Time_Type>{settings.dSpace, settings.dTime,
                                                        settings.dTime_ext.value_or(0.0), settings.durationMax};
 }
 
@@ -86,17 +114,26 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
   events.reserve(nPhotons);
   detail::Bits_Packed taken(nPhotons);
 
-  for (std::size_t i = 0; i < nPhotons; ++i) {
-    if (taken.test(i)) continue;
-    taken.set(i);
-    const PhotonEvent_Type& seed = photon[i];
-    const Time_Type tEnd = seed.toa + durationMax;
-    if (i + 1 < nPhotons && photon[i + 1].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
-      const auto chain = window.template grow<PhotonEventChain_Type>(photon, nPhotons, i, tEnd, taken);
-      events.push_back(chain.to_event());
-    } else {
-      events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
+  const auto run = [&]<bool ordered>() {
+    for (std::size_t i = 0; i < nPhotons; ++i) {
+      if (taken.test(i)) continue;
+      taken.set(i);
+      const PhotonEvent_Type& seed = photon[i];
+      const Time_Type tEnd = seed.toa + durationMax;
+      const std::size_t first = ordered ? taken.find_clear(i + 1, nPhotons) : i + 1;
+      if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
+        const auto chain = window.template grow<ordered, PhotonEventChain_Type>(photon, nPhotons, i, first, tEnd,
+                                                                                taken, nullptr);
+        events.push_back(chain.to_event());
+      } else {
+        events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
+      }
     }
+  };
+  if (detail::is_timeOrdered(photons.photonEvents)) {
+    run.template operator()<true>();
+  } else {
+    run.template operator()<false>();
   }
 
   return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));

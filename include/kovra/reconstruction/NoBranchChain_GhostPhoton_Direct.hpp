@@ -8,6 +8,7 @@
 // continues a chain where an earlier one ended or passed it by. A free seed gives an event in any case.
 
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -27,18 +28,33 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
   events.reserve(nPhotons);
   detail::Bits_Packed taken(nPhotons);
 
-  for (std::size_t i = 0; i < nPhotons; ++i) {
-    const PhotonEvent_Type& seed = photon[i];
-    const bool seedTaken = taken.test(i);
-    const Time_Type tEnd = seed.toa + durationMax;
-    if (i + 1 < nPhotons && photon[i + 1].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
-      const auto chain = window.template grow<PhotonEventChain_Type>(photon, nPhotons, i, tEnd, taken);
-      if (chain.nPhotons > 1) {
-        events.push_back(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
-        continue;
+  const auto run = [&]<bool ordered>() {
+    // How far past a taken photon its own chain looked while the photon was its last one; see grow().
+    std::vector<std::uint8_t> resume(ordered ? nPhotons : 0);
+    for (std::size_t i = 0; i < nPhotons; ++i) {
+      const PhotonEvent_Type& seed = photon[i];
+      const bool seedTaken = taken.test(i);
+      const Time_Type tEnd = seed.toa + durationMax;
+      std::size_t first = i + 1;
+      if constexpr (ordered) {
+        if (seedTaken && resume[i] != 0) first = i + resume[i];
+        first = taken.find_clear(first, nPhotons);
       }
+      if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
+        const auto chain = window.template grow<ordered, PhotonEventChain_Type>(
+            photon, nPhotons, i, first, tEnd, taken, ordered ? resume.data() : nullptr);
+        if (chain.nPhotons > 1) {
+          events.push_back(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
+          continue;
+        }
+      }
+      if (!seedTaken) events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
     }
-    if (!seedTaken) events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
+  };
+  if (detail::is_timeOrdered(photons.photonEvents)) {
+    run.template operator()<true>();
+  } else {
+    run.template operator()<false>();
   }
 
   return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));

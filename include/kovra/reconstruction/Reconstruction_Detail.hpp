@@ -3,6 +3,7 @@
 // Small pieces shared by the reconstruction algorithms.
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
@@ -19,6 +20,20 @@ class Bits_Packed {
 
   bool test(std::size_t index) const { return (words[index >> 6] >> (index & 63)) & 1U; }
   void set(std::size_t index) { words[index >> 6] |= std::uint64_t{1} << (index & 63); }
+
+  /// The first index from `from` on whose bit is clear, or `size` when there is none before it.
+  std::size_t find_clear(std::size_t from, std::size_t size) const {
+    if (from >= size) return size;
+    std::size_t word = from >> 6;
+    std::uint64_t clear = ~words[word] >> (from & 63);
+    if (clear != 0) return std::min(size, from + static_cast<std::size_t>(std::countr_zero(clear)));
+    const std::size_t lastWord = (size - 1) >> 6;
+    while (++word <= lastWord) {
+      clear = ~words[word];
+      if (clear != 0) return std::min(size, (word << 6) + static_cast<std::size_t>(std::countr_zero(clear)));
+    }
+    return size;
+  }
 
   /// Clears the bits first..last, both included.
   void clear_range(std::size_t first, std::size_t last) {
@@ -39,6 +54,15 @@ class Bits_Packed {
  private:
   std::vector<std::uint64_t> words;
 };
+
+/// Whether the photons are in non-decreasing time of arrival. The algorithms take shortcuts that rely on it
+/// (skipping photons that cannot join without reading their times) only when it holds; otherwise they walk
+/// every photon, and input out of order meets the same comparisons and assertions as it would in a plain walk.
+template <typename PhotonEvent_Type>
+bool is_timeOrdered(const std::vector<PhotonEvent_Type>& photons) {
+  return std::is_sorted(photons.begin(), photons.end(),
+                        [](const PhotonEvent_Type& a, const PhotonEvent_Type& b) { return a.toa < b.toa; });
+}
 
 /// The line the algorithms without a window extension print when a factor is given anyway. Written straight to
 /// standard output and flushed, so that it shows whatever the log level.
