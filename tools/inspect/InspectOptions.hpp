@@ -87,7 +87,7 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
       case 'i': options.imageFile = optarg; break;
       case 'b':
         options.binning = detail::parse_number<double>("binning", optarg);
-        if (!(options.binning * 65536.0 >= 0.5) || !(options.binning <= 1e9)) {
+        if (!(options.binning * 65536.0 >= 1.0) || !(options.binning <= 1e9)) {
           throw std::invalid_argument("option --binning must be between 1/65536 and 1e9 pixels");
         }
         break;
