@@ -78,7 +78,9 @@ class Histogram_Linear {
   std::size_t get_bin(double value) const {
     assert(value >= lo && value <= hi);
     if (counts.size() == 1) return 0;
-    const double position = (value - lo) / (hi - lo) * static_cast<double>(counts.size());
+    // Halves first, so that a range wider than the largest double does not overflow to infinity.
+    const double fraction = (value * 0.5 - lo * 0.5) / (hi * 0.5 - lo * 0.5);
+    const double position = fraction * static_cast<double>(counts.size());
     return std::min(static_cast<std::size_t>(position), counts.size() - 1);
   }
 
@@ -89,7 +91,8 @@ class Histogram_Linear {
 
   double get_edge(std::size_t i) const {
     if (i == counts.size()) return hi;
-    return lo + (hi - lo) * static_cast<double>(i) / static_cast<double>(counts.size());
+    const double fraction = static_cast<double>(i) / static_cast<double>(counts.size());
+    return lo * (1.0 - fraction) + hi * fraction;
   }
 
   /// Every bin, labelled by its edges times `labelScale` with `digits` significant digits: "[a, b)", the last

@@ -53,8 +53,13 @@ struct File_Summary {
   Value_Range<Time> extTriggerTime;
   std::optional<Event_Summary> events;
 
-  /// Span between the earliest and the latest record in seconds; 0 for fewer than two records.
-  double get_span_s() const { return time.min ? (*time.max - *time.min).get_seconds() : 0.0; }
+  /// Span between the earliest and the latest record in seconds; 0 for an empty file.
+  double get_span_s() const { return time.min ? get_span_s(time) : 0.0; }
+
+  /// Difference of two raw times taken in double, so that it cannot wrap around; exact up to 2^53 ticks.
+  static double get_span_s(const Value_Range<Time>& range) {
+    return (static_cast<double>(range.max->value) - static_cast<double>(range.min->value)) * Time::tick_seconds;
+  }
 
   /// Records per second over the span; absent when the span is zero.
   std::optional<double> get_rate() const {
@@ -147,7 +152,7 @@ inline void print_summary(std::ostream& out, const File_Summary& s) {
   } else {
     const Value_Range<Time>& r = s.extTriggerTime;
     out << *s.extTriggerCount << ", " << seconds(*r.min) << " .. " << seconds(*r.max) << ", span "
-        << format_rounded((*r.max - *r.min).get_seconds(), 9) << " s\n";
+        << format_rounded(File_Summary::get_span_s(r), 9) << " s\n";
   }
 
   if (!s.events || s.count == 0) return;

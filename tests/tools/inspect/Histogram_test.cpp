@@ -1,4 +1,4 @@
-// Photon-count bins: every 64-bit value in exactly one bin, the bins in order and meeting at powers of two.
+// Histogram bins: every 64-bit photon count in exactly one bin, and real ranges too wide for plain arithmetic.
 
 #include "inspect/Histogram.hpp"
 
@@ -24,6 +24,15 @@ TEST(HistogramTest, PowerOfTwoBinsCoverEveryValueOnceInOrder) {
     next = hi + 1;
   }
   EXPECT_EQ(next, 0u);  // the last bin ends at the largest 64-bit value
+}
+
+TEST(HistogramTest, LinearBinsSpanningMoreThanTheLargestDouble) {
+  kovra::inspect::Histogram_Linear histogram(-1e308, 1e308, 10);
+  for (const double v : {-1e308, 0.0, 1e308}) histogram.add(v);
+  EXPECT_EQ(histogram.get_count(0), 1u);
+  EXPECT_EQ(histogram.get_count(5), 1u);
+  EXPECT_EQ(histogram.get_count(9), 1u);
+  EXPECT_EQ(histogram.get_edge(5), 0.0);
 }
 
 }  // namespace
