@@ -35,7 +35,7 @@ std::vector<typename Reconstruction_Type::PhotonEventChain_Type> build_forwardCh
   const auto durationMax = settings.durationMax;
 
   std::vector<Chain_Type> chains;
-  chains.reserve(nPhotons);
+  reserve_records(chains, nPhotons);
   // Every entry is written before it is read (photon i is given a chain before any later photon looks at it).
   const auto chainOfPhoton = std::make_unique_for_overwrite<Index_Type[]>(nPhotons);
 
@@ -76,7 +76,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_forwar
                           : detail::build_forwardChains<std::size_t>(*this, photons);
 
   std::vector<Event_Type> events;
-  events.reserve(chains.size());
+  detail::reserve_records(events, chains.size());
   for (const auto& chain : chains) events.push_back(chain.to_event());
 
   return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));

@@ -25,7 +25,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
   const std::size_t nPhotons = photons.photonEvents.size();
   const PhotonEvent_Type* const photon = photons.photonEvents.data();
   std::vector<Event_Type> events;
-  events.reserve(nPhotons);
+  detail::reserve_records(events, nPhotons);
   detail::Bits_Packed taken(nPhotons);
 
   const auto run = [&]<bool ordered>() {

@@ -11,6 +11,8 @@
 #include <optional>
 #include <vector>
 
+#include "kovra/detail/RecordIO.hpp"
+
 namespace kovra::detail {
 
 /// One bit per photon, all clear at the start.
