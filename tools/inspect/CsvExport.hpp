@@ -34,8 +34,8 @@ inline void append_csvRow(std::string& line, const PhotonEvent& photon) {
 inline void append_csvRow(std::string& line, const Event& event) {
   line += std::to_string(event.x.value) + ',' + std::to_string(event.y.value) + ',' + std::to_string(event.t.value) +
           ',' + format_exact(event.x.get_pixels()) + ',' + format_exact(event.y.get_pixels()) + ',' +
-          format_exact(event.t.get_seconds()) + ',' + std::to_string(event.nPhotons) + ',' +
-          format_exact(event.psd) + '\n';
+          format_exact(event.t.get_seconds()) + ',' + std::to_string(event.nPhotons) + ',' + format_exact(event.psd) +
+          '\n';
 }
 
 /// Writes the whole file as CSV to `out`, one chunk of records at a time; throws std::runtime_error when the

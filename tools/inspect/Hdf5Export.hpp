@@ -94,8 +94,8 @@ class H5_Writer {
 
   void write_doubleAttribute(hid_t object, const std::string& name, double value) const {
     const H5_Handle space = handle(H5Screate(H5S_SCALAR), H5Sclose);
-    const H5_Handle attribute = handle(
-        H5Acreate2(object, name.c_str(), H5T_IEEE_F64LE, space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
+    const H5_Handle attribute =
+        handle(H5Acreate2(object, name.c_str(), H5T_IEEE_F64LE, space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
     check(H5Awrite(attribute.get(), H5T_NATIVE_DOUBLE, &value));
   }
 
@@ -149,7 +149,8 @@ void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);  // failures become one exception, not a printed error stack
   const detail::H5_Writer writer(fileName);
 
-  const H5_Handle h5File = writer.handle(H5Fcreate(fileName.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+  const H5_Handle h5File =
+      writer.handle(H5Fcreate(fileName.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
   const H5_Handle recordType = writer.create_recordType<Record_Type>();
   const H5_Handle records =
       writer.create_dataset(h5File.get(), Record_Traits<Record_Type>::name, recordType.get(), file.size());

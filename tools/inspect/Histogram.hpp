@@ -70,8 +70,7 @@ class Histogram_PowerOfTwo {
 /// With lo == hi there is one bin holding exactly that value. Values outside the range are a caller's fault.
 class Histogram_Linear {
  public:
-  Histogram_Linear(double lo_, double hi_, std::size_t nBins_)
-      : lo(lo_), hi(hi_), counts(lo_ == hi_ ? 1 : nBins_, 0) {
+  Histogram_Linear(double lo_, double hi_, std::size_t nBins_) : lo(lo_), hi(hi_), counts(lo_ == hi_ ? 1 : nBins_, 0) {
     assert(lo <= hi && nBins_ > 0);
   }
 
@@ -132,9 +131,8 @@ inline void draw_bars(std::ostream& out, const std::vector<Histogram_Bar>& bars,
       const double scaled = static_cast<double>(bar.count) / static_cast<double>(maxCount) * static_cast<double>(width);
       length = std::max<std::size_t>(1, static_cast<std::size_t>(std::lround(scaled)));
     }
-    out << indent << std::string(labelWidth - bar.label.size(), ' ') << bar.label << " |"
-        << std::string(length, '#') << std::string(width - length, ' ') << "| " << bar.count << " ("
-        << format_percent(bar.count, total) << "%)\n";
+    out << indent << std::string(labelWidth - bar.label.size(), ' ') << bar.label << " |" << std::string(length, '#')
+        << std::string(width - length, ' ') << "| " << bar.count << " (" << format_percent(bar.count, total) << "%)\n";
   }
 }
 

@@ -3,6 +3,7 @@
 // One run of kovra_inspect: open the file through the reader of its type, then the summary and the exports
 // asked for, each a walk over the records.
 
+#include <cstdint>
 #include <fstream>
 #include <ostream>
 #include <stdexcept>

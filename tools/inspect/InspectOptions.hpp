@@ -27,10 +27,10 @@ struct Inspect_Options {
 
 inline const std::vector<option>& get_inspectLongOptions() {
   static const std::vector<option> options = {
-      {"summary", no_argument, nullptr, 's'},  {"csv", required_argument, nullptr, 'c'},
-      {"hdf5", required_argument, nullptr, 'H'}, {"image", required_argument, nullptr, 'i'},
+      {"summary", no_argument, nullptr, 's'},       {"csv", required_argument, nullptr, 'c'},
+      {"hdf5", required_argument, nullptr, 'H'},    {"image", required_argument, nullptr, 'i'},
       {"binning", required_argument, nullptr, 'b'}, {"size", required_argument, nullptr, 'S'},
-      {"help", no_argument, nullptr, 'h'},     {nullptr, 0, nullptr, 0}};
+      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
   return options;
 }
 
@@ -81,10 +81,18 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
   int c = 0;
   while ((c = getopt_long(argc, argv, ":sc:i:b:h", longOptions.data(), nullptr)) != -1) {
     switch (c) {
-      case 's': options.summary = true; break;
-      case 'c': options.csvFile = optarg; break;
-      case 'H': options.hdf5File = optarg; break;
-      case 'i': options.imageFile = optarg; break;
+      case 's':
+        options.summary = true;
+        break;
+      case 'c':
+        options.csvFile = optarg;
+        break;
+      case 'H':
+        options.hdf5File = optarg;
+        break;
+      case 'i':
+        options.imageFile = optarg;
+        break;
       case 'b':
         options.binning = detail::parse_number<double>("binning", optarg);
         if (!(options.binning * 65536.0 >= 1.0) || !(options.binning <= 1e9)) {
@@ -97,8 +105,11 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
           throw std::invalid_argument("option --size must be between 1 and 32768 pixels");
         }
         break;
-      case 'h': options.helpRequested = true; return options;
-      case ':': throw std::invalid_argument(std::string("option ") + argv[optind - 1] + " needs a value");
+      case 'h':
+        options.helpRequested = true;
+        return options;
+      case ':':
+        throw std::invalid_argument(std::string("option ") + argv[optind - 1] + " needs a value");
       default:
         if (optopt != 0) throw std::invalid_argument(std::string("unknown option -") + static_cast<char>(optopt));
         throw std::invalid_argument(std::string("unknown option ") + argv[optind - 1]);

@@ -6,12 +6,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <optional>
 #include <ostream>
 #include <span>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include "inspect/Format.hpp"
 #include "inspect/Histogram.hpp"

@@ -69,7 +69,8 @@ TEST(CsvExportTest, PhotonLinesAndEmptyFile) {
   write_bytes(name, photon_file({{px / 2, 3 * px, 640000000}, {-7, 0, -1}}, std::vector<std::int64_t>{1}));
   std::ostringstream out;
   write_csv(out, RecordFile<PhotonEvent>(name));
-  EXPECT_EQ(out.str(), "x,y,toa,x_px,y_px,toa_s\n32768,196608,640000000,0.5,3,1\n-7,0,-1,-0.0001068115234375,0,-1.5625e-09\n");
+  EXPECT_EQ(out.str(),
+            "x,y,toa,x_px,y_px,toa_s\n32768,196608,640000000,0.5,3,1\n-7,0,-1,-0.0001068115234375,0,-1.5625e-09\n");
 
   write_bytes(name, photon_file({}));
   std::ostringstream empty;

@@ -50,7 +50,8 @@ double read_scale(hid_t file, const char* path, const char* name) {
 
 TEST(Hdf5ExportTest, EventRoundTripWithTriggersAndUnits) {
   std::vector<Event_Row> rows;
-  for (int i = 0; i < 9; ++i) rows.push_back({i * px - 5, -i * px, 1000000L * i - 3, std::uint64_t{1} << i, 1.25e-9 * i});
+  for (int i = 0; i < 9; ++i)
+    rows.push_back({i * px - 5, -i * px, 1000000L * i - 3, std::uint64_t{1} << i, 1.25e-9 * i});
   rows.push_back({std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max(),
                   std::numeric_limits<std::int64_t>::max(), ~std::uint64_t{0}, -0.0});
   const std::vector<std::int64_t> triggers = {7, -3, std::numeric_limits<std::int64_t>::min()};

@@ -65,8 +65,8 @@ TEST(PngExportTest, RecordsLandInTheirPixelRowDownColumnAcross) {
 
 TEST(PngExportTest, MoreRecordsAreBrighterOnALogarithmicScale) {
   const TempDir dir;
-  std::vector<Photon_Row> rows(99, {0, 0, 0});     // pixel (0, 0): 99
-  rows.insert(rows.end(), 9, {px, 0, 0});          // pixel (1, 0): 9
+  std::vector<Photon_Row> rows(99, {0, 0, 0});  // pixel (0, 0): 99
+  rows.insert(rows.end(), 9, {px, 0, 0});       // pixel (1, 0): 9
   write_bytes(dir.file("p.kovraphot"), photon_file(rows));
   write_positionImage(dir.file("m.png"), RecordFile<PhotonEvent>(dir.file("p.kovraphot")), 4, 1.0);
   std::uint32_t width = 0, height = 0;

@@ -79,11 +79,12 @@ TEST(RecordFileTest, EveryTruncationFailsAsInTheLibrary) {
 TEST(RecordFileTest, ChunksJoinToTheLibrarysRecordsForEveryChunkSize) {
   // Triggers first, then an events block that a second one replaces: only the second one counts.
   std::vector<Event_Row> second;
-  for (int i = 0; i < 7; ++i) second.push_back({i * px + i, -i, 1000L * i, static_cast<std::uint64_t>(i + 1), 1e-9 * i});
+  for (int i = 0; i < 7; ++i)
+    second.push_back({i * px + i, -i, 1000L * i, static_cast<std::uint64_t>(i + 1), 1e-9 * i});
   const TempDir dir;
   const std::string name = dir.file("walk.kovraevent");
-  write_bytes(name, FileBytes::file(3, triggers_block({9, 8, 7}).raw(events_block(some_events).data).raw(
-                                           events_block(second).data))
+  write_bytes(name, FileBytes::file(
+                        3, triggers_block({9, 8, 7}).raw(events_block(some_events).data).raw(events_block(second).data))
                         .data);
   const auto expected = kovra::tpx3spidr::FileHandler_Events().load_file(name);
   ASSERT_EQ(expected.events.size(), 7u);

@@ -1,10 +1,9 @@
 // End-to-end runs of the built kovra_inspect: exit status, standard output and standard error apart, and the
 // files it writes.
 
-#include <sys/wait.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cstdlib>
 #include <string>
@@ -25,8 +24,8 @@ class InspectProgramTest : public ::testing::Test {
 
   /// Runs the program in the temporary directory; returns the exit status, output and error in `out`, `err`.
   int run(const std::string& arguments) {
-    const std::string command = "cd '" + dir.path().string() + "' && '" KOVRA_INSPECT_PATH "' " + arguments +
-                                " > stdout.txt 2> stderr.txt";
+    const std::string command =
+        "cd '" + dir.path().string() + "' && '" KOVRA_INSPECT_PATH "' " + arguments + " > stdout.txt 2> stderr.txt";
     const int raw = std::system(command.c_str());
     out = read_bytes(dir.file("stdout.txt"));
     err = read_bytes(dir.file("stderr.txt"));
