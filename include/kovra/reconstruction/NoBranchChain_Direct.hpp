@@ -47,10 +47,12 @@ struct NoBranchChain_Window {
   /// `resume`, when given, receives for each photon that was the chain's last one how far past it the chain
   /// looked while it was last (capped at 255): the photons in between were taken or out of its reach, and
   /// stay so, so a chain seeded later by that photon can start looking there.
-  template <bool ordered, typename PhotonEventChain_Type, typename PhotonEvent_Type>
+  ///
+  /// `on_take(j)` is called for every photon the chain takes.
+  template <bool ordered, typename PhotonEventChain_Type, typename PhotonEvent_Type, typename OnTake_Type>
   PhotonEventChain_Type grow(const PhotonEvent_Type* photon, std::size_t nPhotons, std::size_t seedIndex,
-                             std::size_t firstCandidate, Time_Type tEnd, Bits_Packed& taken,
-                             std::uint8_t* resume) const {
+                             std::size_t firstCandidate, Time_Type tEnd, Bits_Packed& taken, std::uint8_t* resume,
+                             const OnTake_Type& on_take) const {
     // |a - b| < dSpace on the wrapped 32-bit difference, as one unsigned comparison: the difference shifted by
     // dSpace - 1 must fall in [0, 2 dSpace - 2]. A distance of 0 or less admits nothing.
     const std::int64_t offset = static_cast<std::int64_t>(dSpace.value) - 1;
@@ -77,6 +79,7 @@ struct NoBranchChain_Window {
       if (near(lastX, candidate.x) & near(lastY, candidate.y) & !taken.test(j)) {
         chain.add_photon(candidate);
         taken.set(j);
+        on_take(j);
         // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
         if (factor != 0.0) d = add_saturating(d, (candidate.toa - tLast).scaled(factor));
         note_resume(last, j + 1);
@@ -123,7 +126,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
       const std::size_t first = ordered ? taken.find_clear(i + 1, nPhotons) : i + 1;
       if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
         const auto chain = window.template grow<ordered, PhotonEventChain_Type>(photon, nPhotons, i, first, tEnd,
-                                                                                taken, nullptr);
+                                                                                taken, nullptr, [](std::size_t) {});
         events.push_back(chain.to_event());
       } else {
         events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});

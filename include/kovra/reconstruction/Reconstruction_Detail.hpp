@@ -57,6 +57,87 @@ class Bits_Packed {
   std::vector<std::uint64_t> words;
 };
 
+/// a + b, held at the type's bounds instead of wrapping. Equal to the plain sum wherever that one is defined;
+/// lets an unlimited window stay unlimited.
+template <typename Time_Type>
+constexpr Time_Type add_saturating(Time_Type a, Time_Type b) {
+  using Value_Type = typename Time_Type::value_type;
+  constexpr Value_Type highest = std::numeric_limits<Value_Type>::max();
+  constexpr Value_Type lowest = std::numeric_limits<Value_Type>::min();
+  if (b.value > 0 && a.value > highest - b.value) return Time_Type{highest};
+  if (b.value < 0 && a.value < lowest - b.value) return Time_Type{lowest};
+  return Time_Type{static_cast<Value_Type>(a.value + b.value)};
+}
+
+/// Counts of free photons per spatial cell, over a sliding range of the photon list: a quick answer to "is there
+/// any free photon within dSpace (per axis) of this position in the range?". Cells are at least dSpace wide, so
+/// such a photon lies in one of the 3 x 3 cells around the position, counted with the same 32-bit wrap-around
+/// as the distance test. The table folds the cell grid onto 128 x 128 slots (a torus), so cells 128 apart share
+/// a slot: that can turn a true "no" into "maybe", never a "yes" into "no". Counts are exact while fewer than
+/// 2^32 photons are counted.
+template <typename Length_Type>
+class Cells_FreePhotons {
+ public:
+  explicit Cells_FreePhotons(Length_Type dSpace)
+      : shift(dSpace.value <= 1 ? 0 : static_cast<int>(std::bit_width(static_cast<std::uint32_t>(dSpace.value - 1)))),
+        cellMask(~std::uint32_t{0} >> shift),
+        counts(side * side, 0) {}
+
+  template <typename PhotonEvent_Type>
+  void add(const PhotonEvent_Type& p) {
+    ++counts[slot_of(cell_of(p.x), cell_of(p.y))];
+  }
+  template <typename PhotonEvent_Type>
+  void remove(const PhotonEvent_Type& p) {
+    --counts[slot_of(cell_of(p.x), cell_of(p.y))];
+  }
+
+  /// False only when no counted photon lies within dSpace of the position on both axes.
+  template <typename PhotonEvent_Type>
+  bool any_near(const PhotonEvent_Type& p) const {
+    const std::uint32_t cx = cell_of(p.x);
+    const std::uint32_t cy = cell_of(p.y);
+    std::uint32_t any = 0;
+    for (const std::uint32_t dx : {cellMask, std::uint32_t{0}, std::uint32_t{1}}) {  // -1, 0, +1 (mod cells)
+      for (const std::uint32_t dy : {cellMask, std::uint32_t{0}, std::uint32_t{1}}) {
+        any |= counts[slot_of((cx + dx) & cellMask, (cy + dy) & cellMask)];
+      }
+    }
+    return any != 0;
+  }
+
+ private:
+  static constexpr std::uint32_t side = 128;  // a power of two, so that folding keeps neighbouring cells adjacent
+
+  std::uint32_t cell_of(Length_Type v) const { return static_cast<std::uint32_t>(v.value) >> shift; }
+  /// Folding onto the torus is taking the low bits: where side divides the number of cells, neighbours stay
+  /// neighbours; where it does not, no two cells share a slot.
+  static std::size_t slot_of(std::uint32_t cx, std::uint32_t cy) {
+    return static_cast<std::size_t>((cx & (side - 1)) * side + (cy & (side - 1)));
+  }
+
+  int shift;
+  std::uint32_t cellMask;
+  std::vector<std::uint32_t> counts;
+};
+
+/// Whether time windows of `span` after a photon hold, on average over a sample, at least `atLeast` photons.
+/// Decides whether bookkeeping that pays off only in crowded windows is worth its cost.
+template <typename PhotonEvent_Type, typename Time_Type>
+bool is_crowded(const std::vector<PhotonEvent_Type>& photons, Time_Type span, std::size_t atLeast) {
+  constexpr std::size_t samples = 256;
+  constexpr std::size_t cap = 64;
+  if (photons.size() < 2) return false;
+  const std::size_t step = std::max<std::size_t>(1, photons.size() / samples);
+  std::size_t seen = 0;
+  std::size_t sampled = 0;
+  for (std::size_t i = 0; i + 1 < photons.size(); i += step, ++sampled) {
+    const Time_Type reach = add_saturating(photons[i].toa, span);
+    for (std::size_t j = i + 1; j < photons.size() && j <= i + cap && photons[j].toa <= reach; ++j) ++seen;
+  }
+  return seen >= atLeast * sampled;
+}
+
 /// Whether the photons are in non-decreasing time of arrival. The algorithms take shortcuts that rely on it
 /// (skipping photons that cannot join without reading their times) only when it holds; otherwise they walk
 /// every photon, and input out of order meets the same comparisons and assertions as it would in a plain walk.
@@ -70,18 +151,6 @@ bool is_timeOrdered(const std::vector<PhotonEvent_Type>& photons) {
 /// standard output and flushed, so that it shows whatever the log level.
 inline void print_extensionFactorWarning() {
   std::cout << "WARNING: Extension factor is not supported for the chosen algorithm!\n" << std::flush;
-}
-
-/// a + b, held at the type's bounds instead of wrapping. Equal to the plain sum wherever that one is defined;
-/// lets an unlimited window stay unlimited.
-template <typename Time_Type>
-constexpr Time_Type add_saturating(Time_Type a, Time_Type b) {
-  using Value_Type = typename Time_Type::value_type;
-  constexpr Value_Type highest = std::numeric_limits<Value_Type>::max();
-  constexpr Value_Type lowest = std::numeric_limits<Value_Type>::min();
-  if (b.value > 0 && a.value > highest - b.value) return Time_Type{highest};
-  if (b.value < 0 && a.value < lowest - b.value) return Time_Type{lowest};
-  return Time_Type{static_cast<Value_Type>(a.value + b.value)};
 }
 
 /// The output's copy of the input's trigger list: absent stays absent, empty stays empty.
