@@ -40,19 +40,17 @@ struct NoBranchChain_Window {
   /// (marking) the free photons that join. The caller has checked that `firstCandidate` lies inside the seed's
   /// window, and that the photons it passed over could not have joined.
   ///
-  /// With `ordered` (photons in time order) taken photons are jumped over without reading them: they cannot
-  /// join, and the first free photon after them is no earlier than they are, so it ends the chain whenever one
-  /// of them would have. Without it every photon is read, so input out of order meets the plain comparisons.
-  ///
   /// `resume`, when given, receives for each photon that was the chain's last one how far past it the chain
   /// looked while it was last (capped at 255): the photons in between were taken or out of its reach, and
   /// stay so, so a chain seeded later by that photon can start looking there.
   ///
-  /// `on_take(j)` is called for every photon the chain takes.
-  template <bool ordered, typename PhotonEventChain_Type, typename PhotonEvent_Type, typename OnTake_Type>
+  /// `freePhotons`, when given (time-ordered input only), counts the free photons from before `firstCandidate`
+  /// on; the chain extends it over its window and ends as soon as no free photon is left near its last photon,
+  /// since only such a photon could join next.
+  template <typename PhotonEventChain_Type, typename PhotonEvent_Type>
   PhotonEventChain_Type grow(const PhotonEvent_Type* photon, std::size_t nPhotons, std::size_t seedIndex,
                              std::size_t firstCandidate, Time_Type tEnd, Bits_Packed& taken, std::uint8_t* resume,
-                             const OnTake_Type& on_take) const {
+                             Range_FreePhotons<PhotonEvent_Type>* freePhotons) const {
     // |a - b| < dSpace on the wrapped 32-bit difference, as one unsigned comparison: the difference shifted by
     // dSpace - 1 must fall in [0, 2 dSpace - 2]. A distance of 0 or less admits nothing.
     const std::int64_t offset = static_cast<std::int64_t>(dSpace.value) - 1;
@@ -72,14 +70,24 @@ struct NoBranchChain_Window {
     Time_Type tLast = seed.toa;
     Time_Type d = dTime;
     Time_Type limit = limit_of(tLast, d, tEnd);
+    // The answer for one last photon cannot change while it stays last, so it is asked at most once per last
+    // photon, and only after a few candidates in a row failed: most chains find their next photon sooner.
+    const auto exhausted = [&](const PhotonEvent_Type& lastPhoton) {
+      freePhotons->extend_to(limit);
+      return !freePhotons->any_free_near(lastPhoton);
+    };
+    constexpr unsigned missesBeforeAsking = 6;
+    unsigned misses = freePhotons ? 0 : missesBeforeAsking + 1;  // past the threshold: never asks
     std::size_t j = firstCandidate;
     for (;;) {
+      if (misses == missesBeforeAsking && exhausted(photon[last])) break;
+      ++misses;
       const PhotonEvent_Type& candidate = photon[j];
       // One branch for the three tests: most candidates fail one of them at random.
       if (near(lastX, candidate.x) & near(lastY, candidate.y) & !taken.test(j)) {
         chain.add_photon(candidate);
         taken.set(j);
-        on_take(j);
+        if (freePhotons) freePhotons->note_taken(j);
         // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
         if (factor != 0.0) d = add_saturating(d, (candidate.toa - tLast).scaled(factor));
         note_resume(last, j + 1);
@@ -88,6 +96,7 @@ struct NoBranchChain_Window {
         lastX = candidate.x;
         lastY = candidate.y;
         limit = limit_of(tLast, d, tEnd);
+        if (freePhotons) misses = 0;
       }
       ++j;
       if (j == nPhotons || photon[j].toa > limit) break;
@@ -118,15 +127,19 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
   detail::Bits_Packed taken(nPhotons);
 
   const auto run = [&]<bool ordered>() {
+    // In time order and crowded windows, chains stop as soon as no free photon is left near their last one.
+    const bool countCells = ordered && detail::is_crowded(photons.photonEvents, dTime, 4);
+    detail::Range_FreePhotons<PhotonEvent_Type> freePhotons(photons.photonEvents, taken, dSpace);
     for (std::size_t i = 0; i < nPhotons; ++i) {
       if (taken.test(i)) continue;
+      if (countCells) freePhotons.drop_before(i + 1);
       taken.set(i);
       const PhotonEvent_Type& seed = photon[i];
       const Time_Type tEnd = seed.toa + durationMax;
       const std::size_t first = ordered ? taken.find_clear(i + 1, nPhotons) : i + 1;
       if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
-        const auto chain = window.template grow<ordered, PhotonEventChain_Type>(photon, nPhotons, i, first, tEnd,
-                                                                                taken, nullptr, [](std::size_t) {});
+        const auto chain = window.template grow<PhotonEventChain_Type>(photon, nPhotons, i, first, tEnd, taken,
+                                                                       nullptr, countCells ? &freePhotons : nullptr);
         events.push_back(chain.to_event());
       } else {
         events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});

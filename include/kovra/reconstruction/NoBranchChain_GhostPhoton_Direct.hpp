@@ -33,16 +33,11 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
   const auto run = [&]<bool ordered>() {
     // How far past a taken photon its own chain looked while the photon was its last one; see grow().
     std::vector<std::uint8_t> resume(ordered ? nPhotons : 0);
-    // In time order and crowded windows, the free photons of [i + 1, windowEnd), which holds every photon a
-    // chain seeded by i can take first, are counted by cell: a taken seed with no free photon near it there has
-    // no partner and gives no event, without looking at its window photon by photon.
-    const bool countCells = ordered && nPhotons <= std::numeric_limits<std::uint32_t>::max() &&
-                            detail::is_crowded(photons.photonEvents, dTime, 4);
-    detail::Cells_FreePhotons<Length_Type> freeCells(dSpace);
-    std::size_t windowEnd = 0;
-    const auto on_take = [&](std::size_t j) {
-      if (countCells && j < windowEnd) freeCells.remove(photon[j]);
-    };
+    // In time order and crowded windows, the free photons from i + 1 on are counted by cell: a taken seed with
+    // no free photon near it in its window has no partner and gives no event, without a look at its window,
+    // and every chain stops as soon as no free photon is left near its last one.
+    const bool countCells = ordered && detail::is_crowded(photons.photonEvents, dTime, 4);
+    detail::Range_FreePhotons<PhotonEvent_Type> freePhotons(photons.photonEvents, taken, dSpace);
 
     for (std::size_t i = 0; i < nPhotons; ++i) {
       const PhotonEvent_Type& seed = photon[i];
@@ -51,20 +46,17 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
       std::size_t first = i + 1;
       if constexpr (ordered) {
         if (countCells) {
-          if (i < windowEnd && !seedTaken) freeCells.remove(seed);
-          windowEnd = std::max(windowEnd, i + 1);
-          const Time_Type reach = detail::add_saturating(seed.toa, dTime);
-          for (; windowEnd < nPhotons && photon[windowEnd].toa <= reach; ++windowEnd) {
-            if (!taken.test(windowEnd)) freeCells.add(photon[windowEnd]);
-          }
-          if (seedTaken && !freeCells.any_near(seed)) continue;
+          freePhotons.drop_before(i + 1);
+          freePhotons.extend_to(window.limit_of(seed.toa, dTime, tEnd));
+          if (seedTaken && !freePhotons.any_free_near(seed)) continue;
         }
         if (seedTaken && resume[i] != 0) first = i + resume[i];
         first = taken.find_clear(first, nPhotons);
       }
       if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
-        const auto chain = window.template grow<ordered, PhotonEventChain_Type>(
-            photon, nPhotons, i, first, tEnd, taken, ordered ? resume.data() : nullptr, on_take);
+        const auto chain = window.template grow<PhotonEventChain_Type>(photon, nPhotons, i, first, tEnd, taken,
+                                                                       ordered ? resume.data() : nullptr,
+                                                                       countCells ? &freePhotons : nullptr);
         if (chain.nPhotons > 1) {
           events.push_back(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
           continue;

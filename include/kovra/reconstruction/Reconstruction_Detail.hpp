@@ -121,11 +121,58 @@ class Cells_FreePhotons {
   std::vector<std::uint32_t> counts;
 };
 
+/// The free photons of a range [begin, end) of a time-ordered photon list, counted by cell. The range only moves
+/// forward: photons enter at its end (counted when free) and leave at its begin (uncounted when still free); a
+/// photon taken while inside is uncounted at once. So the counts always hold exactly the free photons inside.
+template <typename PhotonEvent_Type>
+class Range_FreePhotons {
+ public:
+  using Length_Type = typename PhotonEvent_Type::length_type;
+  using Time_Type = typename PhotonEvent_Type::time_type;
+
+  Range_FreePhotons(const std::vector<PhotonEvent_Type>& photons, const Bits_Packed& takenBits, Length_Type dSpace)
+      : photon(photons.data()), nPhotons(photons.size()), taken(takenBits), cells(dSpace) {}
+
+  /// Photons before `index` leave the range.
+  void drop_before(std::size_t index) {
+    for (; begin < index && begin < end; ++begin) {
+      if (!taken.test(begin)) cells.remove(photon[begin]);
+    }
+    begin = std::max(begin, index);
+    end = std::max(end, begin);
+  }
+
+  /// Photons up to time `limit` enter the range; afterwards it holds every photon from begin to that time.
+  void extend_to(Time_Type limit) {
+    for (; end < nPhotons && photon[end].toa <= limit; ++end) {
+      if (!taken.test(end)) cells.add(photon[end]);
+    }
+  }
+
+  /// To be called right after photon `index` is marked taken.
+  void note_taken(std::size_t index) {
+    if (index >= begin && index < end) cells.remove(photon[index]);
+  }
+
+  /// False only when no free photon of the range lies within dSpace of `p` on both axes.
+  bool any_free_near(const PhotonEvent_Type& p) const { return cells.any_near(p); }
+
+ private:
+  const PhotonEvent_Type* photon;
+  std::size_t nPhotons;
+  const Bits_Packed& taken;
+  Cells_FreePhotons<Length_Type> cells;
+  std::size_t begin = 0;
+  std::size_t end = 0;
+};
+
 /// Whether time windows of `span` after a photon hold, on average over a sample, at least `atLeast` photons.
-/// Decides whether bookkeeping that pays off only in crowded windows is worth its cost.
+/// Decides whether bookkeeping that pays off only in crowded windows is worth its cost. Lists of 2^32 photons
+/// or more never count as crowded, so that the 32-bit cell counts stay exact.
 template <typename PhotonEvent_Type, typename Time_Type>
 bool is_crowded(const std::vector<PhotonEvent_Type>& photons, Time_Type span, std::size_t atLeast) {
   constexpr std::size_t samples = 256;
+  if (photons.size() > std::numeric_limits<std::uint32_t>::max()) return false;
   constexpr std::size_t cap = 64;
   if (photons.size() < 2) return false;
   const std::size_t step = std::max<std::size_t>(1, photons.size() / samples);
