@@ -77,10 +77,10 @@ struct NoBranchChain_Window {
       return !freePhotons->any_free_near(lastPhoton);
     };
     constexpr unsigned missesBeforeAsking = 6;
-    unsigned misses = freePhotons ? 0 : missesBeforeAsking + 1;  // past the threshold: never asks
+    unsigned misses = freePhotons ? 0 : missesBeforeAsking + 1;
     std::size_t j = firstCandidate;
     for (;;) {
-      if (misses == missesBeforeAsking && exhausted(photon[last])) break;
+      if (misses == missesBeforeAsking && freePhotons && exhausted(photon[last])) break;
       ++misses;
       const PhotonEvent_Type& candidate = photon[j];
       // One branch for the three tests: most candidates fail one of them at random.
