@@ -182,28 +182,38 @@ class FileHandler_KovraData {
     std::optional<std::vector<Time_Type>> extTriggers;
   };
 
-  /// Block walk shared by the file types: blocks in any order, a later block of a kind replacing an earlier one,
-  /// an unknown identifier or a partial record rejected.
-  template <typename Record_Type, typename Time_Type>
-  static Content<Record_Type, Time_Type> read_content(std::istream& stream, std::streampos end,
-                                                      std::uint64_t records_identifier,
-                                                      const char* partial_records_message) {
-    Content<Record_Type, Time_Type> content;
+  /// Block walk shared by the file types: blocks in any order, an unknown identifier or a partial record
+  /// rejected. For each list block it calls `on_records(count)`, for each trigger block `on_triggers(count)`, with
+  /// the stream at the block's content; each must leave the stream at the content's end.
+  template <typename Record_Type, typename Time_Type, typename OnRecords_Type, typename OnTriggers_Type>
+  static void walk_content(std::istream& stream, std::streampos end, std::uint64_t records_identifier,
+                           const char* partial_records_message, OnRecords_Type&& on_records,
+                           OnTriggers_Type&& on_triggers) {
     while (stream.tellg() != end) {
       const auto [identifier, size] = IO_Block::read_header(stream, end);
       if (identifier == extTrigs_identifier) {
         if (size % sizeof(Time_Type) != 0) {
           throw std::invalid_argument("File contains partial external triggers!");
         }
-        content.extTriggers.emplace();
-        detail::read_records(stream, size / sizeof(Time_Type), *content.extTriggers);
+        on_triggers(size / sizeof(Time_Type));
         continue;
       }
       if (identifier != records_identifier) throw std::invalid_argument("Block identifier not recognized!");
       if (size % sizeof(Record_Type) != 0) throw std::invalid_argument(partial_records_message);
-      content.records.emplace();
-      detail::read_records(stream, size / sizeof(Record_Type), *content.records);
+      on_records(size / sizeof(Record_Type));
     }
+  }
+
+  /// The walk above reading every list: a later block of a kind replaces an earlier one.
+  template <typename Record_Type, typename Time_Type>
+  static Content<Record_Type, Time_Type> read_content(std::istream& stream, std::streampos end,
+                                                      std::uint64_t records_identifier,
+                                                      const char* partial_records_message) {
+    Content<Record_Type, Time_Type> content;
+    walk_content<Record_Type, Time_Type>(
+        stream, end, records_identifier, partial_records_message,
+        [&](std::uint64_t count) { detail::read_records(stream, count, content.records.emplace()); },
+        [&](std::uint64_t count) { detail::read_records(stream, count, content.extTriggers.emplace()); });
     return content;
   }
 

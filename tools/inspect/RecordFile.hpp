@@ -3,12 +3,10 @@
 // Reading a photon or event file a block of records at a time, so that memory stays bounded however large the
 // file is.
 //
-// Opening runs the library's own `load_file`: its file and build block checks, with their exact messages, come
-// from the library itself. Only the content walk is ours: it mirrors the readers' walk (blocks in any order, a
-// later block of a kind replacing an earlier one, the same messages in the same order) but steps over the record
-// contents and keeps where they are. The records are then read on demand, a chunk at a time, with the library's
-// raw record reader. Since every block is known to fit in the file once it is opened, reading a chunk can fail
-// only if the file changes underneath.
+// Opening runs the library's own `load_file` and block walk, so every check and message is the library's; the
+// walk here only steps over the record contents and keeps where they are. The records are then read on demand,
+// a chunk at a time, with the library's raw record reader. Since every block is known to fit in the file once it
+// is opened, reading a chunk can fail only if the file changes underneath.
 
 #include <algorithm>
 #include <cstdint>
@@ -83,20 +81,15 @@ class Layout_Handler : public FileHandler_KovraData<Record_Traits<Record_Type>::
   File_Layout read_implementationSpecific(std::istream& stream, std::streampos end) const override {
     std::optional<Block_Location> records;
     std::optional<Block_Location> extTriggers;
-    while (stream.tellg() != end) {
-      const auto [identifier, size] = Base::IO_Block::read_header(stream, end);
-      const Block_Location location{static_cast<std::streamoff>(stream.tellg()), 0};
-      if (identifier == Base::extTrigs_identifier) {
-        if (size % sizeof(Time) != 0) throw std::invalid_argument("File contains partial external triggers!");
-        extTriggers = Block_Location{location.offset, size / sizeof(Time)};
-      } else if (identifier != Traits::identifier) {
-        throw std::invalid_argument("Block identifier not recognized!");
-      } else {
-        if (size % sizeof(Record_Type) != 0) throw std::invalid_argument(Traits::partial_message);
-        records = Block_Location{location.offset, size / sizeof(Record_Type)};
-      }
-      stream.seekg(static_cast<std::streamoff>(size), std::ios::cur);
-    }
+    // The library's own walk, with its checks and messages; only the block contents are stepped over.
+    const auto skip_to = [&stream](std::optional<Block_Location>& where, std::uint64_t count, std::uint64_t width) {
+      where = Block_Location{static_cast<std::streamoff>(stream.tellg()), count};
+      stream.seekg(static_cast<std::streamoff>(count * width), std::ios::cur);
+    };
+    Base::template walk_content<Record_Type, Time>(
+        stream, end, Traits::identifier, Traits::partial_message,
+        [&](std::uint64_t count) { skip_to(records, count, sizeof(Record_Type)); },
+        [&](std::uint64_t count) { skip_to(extTriggers, count, sizeof(Time)); });
     if (!records) throw std::invalid_argument(Traits::missing_message);
     return {*records, extTriggers};
   }
