@@ -51,7 +51,7 @@ const Settings settingsTable[] = {
     {8, 5, Time::max_ticks, std::nullopt}, {8, 5, 12, 0.5},  {16, 3, 40, 1.0},  {12, 6, 0, std::nullopt},
     {4, 0, Time::max_ticks, 2.5},          {20, 8, 25, -0.3}, {8, 5, 12, 0.0},  {24, 10, 60, 0.25},
     // Crowded windows (a dozen photons and more), where the chains keep extra bookkeeping.
-    {8, 30, Time::max_ticks, std::nullopt}, {12, 40, 50, 0.5},
+    {8, 30, Time::max_ticks, std::nullopt}, {12, 40, 50, 0.5},  {8, 90, 120, 0.1},
 };
 
 Reconstruction_Events make(const Settings& s) {

@@ -127,8 +127,9 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
   detail::Bits_Packed taken(nPhotons);
 
   const auto run = [&]<bool ordered>() {
-    // In time order and crowded windows, chains stop as soon as no free photon is left near their last one.
-    const bool countCells = ordered && detail::is_crowded(photons.photonEvents, dTime, 4);
+    // In time order and very crowded windows, chains stop as soon as no free photon is left near their last one.
+    // (With a few photons per window the bookkeeping costs more than the scans it saves.)
+    const bool countCells = ordered && detail::is_crowded(photons.photonEvents, dTime, 24);
     detail::Range_FreePhotons<PhotonEvent_Type> freePhotons(photons.photonEvents, taken, dSpace);
     for (std::size_t i = 0; i < nPhotons; ++i) {
       if (taken.test(i)) continue;
