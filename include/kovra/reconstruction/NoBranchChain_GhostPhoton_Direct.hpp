@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -31,8 +31,10 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
   detail::Bits_Packed taken(nPhotons);
 
   const auto run = [&]<bool ordered>() {
-    // How far past a taken photon its own chain looked while the photon was its last one; see grow().
-    std::vector<std::uint8_t> resume(ordered ? nPhotons : 0);
+    // How far past a taken photon its own chain looked while the photon was its last one; see grow(). Every
+    // taken photon was its chain's last one for a while, so its entry is written before it is read as a seed.
+    const auto resume = std::make_unique_for_overwrite<std::uint8_t[]>(ordered ? nPhotons : 0);
+    detail::advise_huge_pages(resume.get(), ordered ? nPhotons : 0);
     // In time order and crowded windows, the free photons from i + 1 on are counted by cell: a taken seed with
     // no free photon near it in its window has no partner and gives no event, without a look at its window,
     // and every chain stops as soon as no free photon is left near its last one.
@@ -55,7 +57,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
       }
       if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
         const auto chain = window.template grow<PhotonEventChain_Type>(photon, nPhotons, i, first, tEnd, taken,
-                                                                       ordered ? resume.data() : nullptr,
+                                                                       ordered ? resume.get() : nullptr,
                                                                        countCells ? &freePhotons : nullptr);
         if (chain.nPhotons > 1) {
           events.push_back(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
