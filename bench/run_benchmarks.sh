@@ -8,6 +8,7 @@
 # BENCHMARKS.md.
 #
 #   bench/run_benchmarks.sh [--quick] [--repeat N] [--build-dir DIR] [--data-dir DIR] [--results FILE] [--no-build]
+#                           [--commit TEXT]
 #
 #   --quick       datasets of about 1 million photons and one run each, results only printed (a smoke run)
 #   --repeat N    runs per measurement, the fastest counts (default 3; memory is the largest seen)
@@ -15,6 +16,7 @@
 #   --data-dir    where the photon and event files go (default $TMPDIR/kovra_bench, about 1.5 GB; kept)
 #   --results     file to write (default BENCHMARKS.md; with --quick nothing is written unless given)
 #   --no-build    use the programs already in the build directory
+#   --commit TEXT the commit to record, for sources that are not a git work tree (such as a `git archive` export)
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -25,6 +27,7 @@ results=""
 repeat=3
 quick=0
 do_build=1
+commit=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) quick=1; repeat=1 ;;
@@ -33,7 +36,8 @@ while [ $# -gt 0 ]; do
     --data-dir) data="$2"; shift ;;
     --results) results="$2"; shift ;;
     --no-build) do_build=0 ;;
-    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --commit) commit="$2"; shift ;;
+    -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "run_benchmarks: unknown argument '$1' (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -142,8 +146,12 @@ echo
 echo "$targets"
 
 if [ -n "$results" ]; then
-  commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)
-  if [ -n "$(git -C "$root" status --porcelain --untracked-files=no 2>/dev/null)" ]; then commit="$commit (work tree with local changes)"; fi
+  if [ -z "$commit" ]; then
+    commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)
+    if [ -n "$(git -C "$root" status --porcelain --untracked-files=no 2>/dev/null)" ]; then
+      commit="$commit (work tree with local changes)"
+    fi
+  fi
   cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)
   memory=$(awk '/^MemTotal/ { printf "%.1f GiB", $2 / 1048576 }' /proc/meminfo)
   cat >"$results" <<EOF
