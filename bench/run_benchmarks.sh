@@ -37,7 +37,7 @@ while [ $# -gt 0 ]; do
     --results) results="$2"; shift ;;
     --no-build) do_build=0 ;;
     --commit) commit="$2"; shift ;;
-    -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "run_benchmarks: unknown argument '$1' (see --help)" >&2; exit 2 ;;
   esac
   shift
