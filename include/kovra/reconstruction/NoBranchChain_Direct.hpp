@@ -44,10 +44,10 @@ struct NoBranchChain_Window {
   /// looked while it was last (capped at 255): the photons in between were taken or out of its reach, and
   /// stay so, so a chain seeded later by that photon can start looking there.
   ///
-  /// `freePhotons`, when given (time-ordered input only), counts the free photons from before `firstCandidate`
+  /// `freePhotons`, used when `counted` (time-ordered input only), counts the free photons from before `firstCandidate`
   /// on; the chain extends it over its window and ends as soon as no free photon is left near its last photon,
   /// since only such a photon could join next.
-  template <typename PhotonEventChain_Type, typename PhotonEvent_Type>
+  template <typename PhotonEventChain_Type, bool counted, typename PhotonEvent_Type>
   PhotonEventChain_Type grow(const PhotonEvent_Type* photon, std::size_t nPhotons, std::size_t seedIndex,
                              std::size_t firstCandidate, Time_Type tEnd, Bits_Packed& taken, std::uint8_t* resume,
                              Range_FreePhotons<PhotonEvent_Type>* freePhotons) const {
@@ -77,17 +77,19 @@ struct NoBranchChain_Window {
       return !freePhotons->any_free_near(lastPhoton);
     };
     constexpr unsigned missesBeforeAsking = 6;
-    unsigned misses = freePhotons ? 0 : missesBeforeAsking + 1;
+    unsigned misses = 0;
     std::size_t j = firstCandidate;
     for (;;) {
-      if (misses == missesBeforeAsking && freePhotons && exhausted(photon[last])) break;
-      ++misses;
+      if constexpr (counted) {
+        if (misses == missesBeforeAsking && exhausted(photon[last])) break;
+        ++misses;
+      }
       const PhotonEvent_Type& candidate = photon[j];
       // One branch for the three tests: most candidates fail one of them at random.
       if (near(lastX, candidate.x) & near(lastY, candidate.y) & !taken.test(j)) {
         chain.add_photon(candidate);
         taken.set(j);
-        if (freePhotons) freePhotons->note_taken(j);
+        if constexpr (counted) freePhotons->note_taken(j);
         // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
         if (factor != 0.0) d = add_saturating(d, (candidate.toa - tLast).scaled(factor));
         note_resume(last, j + 1);
@@ -96,7 +98,7 @@ struct NoBranchChain_Window {
         lastX = candidate.x;
         lastY = candidate.y;
         limit = limit_of(tLast, d, tEnd);
-        if (freePhotons) misses = 0;
+        misses = 0;
       }
       ++j;
       if (j == nPhotons || photon[j].toa > limit) break;
@@ -139,8 +141,12 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
       const Time_Type tEnd = seed.toa + durationMax;
       const std::size_t first = ordered ? taken.find_clear(i + 1, nPhotons) : i + 1;
       if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
-        const auto chain = window.template grow<PhotonEventChain_Type>(photon, nPhotons, i, first, tEnd, taken,
-                                                                       nullptr, countCells ? &freePhotons : nullptr);
+        const auto chain =
+            countCells
+                ? window.template grow<PhotonEventChain_Type, true>(photon, nPhotons, i, first, tEnd, taken, nullptr,
+                                                                    &freePhotons)
+                : window.template grow<PhotonEventChain_Type, false>(photon, nPhotons, i, first, tEnd, taken,
+                                                                     nullptr, &freePhotons);
         events.push_back(chain.to_event());
       } else {
         events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});

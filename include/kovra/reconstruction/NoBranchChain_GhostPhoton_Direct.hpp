@@ -56,9 +56,12 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
         first = taken.find_clear(first, nPhotons);
       }
       if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
-        const auto chain = window.template grow<PhotonEventChain_Type>(photon, nPhotons, i, first, tEnd, taken,
-                                                                       ordered ? resume.get() : nullptr,
-                                                                       countCells ? &freePhotons : nullptr);
+        std::uint8_t* const resumeMarks = ordered ? resume.get() : nullptr;
+        const auto chain =
+            countCells ? window.template grow<PhotonEventChain_Type, true>(photon, nPhotons, i, first, tEnd, taken,
+                                                                           resumeMarks, &freePhotons)
+                       : window.template grow<PhotonEventChain_Type, false>(photon, nPhotons, i, first, tEnd, taken,
+                                                                            resumeMarks, &freePhotons);
         if (chain.nPhotons > 1) {
           events.push_back(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
           continue;
