@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
+#include <vector>
 
 #include "convert_durationMax.hpp"
 
@@ -9,16 +11,10 @@ using kovra::tpx3spidr::Time;
 
 TEST(ConvertDurationMaxTest, SaturatesBeyondTheBound) {
   const double inf = std::numeric_limits<double>::infinity();
-  const struct {
-    double seconds;
-    long ticks;
-  } rows[] = {
-      {0.0, 0},
-      {1e-6, 640},
-      {Time::max_seconds, 4611686018427387904L},  // converted: one tick above the saturated value
-      {std::nextafter(Time::max_seconds, inf), 4611686018427387903L},
-      {1e10, 4611686018427387903L},
-      {inf, 4611686018427387903L},
-  };
-  for (const auto& [seconds, ticks] : rows) EXPECT_EQ(convert_durationMax(seconds).value, ticks) << seconds;
+  // The bound itself converts to 2^62 ticks, one above the saturated value 2^62 - 1.
+  for (const auto& [seconds, ticks] : std::vector<std::pair<double, long>>{
+           {0.0, 0}, {1e-6, 640}, {Time::max_seconds, 1L << 62},
+           {std::nextafter(Time::max_seconds, inf), (1L << 62) - 1}, {1e10, (1L << 62) - 1}, {inf, (1L << 62) - 1}}) {
+    EXPECT_EQ(convert_durationMax(seconds).value, ticks) << seconds;
+  }
 }
