@@ -19,8 +19,8 @@ echo "== Simulating 10 ms of a scintillator (about 1000 flashes of 20 photons) w
 "$bin/kovra_simulate" --output "$sample/sample.kovraphot" --duration 1e-2 --triggers 1e4 --seed 1 --truth
 
 echo
-echo "== Reconstructing events within 4 pixels and 1 microsecond"
-"$bin/kovra_brantel" -s 4 -t 1e-6 -i "$sample/sample.kovraphot" -o "$sample/out/sample.kovraevent"
+echo "== Reconstructing events: photons within 5 pixels and 0.5 microseconds, events at most 2 microseconds long"
+"$bin/kovra_brantel" -s 5 -t 5e-7 -D 2e-6 -i "$sample/sample.kovraphot" -o "$sample/out/sample.kovraevent"
 
 echo
 echo "== What the event file holds"
