@@ -1,0 +1,258 @@
+// kovra_inspect on files built byte by byte: the reader's messages, the summary, the exports read back on their
+// own (HDF5 and PNG through their libraries), and runs of the built program.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <hdf5.h>
+#include <png.h>
+#include <sys/wait.h>
+
+#include "FileBytes.hpp"
+#include "TempDir.hpp"
+#include "inspect/Inspect.hpp"
+
+namespace {
+
+using namespace kovra::inspect;
+using i32 = std::int32_t;
+using i64 = std::int64_t;
+using L32 = std::numeric_limits<i32>;
+using L64 = std::numeric_limits<i64>;
+using Triggers = std::optional<std::vector<i64>>;
+constexpr i32 px = 65536;
+
+// Records as the file lays them out (little-endian, no padding): files are written and read back through these.
+struct P { i32 x, y; i64 toa; bool operator==(const P&) const = default; };
+struct E { i32 x, y; i64 t; std::uint64_t n; double psd; bool operator==(const E&) const = default; };
+
+template <typename Entry_Type>
+FileBytes block_of(const char* id, const std::vector<Entry_Type>& entries) {
+  const auto* bytes = reinterpret_cast<const char*>(entries.data());
+  return FileBytes().block(id, FileBytes().raw({bytes, bytes + entries.size() * sizeof(Entry_Type)}));
+}
+template <typename Row>
+std::string file_of(const std::vector<Row>& rows, const Triggers& triggers = std::nullopt) {
+  FileBytes content = block_of(std::is_same_v<Row, E> ? "events" : "photons", rows);
+  if (triggers) content.raw(block_of("extTrigs", *triggers).data);
+  return FileBytes::file(std::is_same_v<Row, E> ? 3 : 2, content).data;
+}
+
+// Extremes of every field, and values whose text needs all 17 digits.
+const std::vector<E> wide = {{0, 0, 0, 1, 0.0},
+                             {-1, L32::max(), L64::min(), 2, 0.1 + 0.2},
+                             {L32::min(), -px / 3, L64::max(), ~std::uint64_t{0}, 1e-300},
+                             {12345, 6 * px, 987654321, 7, -2.5e-9}};
+
+template <typename Function_Type>
+std::string message_of(const Function_Type& open) try {
+  open();
+  return "(none)";
+} catch (const std::exception& e) {
+  return e.what();
+}
+/// What opening `name` throws, with the inspector's reader and with the library's.
+template <typename Record_Type>
+std::pair<std::string, std::string> messages_of(const std::string& name) {
+  return {message_of([&] { RecordFile<Record_Type>{name}; }),
+          message_of([&] { typename Record_Traits<Record_Type>::Handler().load_file(name); })};
+}
+
+class InspectTest : public ::testing::Test {
+ protected:
+  // Out of time order; triggers first, then an events block that a later one replaces.
+  const FileBytes known_content =
+      block_of("extTrigs", std::vector<i64>{500, 100, 900})
+          .raw(block_of("events", std::vector<E>{{1, 1, 1, 1, 0.0}}).data)
+          .raw(block_of("events", std::vector<E>{{10 * px, 20 * px, 1000, 1, 0}, {201 * px / 2, 5 * px, 2000, 3, 2e-9},
+                                                 {255 * px, 255 * px, 5000, 2, 5e-9}, {-px, 3 * px, 4000, 32, 1e-8},
+                                                 {3 * px, 300 * px, 3000, 1, 0.0}, {7 * px, 7 * px, 3500, 8, NAN}})
+                   .data);
+  void SetUp() override { write_bytes(dir.file("known.kovraevent"), FileBytes::file(3, known_content).data); }
+
+  /// Runs the built program in the test's directory; returns its exit status, its output in `out` and `err`.
+  int run(const std::string& arguments) {
+    const std::string command = "cd '" + dir.path().string() + "' && '" KOVRA_INSPECT_PATH "' " + arguments;
+    const int status = std::system((command + " > out.txt 2> err.txt").c_str());
+    out = read_bytes(dir.file("out.txt"));
+    err = read_bytes(dir.file("err.txt"));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  const TempDir dir;
+  std::string out, err;
+};
+
+TEST_F(InspectTest, BadBlocksGiveTheLibraryReadersMessages) {
+  const auto junk = [](const char* id, std::size_t n) { return block_of(id, std::vector<char>(n, 'a')); };
+  const std::tuple<bool, FileBytes, const char*> cases[] = {  // photons?, content, message
+      {false, block_of("extTrigs", std::vector<i64>{1, 2}), "File does not contain event data!"},
+      {false, junk("events", 32).raw(junk("photons", 0).data), "Block identifier not recognized!"},
+      {false, junk("events", 40), "File contains partial events!"},
+      {false, junk("events", 32).raw(junk("extTrigs", 3).data), "File contains partial external triggers!"},
+      {true, junk("photons", 24), "File contains partial photons!"},
+      {true, FileBytes(), "File does not contain photon data!"},
+  };
+  const std::string bad = dir.file("bad");
+  for (const auto& [photons, content, message] : cases) {
+    write_bytes(bad, FileBytes::file(photons ? 2 : 3, content).data);
+    const auto [tool, library] = photons ? messages_of<PhotonEvent>(bad) : messages_of<Event>(bad);
+    EXPECT_EQ(tool, message);
+    EXPECT_EQ(library, message);
+  }
+  // The content cut at every byte inside a sound frame: partial block headers, blocks running past the end.
+  for (std::size_t length = 0; length < known_content.data.size(); ++length) {
+    write_bytes(bad, FileBytes::file(3, FileBytes().raw(known_content.data.substr(0, length))).data);
+    const auto [tool, library] = messages_of<Event>(bad);
+    EXPECT_EQ(tool, library) << length;
+  }
+}
+
+template <typename Entry_Type>
+std::vector<Entry_Type> read_h5(hid_t file, const char* path, hid_t type) {
+  const hid_t dataset = H5Dopen2(file, path, H5P_DEFAULT), space = H5Dget_space(dataset);
+  std::vector<Entry_Type> entries(static_cast<std::size_t>(H5Sget_simple_extent_npoints(space)));
+  entries.reserve(1);  // a buffer even for no entries
+  EXPECT_GE(H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, entries.data()), 0) << path;
+  H5Sclose(space);
+  H5Dclose(dataset);
+  return entries;
+}
+
+/// Exports `rows` in chunks of two and reads them back by field name into the test's own layout.
+template <typename Row, typename Record_Type>
+void check_hdf5(const TempDir& dir, const std::vector<Row>& rows, const Triggers& triggers) {
+  write_bytes(dir.file("in"), file_of(rows, triggers));
+  write_hdf5(dir.file("out.h5"), RecordFile<Record_Type>(dir.file("in"), 2));
+  const hid_t file = H5Fopen(dir.file("out.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+  const hid_t type = H5Tcreate(H5T_COMPOUND, sizeof(Row));
+  H5Tinsert(type, "x", offsetof(Row, x), H5T_NATIVE_INT32);
+  H5Tinsert(type, "y", offsetof(Row, y), H5T_NATIVE_INT32);
+  if constexpr (std::is_same_v<Row, E>) {
+    H5Tinsert(type, "t", offsetof(E, t), H5T_NATIVE_INT64);
+    H5Tinsert(type, "nPhotons", offsetof(E, n), H5T_NATIVE_UINT64);
+    H5Tinsert(type, "psd", offsetof(E, psd), H5T_NATIVE_DOUBLE);
+  } else {
+    H5Tinsert(type, "toa", offsetof(P, toa), H5T_NATIVE_INT64);
+  }
+  EXPECT_EQ(read_h5<Row>(file, std::is_same_v<Row, E> ? "events" : "photons", type), rows);
+  const bool hasTriggers = H5Lexists(file, "extTriggers", H5P_DEFAULT) > 0;
+  EXPECT_EQ(hasTriggers ? Triggers(read_h5<i64>(file, "extTriggers", H5T_NATIVE_INT64)) : std::nullopt, triggers);
+  H5Tclose(type);
+  H5Fclose(file);
+}
+
+TEST_F(InspectTest, ExportsReadBack) {
+  check_hdf5<E, Event>(dir, wide, Triggers{{7, -3, L64::min()}});
+  check_hdf5<P, PhotonEvent>(dir, {{1, 2, 3}, {-4, L32::max(), L64::max()}, {5, 6, -7}}, std::nullopt);
+  check_hdf5<E, Event>(dir, {}, Triggers(std::in_place));
+
+  // CSV: every text field read back
+  write_bytes(dir.file("wide.kovraevent"), file_of(wide));
+  std::stringstream csv;
+  const RecordFile<Event> chunked(dir.file("wide.kovraevent"), 3);
+  chunked.for_each_chunk([](std::span<const Event> chunk) { EXPECT_LE(chunk.size(), 3u); });  // memory stays bounded
+  write_csv(csv, chunked);
+  std::string line;
+  std::getline(csv, line);  // the header, which a run of the program pins
+  std::vector<E> back;
+  while (std::getline(csv, line)) {
+    E& e = back.emplace_back();
+    double x_px = 0, y_px = 0, t_s = 0;
+    int end = 0;
+    const int fields = std::sscanf(line.c_str(), "%d,%d,%ld,%lf,%lf,%lf,%lu,%lf%n", &e.x, &e.y, &e.t, &x_px, &y_px,
+                                   &t_s, &e.n, &e.psd, &end);
+    EXPECT_TRUE(fields == 8 && static_cast<std::size_t>(end) == line.size()) << line;
+    const double t_expected = static_cast<double>(e.t) * 1.5625e-9;
+    EXPECT_EQ(std::tuple(x_px, y_px, t_s), std::tuple(e.x / 65536.0, e.y / 65536.0, t_expected)) << line;
+  }
+  EXPECT_EQ(back, wide);
+}
+
+/// The decoded image's width and RGB bytes, through libpng (which checks every chunk).
+std::pair<png_uint_32, std::vector<std::uint8_t>> decode_png(const std::string& file) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  EXPECT_NE(png_image_begin_read_from_file(&image, file.c_str()), 0) << image.message;
+  image.format = PNG_FORMAT_RGB;
+  std::vector<std::uint8_t> rgb(PNG_IMAGE_SIZE(image));
+  EXPECT_NE(png_image_finish_read(&image, nullptr, rgb.data(), 0, nullptr), 0) << image.message;
+  return {image.width, rgb};
+}
+
+TEST_F(InspectTest, PngSizeAndPixels) {
+  const std::string photons = dir.file("p.kovraphot"), png = dir.file("m.png");
+  write_bytes(photons, file_of<P>({}));
+  // Detector size, binning, image side; an empty file gives a black image.
+  for (const auto& [size, bin, side] : {std::tuple{256, 0.5, 512u}, {100, 3.0, 34u}, {3, 0.3, 10u}}) {
+    write_positionImage(png, RecordFile<PhotonEvent>(photons), size, bin);
+    EXPECT_EQ(decode_png(png), std::pair(side, std::vector<std::uint8_t>(std::size_t{side} * side * 3, 0)));
+  }
+  EXPECT_THROW(Position_Histogram2D::get_geometry(257, 1.0 / 32), std::invalid_argument);  // 8224 a side
+
+  // 99 records in pixel (0, 0), 9 in (1, 0) just below y 1; x -1 and y 4 lie outside.
+  std::vector<P> rows(99, P{0, 0, 0});
+  rows.insert(rows.end(), 9, P{px, px - 1, 0});
+  rows.insert(rows.end(), {{-1, 0, 0}, {0, 4 * px, 0}});
+  write_bytes(photons, file_of(rows));
+  EXPECT_EQ(write_positionImage(png, RecordFile<PhotonEvent>(photons), 4, 1.0), 2u);
+  // Colours at log(1 + n) / log(100) along the ramp: its top, then log 10 / log 100, its middle.
+  std::vector<std::uint8_t> expected = {252, 255, 164, 188, 55, 84};
+  expected.resize(4 * 4 * 3);
+  EXPECT_EQ(decode_png(png), std::pair(4u, expected));
+}
+
+TEST_F(InspectTest, ProgramOutput) {
+  write_bytes(dir.file("p.kovraphot"), file_of<P>({{-7, 3 * px, 640000000000}}));
+  write_bytes(dir.file("empty.kovraevent"), file_of<E>({}, Triggers(std::in_place)));
+  write_bytes(dir.file("wide.kovraevent"), file_of(wide));
+  write_bytes(dir.file("photons.kovraevent"), file_of<P>({{1, 2, 3}}));
+  const std::string usage = "\nTry 'kovra_inspect --help'.\n", outside = " lie outside the image of ";
+  const std::tuple<std::string, int, std::string, std::string> cases[] = {  // arguments, status, output has, error
+      {"known.kovraevent", 0,
+       "file          known.kovraevent\ntype          events\nrecords       6\n"
+       "time          1.5625e-06 s .. 7.8125e-06 s\nspan          6.25e-06 s\n"
+       "mean rate     960000 per s\nx extent      -1 .. 255 px\ny extent      3 .. 300 px\n"
+       "ext. triggers 3, 1.5625e-07 s .. 1.40625e-06 s, span 1.25e-06 s\n"
+       "one-photon    2 (33.3%)\n\nphotons per event\n"
+       "      1 |########################################| 2 (33.3%)\n"
+       "      2 |####################                    | 1 (16.7%)\n"
+       "      3 |####################                    | 1 (16.7%)\n"
+       "      4 |                                        | 0 (0.0%)\n"
+       "    5-8 |####################                    | 1 (16.7%)\n"
+       "   9-16 |                                        | 0 (0.0%)\n"
+       "  17-32 |####################                    | 1 (16.7%)\n",
+       ""},
+      // Pulse shapes 2, 5 and 10 ns in ten bins of 0.8 ns; one-photon events have none.
+      {"known.kovraevent", 0, "    [2, 2.8) |########################################| 1 (25.0%)\n", ""},
+      {"known.kovraevent", 0, "[9.2, 10] |########################################| 1 (25.0%)\n  not finite: 1\n", ""},
+      {"p.kovraphot", 0,
+       "file          p.kovraphot\ntype          photons\nrecords       1\n"
+       "time          1000 s .. 1000 s\nspan          0 s\nmean rate     n/a (zero span)\n"
+       "x extent      -0.00010681152 .. -0.00010681152 px\ny extent      3 .. 3 px\next. triggers absent\n",
+       ""},
+      {"empty.kovraevent", 0, "type          events\nrecords       0\next. triggers empty\n", ""},
+      // The span of the whole 64-bit time range, and the top photon-count bin.
+      {"wide.kovraevent", 0, "span          2.88230376e+10 s\n", ""},
+      {"wide.kovraevent", 0, "\n  9223372036854775809-18446744073709551615 |#", ""},
+      {"p.kovraphot --csv -", 0, "x,y,toa,x_px,y_px,toa_s\n-7,196608,640000000000,-0.0001068115234375,3,1000\n", ""},
+      {"known.kovraevent --csv - --size 25 -i m.png", 0,
+       "x,y,t,x_px,y_px,t_s,nPhotons,psd_s\n655360,1310720,1000,10,20,1.5624999999999999e-06,1,0\n",
+       "kovra_inspect: 4 of 6 events" + outside + "25 x 25 pixels and were left out\n"},
+      {"-s known.kovraevent --image=m.png", 0, "records       6\n",
+       "kovra_inspect: 2 of 6 events" + outside + "256 x 256 pixels and were left out\n"},
+      {"--hdf5 x.h5 known.kovraevent", 0, "", ""},
+      {"photons.kovraevent", 1, "", "kovra_inspect: photons.kovraevent: File has wrong type!\n"},
+      {"known.kovraevent --image no/m.png", 1, "",
+       "kovra_inspect: known.kovraevent: cannot write PNG file \"no/m.png\": No such file or directory\n"},
+      {"", 2, "", "kovra_inspect: no input file given" + usage},
+      {"a.kovraevent -s --csv -", 2, "", "kovra_inspect: the summary and --csv - cannot share standard output" + usage},
+  };
+  for (const auto& [arguments, status, output, error] : cases) {
+    const int exitStatus = run(arguments);
+    EXPECT_EQ(std::tuple(exitStatus, out.empty(), err), std::tuple(status, output.empty(), error)) << arguments;
+    EXPECT_THAT(out, ::testing::HasSubstr(output)) << arguments;
+  }
+  EXPECT_EQ(read_bytes(dir.file("x.h5")).substr(0, 8), "\x89HDF\r\n\x1a\n");
+}
+
+}  // namespace
