@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -16,43 +16,58 @@
 
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
+struct Outcome { int status; std::string out, err; };
 
 Outcome run_simulate(const TempDir& dir, const std::string& args) {
-  const std::string out = dir.file("stdout.txt");
-  const std::string err = dir.file("stderr.txt");
-  const std::string command =
-      "cd '" + dir.path().string() + "' && '" KOVRA_SIMULATE_PATH "' " + args + " >'" + out + "' 2>'" + err + "'";
-  const int raw = std::system(command.c_str());
-  EXPECT_TRUE(WIFEXITED(raw));
+  const std::string out = dir.file("stdout.txt"), err = dir.file("stderr.txt");
+  const int raw = std::system(("cd '" + dir.path().string() + "' && '" KOVRA_SIMULATE_PATH "' " + args + " >'" + out +
+                               "' 2>'" + err + "'").c_str());
   return {WEXITSTATUS(raw), read_bytes(out), read_bytes(err)};
 }
 
 }  // namespace
 
-TEST(SimulateProgramTest, HelpGoesToStandardOutputWithStatusZero) {
-  TempDir dir;
-  const auto r = run_simulate(dir, "--help");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_NE(r.out.find("Usage: kovra_simulate -o FILE.kovraphot"), std::string::npos);
-  EXPECT_EQ(r.err, "");
+TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
+  const std::string classRule = "--class: expected NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a weight "
+                                "greater than 0 and a slow fraction from 0 to 1, got '";
+  const std::string seedRule = "--seed: expected a whole number from 0 to 18446744073709551615, got '";
+  // The arguments follow "-o a.kovraphot" unless they start with -o.
+  const struct { std::vector<std::string> args; std::string message; } cases[] = {
+      {{}, "no output file given (-o FILE.kovraphot)"},
+      {{"-o", "a.kovraevent"}, "the output file must end in .kovraphot, got 'a.kovraevent'"},
+      {{"-d", "0"}, "--duration: expected seconds greater than 0 and at most 1000000, got '0'"},
+      {{"-r", "-1"}, "--event-rate: expected a rate in hertz at least 0, got '-1'"},
+      {{"-n", ""}, "--photons: expected a mean photon count at least 0 and at most 1000000, got ''"},
+      {{"--height", "32768"}, "--height: expected a whole number of pixels at least 1 and at most 32767, got '32768'"},
+      {{"--width", "2.5"}, "--width: expected a whole number of pixels, got '2.5'"},
+      {{"--class", "gamma:1"}, classRule + "gamma:1'"},
+      {{"--class", "a,b:1:0.1"}, classRule + "a,b:1:0.1'"},
+      {{"--class", "a:0:0.1"}, classRule + "a:0:0.1'"},
+      {{"--class", "a:1:1.5"}, classRule + "a:1:1.5'"},
+      {{"--triggers", "0"}, "--triggers: expected 'none', 'empty' or a frequency in hertz greater than 0, got '0'"},
+      {{"--triggers", "1e9"}, "--triggers: more than 1e8 triggers in the acquisition"},
+      {{"--seed=-1"}, seedRule + "-1'"},
+      {{"--seed", "18446744073709551616"}, seedRule + "18446744073709551616'"},
+      {{"-r", "1e9", "-n", "10"}, "1e+10 photons expected, more than the limit of 1e+09; shorten --duration"},
+      {{"--bogus"}, "unknown option '--bogus'"},
+      {{"--seed"}, "option '--seed' needs a value"},
+      {{"extra"}, "unexpected argument 'extra'"},
+  };
+  for (const auto& c : cases) {
+    TempDir dir;
+    std::string args = c.args.empty() || c.args[0] == "-o" ? "" : "-o a.kovraphot";
+    for (const auto& a : c.args) args += " '" + a + "'";
+    const auto r = run_simulate(dir, args);
+    EXPECT_EQ(r.status, 2) << args;
+    EXPECT_EQ(r.err, "kovra_simulate: " + c.message + "\nTry 'kovra_simulate --help'.\n");
+    EXPECT_TRUE(r.out.empty() && !std::filesystem::exists(dir.file("a.kovraphot"))) << args;
+  }
 }
 
-TEST(SimulateProgramTest, BadArgumentGivesStatusTwoAndWritesNothing) {
+TEST(SimulateProgramTest, HelpGivesStatusZeroAndAnUnwritableFileStatusOne) {
   TempDir dir;
-  const auto r = run_simulate(dir, "-o bad.kovraphot --sigma=-1");
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "kovra_simulate: --sigma: expected pixels at least 0, got '-1'\nTry 'kovra_simulate --help'.\n");
-  EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovraphot")));
-}
-
-TEST(SimulateProgramTest, UnwritableOutputGivesStatusOne) {
-  TempDir dir;
+  const auto help = run_simulate(dir, "--help");
+  EXPECT_TRUE(help.status == 0 && help.out.starts_with("Usage: kovra_simulate -o FILE.kovraphot")) << help.out;
   const auto r = run_simulate(dir, "-o missing/dir/a.kovraphot");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "kovra_simulate: cannot write 'missing/dir/a.kovraphot'\n");
@@ -60,38 +75,31 @@ TEST(SimulateProgramTest, UnwritableOutputGivesStatusOne) {
 
 TEST(SimulateProgramTest, FileHoldsTheModelsPhotonsAndTruthListsEveryFlash) {
   TempDir dir;
-  const auto r = run_simulate(dir, "-o run.kovraphot -d 0.002 -r 5e5 -n 8 --sigma 2 --width 64 --height 32 --snap "
-                                   "--tau-fast 4e-9 --tau-slow 1e-7 --class p:1:0.2 --class q:1:0.6 "
-                                   "--dark-rate 2e5 --triggers empty --seed 99 --truth");
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.err, "");
+  // Given classes replace the default ones.
+  const auto r = run_simulate(dir, "--output=run.kovraphot -d 0.002 -r 5e5 -n 8 --sigma 2 --width 64 --height 32 "
+                                   "--snap --tau-fast 4e-9 --tau-slow 1e-7 --class p:1:0.2 --class q:1:0.6 "
+                                   "--dark-rate 2e5 --triggers empty --seed 18446744073709551615 --truth");
+  ASSERT_TRUE(r.status == 0 && r.err.empty()) << r.status << r.err;
 
   // The same settings given to the model directly: the program must have passed every option through.
   kovra::simulate::Simulation_Settings s;
   s.duration_s = 0.002, s.eventRate_Hz = 5e5, s.photonsPerEvent = 8, s.sigma_px = 2, s.width_px = 64;
-  s.height_px = 32, s.snapToPixels = true, s.tauFast_s = 4e-9, s.tauSlow_s = 1e-7;
-  s.classes = {{"p", 1, 0.2}, {"q", 1, 0.6}};
-  s.darkRate_Hz = 2e5, s.triggerMode = kovra::simulate::Trigger_Mode::empty, s.seed = 99;
-  std::ostringstream expectedTruth;
-  expectedTruth << "t_s,x_px,y_px,nPhotons,class\n";
+  s.height_px = 32, s.snapToPixels = true, s.tauFast_s = 4e-9, s.tauSlow_s = 1e-7, s.darkRate_Hz = 2e5;
+  s.classes = {{"p", 1, 0.2}, {"q", 1, 0.6}}, s.triggerMode = kovra::simulate::Trigger_Mode::empty, s.seed = ~0ULL;
+  std::string truth = "t_s,x_px,y_px,nPhotons,class\n";
   const auto expected = kovra::simulate::simulate_photonEvents(s, [&](const kovra::simulate::True_Event& e) {
     char line[200];
     std::snprintf(line, sizeof line, "%.12f,%.4f,%.4f,%llu,%s\n", e.t_s, e.x_px, e.y_px,
                   static_cast<unsigned long long>(e.nPhotons), e.classIndex == 0 ? "p" : "q");
-    expectedTruth << line;
+    truth += line;
   });
-
   const auto loaded = kovra::tpx3spidr::FileHandler_PhotonEvents().load_file(dir.file("run.kovraphot"));
   ASSERT_EQ(loaded.size(), expected.photons.size());
   EXPECT_EQ(std::memcmp(loaded.photonEvents.data(), expected.photons.photonEvents.data(), 16 * loaded.size()), 0);
-  ASSERT_TRUE(loaded.extTriggers.has_value());
-  EXPECT_TRUE(loaded.extTriggers->empty());
-  EXPECT_EQ(read_bytes(dir.file("run.truth.csv")), expectedTruth.str());
-
-  const std::string summary = "kovra_simulate: wrote " + std::to_string(expected.photons.size()) + " photons (" +
-                              std::to_string(expected.nEventPhotons) + " from " +
-                              std::to_string(expected.nEvents) + " flashes, " +
-                              std::to_string(expected.nDarkPhotons) + " dark counts, 0 triggers) to run.kovraphot\n"
-                              "kovra_simulate: true flashes in run.truth.csv\n";
-  EXPECT_EQ(r.out, summary);
+  EXPECT_TRUE(loaded.extTriggers.has_value() && loaded.extTriggers->empty());
+  EXPECT_EQ(read_bytes(dir.file("run.truth.csv")), truth);
+  EXPECT_EQ(r.out, "kovra_simulate: wrote " + std::to_string(expected.photons.size()) + " photons (" +
+                       std::to_string(expected.nEventPhotons) + " from " + std::to_string(expected.nEvents) +
+                       " flashes, " + std::to_string(expected.nDarkPhotons) +
+                       " dark counts, 0 triggers) to run.kovraphot\nkovra_simulate: true flashes in run.truth.csv\n");
 }
