@@ -77,20 +77,6 @@ TEST_F(ContainerFileTest, BlockOrderTriggerStatesAndReplacement) {
   EXPECT_EQ((*data.extTriggers)[0].value, 2);
 }
 
-TEST_F(ContainerFileTest, ReadsEventRecords) {
-  FileBytes record;
-  record.i32(-3).i32(4).i64(1234567).u64(42).f64(7.8125e-8);
-  const auto data = load_events(FileBytes::file(3, FileBytes().block("events", record)).data);
-  ASSERT_EQ(data.events.size(), 1u);
-  const Event& e = data.events[0];
-  EXPECT_EQ(e.x.value, -3);
-  EXPECT_EQ(e.y.value, 4);
-  EXPECT_EQ(e.t.value, 1234567);
-  EXPECT_EQ(e.nPhotons, 42u);
-  EXPECT_EQ(e.psd, 7.8125e-8);
-  EXPECT_FALSE(data.extTriggers.has_value());
-}
-
 TEST_F(ContainerFileTest, RejectsMalformedFilesWithExactMessages) {
   const std::string valid_photons = photons_block({photon(1, 2, 3)}).data;
   auto file_with_sizes = [](std::uint64_t outer, std::uint64_t build) {
@@ -147,10 +133,6 @@ TEST_F(ContainerFileTest, RejectsMalformedEventFiles) {
               ThrowsMessage<std::invalid_argument>(StrEq("File contains partial events!")));
   EXPECT_THAT([&] { load_events(FileBytes::file(3, FileBytes().block("extTrigs", FileBytes())).data); },
               ThrowsMessage<std::invalid_argument>(StrEq("File does not contain event data!")));
-  EXPECT_THAT([&] { load_events(FileBytes::file(3, FileBytes().block("photons", FileBytes())).data); },
-              ThrowsMessage<std::invalid_argument>(StrEq("Block identifier not recognized!")));
-  EXPECT_THAT([&] { load_events(FileBytes::file(2, photons_block({})).data); },
-              ThrowsMessage<std::invalid_argument>(StrEq("File has wrong type!")));
 }
 
 TEST_F(ContainerFileTest, EveryTruncationOfAValidFileIsRejected) {
@@ -170,14 +152,21 @@ TEST_F(ContainerFileTest, EmptyEventListWritesTheMinimalFile) {
   EXPECT_EQ(read_bytes(file), expected);
 }
 
-TEST_F(ContainerFileTest, WrittenEventFilesMatchTheLayoutByteForByte) {
+TEST_F(ContainerFileTest, EventFilesMatchTheLayoutByteForByteBothWays) {
+  FileBytes record;
+  record.i32(-1).i32(2).i64(-3).u64(4).f64(0.5);
+  const std::string expected =
+      FileBytes::file(3, FileBytes().block("events", record).block("extTrigs", FileBytes().i64(10).i64(-20))).data;
   const std::string file = dir.file("e.kovraevent");
   FileHandler_Events::save_file(file, Data_Events({Event{Length{-1}, Length{2}, Time{-3}, 4, 0.5}},
                                                   std::vector<Time>{Time{10}, Time{-20}}));
-  FileBytes record;
-  record.i32(-1).i32(2).i64(-3).u64(4).f64(0.5);
-  EXPECT_EQ(read_bytes(file),
-            FileBytes::file(3, FileBytes().block("events", record).block("extTrigs", FileBytes().i64(10).i64(-20))).data);
+  EXPECT_EQ(read_bytes(file), expected);
+
+  const auto data = load_events(expected);
+  ASSERT_EQ(data.events.size(), 1u);
+  const Event& e = data.events[0];
+  EXPECT_TRUE(e.x.value == -1 && e.y.value == 2 && e.t.value == -3 && e.nPhotons == 4 && e.psd == 0.5);
+  EXPECT_EQ(data.extTriggers, (std::vector<Time>{Time{10}, Time{-20}}));
 }
 
 TEST_F(ContainerFileTest, RoundTripsKeepEveryFieldAndTheTriggerState) {
@@ -205,11 +194,8 @@ TEST_F(ContainerFileTest, RoundTripsKeepEveryFieldAndTheTriggerState) {
     const auto events_back = FileHandler_Events().load_file(event_file);
     ASSERT_EQ(events_back.events.size(), events.size());
     for (std::size_t i = 0; i < events.size(); ++i) {
-      EXPECT_EQ(events_back.events[i].x, events[i].x);
-      EXPECT_EQ(events_back.events[i].y, events[i].y);
-      EXPECT_EQ(events_back.events[i].t, events[i].t);
-      EXPECT_EQ(events_back.events[i].nPhotons, events[i].nPhotons);
-      EXPECT_EQ(events_back.events[i].psd, events[i].psd);
+      const Event &a = events_back.events[i], &b = events[i];
+      EXPECT_TRUE(a.x == b.x && a.y == b.y && a.t == b.t && a.nPhotons == b.nPhotons && a.psd == b.psd) << i;
     }
     EXPECT_EQ(events_back.extTriggers, triggers);
   }
