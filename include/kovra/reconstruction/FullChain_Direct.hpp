@@ -106,11 +106,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_fullCh
       if constexpr (!ordered) inEvent.clear_range(s, lastMember);
     }
   };
-  if (detail::is_timeOrdered(photons.photonEvents)) {
-    run.template operator()<true>();
-  } else {
-    run.template operator()<false>();
-  }
+  detail::run_for_order(photons.photonEvents, run);
 
   return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));
 }

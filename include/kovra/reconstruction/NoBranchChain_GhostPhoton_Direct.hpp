@@ -70,11 +70,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
       if (!seedTaken) events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
     }
   };
-  if (detail::is_timeOrdered(photons.photonEvents)) {
-    run.template operator()<true>();
-  } else {
-    run.template operator()<false>();
-  }
+  detail::run_for_order(photons.photonEvents, run);
 
   return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));
 }

@@ -194,6 +194,17 @@ bool is_timeOrdered(const std::vector<PhotonEvent_Type>& photons) {
                         [](const PhotonEvent_Type& a, const PhotonEvent_Type& b) { return a.toa < b.toa; });
 }
 
+/// Runs `run.template operator()<ordered>()`, with `ordered` telling whether the photons are in time order, so that
+/// each algorithm compiles its shortcuts for ordered input and its literal walk for the rest.
+template <typename PhotonEvent_Type, typename Run_Type>
+void run_for_order(const std::vector<PhotonEvent_Type>& photons, Run_Type&& run) {
+  if (is_timeOrdered(photons)) {
+    run.template operator()<true>();
+  } else {
+    run.template operator()<false>();
+  }
+}
+
 /// The line the algorithms without a window extension print when a factor is given anyway. Written straight to
 /// standard output and flushed, so that it shows whatever the log level.
 inline void print_extensionFactorWarning() {
