@@ -56,15 +56,11 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
   }
 }
 
-inline bool ends_with(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
 /// Picks the reader by the file's extension and runs; the library reader's exceptions pass through.
 inline void run_inspect(const Inspect_Options& options, std::ostream& out, std::ostream& notes, Progress& progress) {
-  if (ends_with(options.inputFile, Record_Traits<PhotonEvent>::extension)) {
+  if (options.inputFile.ends_with(Record_Traits<PhotonEvent>::extension)) {
     run_inspect(options, RecordFile<PhotonEvent>(options.inputFile), out, notes, progress);
-  } else if (ends_with(options.inputFile, Record_Traits<Event>::extension)) {
+  } else if (options.inputFile.ends_with(Record_Traits<Event>::extension)) {
     run_inspect(options, RecordFile<Event>(options.inputFile), out, notes, progress);
   } else {
     throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot or .kovraevent");
