@@ -38,18 +38,25 @@ def same_slice(row: Row, best: Row) -> bool:
     return all(row[k] == best[k] for k in ("algorithm", "durationMax_s", "dTime_ext"))
 
 
-def heat_maps(rows: list[Row], out_path: str) -> None:
-    best = next(r for r in rows if r["best"] == "1")
+def plane_grid(rows: list[Row], best: Row, column: str) -> tuple[list[float], list[float], np.ndarray]:
+    """The distances in space and time of the best row's plane, and `column` over them: grid[time][space], NaN
+    where the plane has no row."""
     plane = [r for r in rows if same_slice(r, best)]
     spaces = sorted({number(r["dSpace_px"]) for r in plane})
     times = sorted({number(r["dTime_s"]) for r in plane})
+    grid = np.full((len(times), len(spaces)), np.nan)
+    for r in plane:
+        grid[times.index(number(r["dTime_s"])), spaces.index(number(r["dSpace_px"]))] = number(r[column])
+    return spaces, times, grid
+
+
+def heat_maps(rows: list[Row], out_path: str) -> None:
+    best = next(r for r in rows if r["best"] == "1")
     panels = [("efficiency", "efficiency", "viridis"), ("merge_rate", "merge rate", "magma_r"),
               ("fom", "figure of merit", "viridis")]
     fig, axes = plt.subplots(1, 3, figsize=(15, 4.8), constrained_layout=True)
     for ax, (column, title, cmap) in zip(axes, panels):
-        grid = np.full((len(times), len(spaces)), np.nan)
-        for r in plane:
-            grid[times.index(number(r["dTime_s"])), spaces.index(number(r["dSpace_px"]))] = number(r[column])
+        spaces, times, grid = plane_grid(rows, best, column)
         image = ax.imshow(grid, origin="lower", aspect="auto", cmap=cmap)
         fig.colorbar(image, ax=ax, shrink=0.9)
         if len(spaces) * len(times) <= 100:

@@ -19,7 +19,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -150,7 +149,11 @@ inline Photon_Flashes read_photonFlashes(const std::string& path,
                                          const std::vector<kovra::tpx3spidr::PhotonEvent>& photons) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::invalid_argument("cannot read the photon flash file '" + path + "'");
-  const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  file.seekg(0, std::ios::end);
+  std::string bytes(static_cast<std::size_t>(std::max<std::streamoff>(file.tellg(), 0)), '\0');
+  file.seekg(0);
+  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  if (!file) throw std::invalid_argument("cannot read the photon flash file '" + path + "'");
   const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
   const std::string where = "photon flash file '" + path + "': ";
   if (bytes.size() < photonFlashes_headerBytes || bytes.compare(0, 8, photonFlashes_magic, 8) != 0) {
