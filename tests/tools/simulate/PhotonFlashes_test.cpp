@@ -50,6 +50,8 @@ std::string le(std::uint64_t value, int width) {
   return bytes;
 }
 
+std::string zeros(std::size_t n) { return std::string(n, '\0'); }
+
 std::string header(std::uint64_t version, std::uint64_t width, std::uint64_t nPhotons, std::uint64_t nFlashes,
                    std::uint64_t fingerprint) {
   return "KOVRAFLS" + le(version, 4) + le(width, 4) + le(nPhotons, 8) + le(nFlashes, 8) + le(fingerprint, 8);
@@ -130,9 +132,9 @@ TEST(PhotonFlashesTest, BadFilesAreRefusedWithOneMessage) {
       {"KOVRAFLX" + header(1, 4, 2, 1, fp).substr(8) + le(0, 8), "not a photon flash file"},
       {header(2, 4, 2, 1, fp) + le(0, 8), "unknown version"},
       {header(1, 2, 2, 1, fp) + le(0, 4), "bad entry width"},
-      {header(1, 4, 3, 1, fp) + le(0, 12), "made for 3 photons, the photon file has 2"},
-      {header(1, 4, 2, 1, fp) + le(0, 7), "truncated or overlong"},
-      {header(1, 8, 2, 1, fp) + le(0, 12), "truncated or overlong"},
+      {header(1, 4, 3, 1, fp) + zeros(12), "made for 3 photons, the photon file has 2"},
+      {header(1, 4, 2, 1, fp) + zeros(7), "truncated or overlong"},
+      {header(1, 8, 2, 1, fp) + zeros(12), "truncated or overlong"},
       {header(1, 4, 2, 1, fingerprint_photons(shifted)) + le(0, 8),
        "made for other photons (another seed or other settings)"},
       {header(1, 4, 2, 1, fp) + le(0, 4) + le(1, 4), "photon 1 names flash 1, not one of the 1"},
