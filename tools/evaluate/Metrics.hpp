@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -32,6 +33,7 @@ class Photon_Memberships {
   }
 
   void operator()(std::uint64_t eventIndex, std::uint64_t photonIndex) {
+    assert(second[photonIndex] == none);
     auto& slot = first[photonIndex] == none ? first[photonIndex] : second[photonIndex];
     slot = eventIndex;
   }
