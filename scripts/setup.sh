@@ -2,7 +2,7 @@
 # Installs the Debian packages the project needs, but only those that are missing.
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time)
+packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time python3-matplotlib)
 
 missing=()
 for p in "${packages[@]}"; do
