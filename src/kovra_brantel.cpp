@@ -58,14 +58,18 @@ int main(int argc, char** argv) {
   if (!outputDirectory.empty()) std::filesystem::create_directories(outputDirectory);
 
   const tpx::Reconstruction_Events reconstruction{tpx::Length::from_pixels(*parameters.d_space_px), dTime,
-                                                  parameters.d_time_ext, durationMax};
+                                                  parameters.d_time_ext, durationMax, print_warning};
 
   logging<LogLevel::trace>("Processing file: " + inputFile);
-  const tpx::Data_PhotonEvents photons = tpx::FileHandler_PhotonEvents{}.load_file(inputFile);
-  logging<LogLevel::info>(inputFile + ": Total number of photons in file = " + std::to_string(photons.size()));
+  // The whole file's structure is checked before the first photon is read; the photons are then read in
+  // pieces and the events written as they are found, to a file that replaces the output only when complete.
+  const kovra::File_Layout layout = tpx::FileHandler_PhotonEvents::read_layout(inputFile);
+  logging<LogLevel::info>(inputFile + ": Total number of photons in file = " + std::to_string(layout.records.count));
 
-  const tpx::Data_Events events = reconstructEvents_switchAlgorithm(reconstruction, photons, parameters.algorithm);
-  tpx::FileHandler_Events::save_file(outputFile, events);
+  tpx::PhotonSource_File photons(inputFile, layout.records);
+  tpx::EventFile_Writer events(outputFile);
+  reconstructEvents_switchAlgorithm(reconstruction, photons, parameters.algorithm, events);
+  events.finish(inputFile, layout.extTriggers);
 
   logging<LogLevel::info>(inputFile + ": Total number of reconstructed events = " + std::to_string(events.size()));
   logging<LogLevel::trace>("Finished processing file: " + inputFile);

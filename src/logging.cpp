@@ -1,3 +1,5 @@
 #include "logging.hpp"
 
 LogLevel logLevel = LogLevel::trace;
+
+void print_warning(const std::string& message) { std::cout << "WARNING: " << message << '\n' << std::flush; }

@@ -29,6 +29,10 @@ constexpr std::string_view get_logPrefix() {
 
 }  // namespace detail
 
+/// Writes "WARNING: <message>" as one flushed line on standard output, whatever the log level: a warning that
+/// must always be seen, with no time stamp.
+void print_warning(const std::string& message);
+
 /// Writes "<label><local time>: <message>" as one flushed line when the level passes the threshold. Below it
 /// nothing is formatted and the clock is not read.
 template <LogLevel level>

@@ -61,7 +61,6 @@ using Members = std::vector<std::vector<std::uint64_t>>;
 
 struct Algorithm {
   std::string name;
-  Data_Events (*run)(const Reconstruction_Events&, const Data_PhotonEvents&, Members&);
   bool ghosts;    // a photon may belong to two events
   bool anyOrder;  // has a separate walk for input out of time order (the forward chain has one walk, and
                   // aborts on a chain starting earlier than the one before)
@@ -76,20 +75,15 @@ struct Collector {
   }
 };
 
-template <auto method>
-Data_Events run_with(const Reconstruction_Events& r, const Data_PhotonEvents& p, Members& m) {
+Data_Events run_with(const Reconstruction_Events& r, const Data_PhotonEvents& p, const std::string& name, Members& m) {
   Collector sink{m};
-  return (r.*method)(p, sink);
+  return reconstructEvents_switchAlgorithm(r, p, name, sink);
 }
 
-const Algorithm algorithms[] = {
-    {"fullChain_direct", &run_with<&Reconstruction_Events::reconstruct_fullChain_direct<Collector>>, false, true},
-    {"forwardChain_photonBuildup",
-     &run_with<&Reconstruction_Events::reconstruct_forwardChain_photonBuildup<Collector>>, false, false},
-    {"noBranchChain_direct", &run_with<&Reconstruction_Events::reconstruct_noBranchChain_direct<Collector>>, false,
-     true},
-    {"noBranchChain_ghostPhoton_direct",
-     &run_with<&Reconstruction_Events::reconstruct_noBranchChain_ghostPhoton_direct<Collector>>, true, true}};
+const Algorithm algorithms[] = {{"fullChain_direct", false, true},
+                                {"forwardChain_photonBuildup", false, false},
+                                {"noBranchChain_direct", false, true},
+                                {"noBranchChain_ghostPhoton_direct", true, true}};
 
 }  // namespace
 
@@ -109,7 +103,7 @@ TEST(EventMembershipTest, MembersRebuildTheEventsBitForBit) {
                                           << s.durationMax << ", factor " << s.factor.value_or(-99));
           Members members;
           testing::internal::CaptureStdout();  // the extension-factor warning
-          const auto events = algorithm.run(r, photons, members);
+          const auto events = run_with(r, photons, algorithm.name, members);
           // The sink changes nothing: the form without it gives the same events.
           const auto plain = reconstructEvents_switchAlgorithm(r, photons, algorithm.name);
           testing::internal::GetCapturedStdout();

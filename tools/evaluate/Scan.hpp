@@ -19,7 +19,7 @@
 #include "evaluate/Metrics.hpp"
 #include "inspect/Progress.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm_withMembership.hpp"
+#include "reconstructEvents_switchAlgorithm.hpp"
 
 namespace kovra::evaluate {
 
@@ -65,7 +65,7 @@ inline Reconstruction_Metrics evaluate_setting(const Setting& setting, const kov
                                                std::uint64_t fomMinPhotons,
                                                std::vector<Event_Class>* eventClasses = nullptr) {
   memberships.reset();
-  const auto events = reconstructEvents_switchAlgorithm_withMembership(setting.get_reconstruction(), photons,
+  const auto events = reconstructEvents_switchAlgorithm(setting.get_reconstruction(), photons,
                                                                        setting.algorithm, memberships);
   return evaluator.evaluate(events.events, memberships, fomMinPhotons, eventClasses);
 }

@@ -13,6 +13,9 @@ struct EventMembership_None {};
 
 namespace detail {
 
+template <typename Membership_Type>
+inline constexpr bool wants_membership = !std::is_same_v<Membership_Type, EventMembership_None>;
+
 /// Tells `membership` that photon `photonIndex` belongs to event `eventIndex`; compiled out for
 /// EventMembership_None.
 template <typename Membership_Type>

@@ -6,84 +6,98 @@
 // joins the chain of the first one within dSpace (Euclidean, <=, against that photon's own position) whose chain
 // started at most durationMax before it; otherwise it opens a chain. Chains become events in order of creation.
 //
-// The chain list is reserved for one chain per photon so it never moves; each photon keeps the index of its
-// chain, 32 bits wide whenever the photon count allows it.
+// Each photon's window mark is the number of its chain (in order of creation). The chains not yet written are
+// kept in order of creation; a chain is written once it is the oldest kept and can take no further photon.
+//
+// Over a window, in time order: the look-back of every later photon stops at the latest photon more than dTime
+// before the current one (the "stop"), since all times ahead are at least the current one and every difference
+// is its true value (the window makes sure of both). So photons before the stop are released, and a chain whose
+// last photon is not after the stop is complete. What crosses a window border is the photons from the stop on
+// and the chains not yet written; an event that stays open (a chain fed for longer than the window holds)
+// holds back the chains created after it until it is complete. Out of order nothing can be let go: a photon
+// earlier than those before it may look back to the first photon, so the window then keeps the whole list.
 
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
-#include <memory>
-#include <utility>
-#include <vector>
+#include <deque>
 
 #include "kovra/Quantities.hpp"
-#include "kovra/Reconstruction_Events.hpp"
 #include "kovra/reconstruction/EventMembership.hpp"
-#include "kovra/reconstruction/Reconstruction_Detail.hpp"
+#include "kovra/reconstruction/Reconstruction_Pass.hpp"
 
 namespace kovra {
 
-namespace detail {
-
-template <typename Index_Type, typename Reconstruction_Type, typename Membership_Type>
-std::vector<typename Reconstruction_Type::PhotonEventChain_Type> build_forwardChains(
-    const Reconstruction_Type& settings, const typename Reconstruction_Type::Data_PhotonEvents_Type& photons,
-    Membership_Type& membership) {
-  using Chain_Type = typename Reconstruction_Type::PhotonEventChain_Type;
-  const std::size_t nPhotons = photons.photonEvents.size();
+/// Runs the forward chain over `source`, appending each event to `out` once its chain is complete, in order of
+/// creation.
+template <typename PhotonEventChain_Type, typename Settings_Type, typename PhotonEvent_Type, typename Out_Type,
+          typename Membership_Type>
+void run_forwardChain_photonBuildup(const Settings_Type& settings, PhotonSource<PhotonEvent_Type>& source,
+                                    Out_Type& out, Membership_Type& membership) {
+  if (settings.dTime_ext && settings.warn) settings.warn(extensionFactor_notSupported);
   const auto dSpace = settings.dSpace;
   const auto dTime = settings.dTime;
   const auto durationMax = settings.durationMax;
 
-  std::vector<Chain_Type> chains;
-  reserve_records(chains, nPhotons);
-  // Every entry is written before it is read (photon i is given a chain before any later photon looks at it).
-  const auto chainOfPhoton = std::make_unique_for_overwrite<Index_Type[]>(nPhotons);
+  /// A chain not yet written, with its latest photon.
+  struct Open_Chain : PhotonEventChain_Type {
+    std::size_t lastPhoton;
+  };
 
-  for (std::size_t i = 0; i < nPhotons; ++i) {
-    const auto& current = photons.photonEvents[i];
-    bool joined = false;
-    for (std::size_t j = i; j-- > 0;) {
-      const auto& earlier = photons[j];
-      if (current.toa - earlier.toa > dTime) break;
-      if (!within_euclidean(current.x - earlier.x, current.y - earlier.y, dSpace)) continue;
-      Chain_Type& chain = chains[chainOfPhoton[j]];
-      if (durationMax >= current.toa - chain.get_t_first()) {
-        chain.add_photon(current);
-        chainOfPhoton[i] = chainOfPhoton[j];
-        joined = true;
-        break;
+  detail::run_pass<std::uint64_t>(source, out, detail::wants_membership<Membership_Type>, [&]<bool ordered>(auto& window) {
+    std::deque<Open_Chain> chains;  // the chains not yet written, oldest first
+    std::uint64_t firstKept = 0;    // number of the oldest chain kept
+    std::size_t stop = 0;           // the latest photon more than dTime before the current one, once there is one
+    bool haveStop = false;
+    std::size_t next = 0;           // the first photon not known to be that far back
+
+    const auto write_complete = [&](bool all) {
+      while (!chains.empty() && (all || (haveStop && chains.front().lastPhoton <= stop))) {
+        out.append(chains.front().to_event());
+        chains.pop_front();
+        ++firstKept;
+      }
+    };
+
+    for (std::size_t i = 0; window.fetch(i); ++i) {
+      const PhotonEvent_Type current = window[i];
+      if constexpr (ordered) {
+        for (; next < i && current.toa - window[next].toa > dTime; ++next) {
+          stop = next;
+          haveStop = true;
+        }
+        if (haveStop) {
+          window.release_before(stop);
+          write_complete(false);
+        }
+      }
+      bool joined = false;
+      for (std::size_t j = i; j-- > 0;) {
+        const PhotonEvent_Type& earlier = window[j];
+        if (current.toa - earlier.toa > dTime) break;
+        if (!within_euclidean(current.x - earlier.x, current.y - earlier.y, dSpace)) continue;
+        const std::uint64_t number = window.mark(j);
+        Open_Chain& open = chains[static_cast<std::size_t>(number - firstKept)];
+        if (durationMax >= current.toa - open.get_t_first()) {
+          open.add_photon(current);
+          open.lastPhoton = i;
+          window.mark(i) = number;
+          detail::report_member(membership, number, i);
+          joined = true;
+          break;
+        }
+      }
+      if (!joined) {
+        const PhotonEventChain_Type newChain(current);
+        assert(chains.empty() || chains.back().get_t_first() <= newChain.get_t_first());
+        const std::uint64_t number = firstKept + chains.size();
+        window.mark(i) = number;
+        chains.push_back(Open_Chain{newChain, i});
+        detail::report_member(membership, number, i);
       }
     }
-    if (!joined) {
-      const Chain_Type newChain(current);
-      assert(chains.empty() || chains.back().get_t_first() <= newChain.get_t_first());
-      chainOfPhoton[i] = static_cast<Index_Type>(chains.size());
-      chains.push_back(newChain);
-    }
-    report_member(membership, chainOfPhoton[i], i);
-  }
-  return chains;
-}
-
-}  // namespace detail
-
-template <typename Length_Type, typename Time_Type, typename PSD_Type>
-template <typename Membership_Type>
-auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_forwardChain_photonBuildup(
-    const Data_PhotonEvents_Type& photons, Membership_Type& membership) const -> Data_Events_Type {
-  if (dTime_ext) detail::print_extensionFactorWarning();
-
-  const auto chains = photons.size() <= std::numeric_limits<std::uint32_t>::max()
-                          ? detail::build_forwardChains<std::uint32_t>(*this, photons, membership)
-                          : detail::build_forwardChains<std::size_t>(*this, photons, membership);
-
-  std::vector<Event_Type> events;
-  detail::reserve_records(events, chains.size());
-  for (const auto& chain : chains) events.push_back(chain.to_event());
-
-  return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));
+    write_complete(true);
+  });
 }
 
 }  // namespace kovra

@@ -10,69 +10,71 @@
 // than min(t_j + dTime, cap). On time-ordered input this amounts to "some event photon in [t_j - dTime, t_j]".
 //
 // On time-ordered input the search looks only at the event's own photons, kept in a short list, from the first
-// one not earlier than t_j - dTime on. Out of order it walks the photons as described, and a second bit per
-// photon marks the event being built (cleared over the event's range when it is done), so "belongs to the
-// current event" needs no index.
+// one not earlier than t_j - dTime on. Out of order it walks the photons as described, and the window mark of a
+// photon says it belongs to the event being built (cleared over the event's range when it is done), so
+// "belongs to the current event" needs no index.
+//
+// Over a window: an event reads nothing before its seed, so the window releases everything before the current
+// seed; the taken bits of the photons ahead of it cross window borders inside the window.
 
 #include <algorithm>
 #include <cstddef>
-#include <utility>
+#include <cstdint>
 #include <vector>
 
 #include "kovra/Quantities.hpp"
-#include "kovra/Reconstruction_Events.hpp"
 #include "kovra/reconstruction/EventMembership.hpp"
-#include "kovra/reconstruction/Reconstruction_Detail.hpp"
+#include "kovra/reconstruction/Reconstruction_Pass.hpp"
 
 namespace kovra {
 
-template <typename Length_Type, typename Time_Type, typename PSD_Type>
-template <typename Membership_Type>
-auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_fullChain_direct(
-    const Data_PhotonEvents_Type& photons, Membership_Type& membership) const -> Data_Events_Type {
-  if (dTime_ext) detail::print_extensionFactorWarning();
-
-  const std::size_t nPhotons = photons.photonEvents.size();
-  const PhotonEvent_Type* const photon = photons.photonEvents.data();
-  std::vector<Event_Type> events;
-  detail::reserve_records(events, nPhotons);
-  detail::Bits_Packed taken(nPhotons);
+/// Runs the full chain over `source`, appending each event to `out` as soon as it is complete.
+template <typename PhotonEventChain_Type, typename Settings_Type, typename PhotonEvent_Type, typename Out_Type,
+          typename Membership_Type>
+void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEvent_Type>& source, Out_Type& out,
+                          Membership_Type& membership) {
+  using Time_Type = typename PhotonEvent_Type::time_type;
+  if (settings.dTime_ext && settings.warn) settings.warn(extensionFactor_notSupported);
+  const auto dSpace = settings.dSpace;
+  const auto dTime = settings.dTime;
+  const auto durationMax = settings.durationMax;
 
   // Members of the event being built, in the order they joined (time order when the photons are). Reused from
   // event to event; it grows only past the largest event seen so far.
   std::vector<std::size_t> members;
   members.reserve(64);
 
-  const auto run = [&]<bool ordered>() {
-    detail::Bits_Packed inEvent(ordered ? 0 : nPhotons);
-    for (std::size_t s = 0; s < nPhotons; ++s) {
-      if (taken.test(s)) continue;
-      taken.set(s);
-      PhotonEventChain_Type chain(photon[s]);
-      detail::report_member(membership, events.size(), s);
-      const Time_Type tLimit = photon[s].toa + durationMax;
-      Time_Type tReach = photon[s].toa + dTime;
+  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, [&]<bool ordered>(auto& window) {
+    for (std::size_t s = 0; window.fetch(s); ++s) {
+      window.release_before(s);
+      if (window.is_taken(s)) continue;
+      window.set_taken(s);
+      const PhotonEvent_Type seed = window[s];
+      PhotonEventChain_Type chain(seed);
+      detail::report_member(membership, out.size(), s);
+      const Time_Type tLimit = seed.toa + durationMax;
+      Time_Type tReach = seed.toa + dTime;
       std::size_t lastMember = s;
       std::size_t firstRecent = 0;  // first member not earlier than t_j - dTime (ordered input)
       if constexpr (ordered) {
         members.clear();
         members.push_back(s);
       } else {
-        inEvent.set(s);
+        window.mark(s) = 1;
       }
 
-      if (s + 1 < nPhotons && photon[s + 1].toa <= std::min(tReach, tLimit)) {
+      if (window.fetch(s + 1) && window[s + 1].toa <= std::min(tReach, tLimit)) {
         for (std::size_t j = s + 1;; ++j) {
-          if (!taken.test(j)) {
-            const PhotonEvent_Type& offered = photon[j];
+          if (!window.is_taken(j)) {
+            const PhotonEvent_Type& offered = window[j];
             const Time_Type lo = offered.toa - dTime;
             bool touches = false;
             if constexpr (ordered) {
               // In time order the search below finds exactly the members in [t_j - dTime, t_j]; members are
               // fewer than photons, and the window's lower end only moves forward.
-              while (firstRecent < members.size() && photon[members[firstRecent]].toa < lo) ++firstRecent;
+              while (firstRecent < members.size() && window[members[firstRecent]].toa < lo) ++firstRecent;
               for (std::size_t m = firstRecent; m < members.size() && !touches; ++m) {
-                const PhotonEvent_Type& member = photon[members[m]];
+                const PhotonEvent_Type& member = window[members[m]];
                 touches = within_euclidean(member.x - offered.x, member.y - offered.y, dSpace);
               }
             } else {
@@ -81,9 +83,9 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_fullCh
               // the forward scan may stop at j.
               const Time_Type hi = std::min(offered.toa + dTime, tLimit);
               std::size_t k = j - 1;
-              while (k > s && photons[k - 1].toa >= lo) --k;
-              for (; k < j && photon[k].toa <= hi; ++k) {
-                if (inEvent.test(k) && within_euclidean(photon[k].x - offered.x, photon[k].y - offered.y, dSpace)) {
+              while (k > s && window[k - 1].toa >= lo) --k;
+              for (; k < j && window[k].toa <= hi; ++k) {
+                if (window.mark(k) != 0 && within_euclidean(window[k].x - offered.x, window[k].y - offered.y, dSpace)) {
                   touches = true;
                   break;
                 }
@@ -91,28 +93,27 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_fullCh
             }
             if (touches) {
               chain.add_photon(offered);
-              taken.set(j);
-              detail::report_member(membership, events.size(), j);
+              window.set_taken(j);
+              detail::report_member(membership, out.size(), j);
               if constexpr (ordered) {
                 members.push_back(j);
               } else {
-                inEvent.set(j);
+                window.mark(j) = 1;
               }
               lastMember = j;
               tReach = std::max(tReach, std::min(offered.toa + dTime, tLimit));
             }
           }
-          if (j + 1 == nPhotons || photon[j + 1].toa > std::min(tReach, tLimit)) break;
+          if (!window.fetch(j + 1) || window[j + 1].toa > std::min(tReach, tLimit)) break;
         }
       }
 
-      events.push_back(chain.to_event());
-      if constexpr (!ordered) inEvent.clear_range(s, lastMember);
+      out.append(chain.to_event());
+      if constexpr (!ordered) {
+        for (std::size_t k = s; k <= lastMember; ++k) window.mark(k) = 0;
+      }
     }
-  };
-  detail::run_for_order(photons.photonEvents, run);
-
-  return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));
+  });
 }
 
 }  // namespace kovra

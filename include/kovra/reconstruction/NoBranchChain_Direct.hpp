@@ -7,17 +7,19 @@
 // taken or too far are passed over without ending the chain; the first photon later than
 // min(t_last + d, seed time + durationMax) ends it (both bounds inclusive). The window d starts at dTime and
 // grows by trunc((t_new - t_last) * dTime_ext) with every photon added.
+//
+// Over a window: a chain reads only its seed and the photons up to the one that ends it, and nothing from
+// before its seed; so the window releases everything before the current seed, and what crosses a window border
+// is the taken bits of the photons ahead of the seed, which live in the window.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <utility>
-#include <vector>
 
 #include "kovra/Quantities.hpp"
-#include "kovra/Reconstruction_Events.hpp"
+#include "kovra/reconstruction/Cells_FreePhotons.hpp"
 #include "kovra/reconstruction/EventMembership.hpp"
-#include "kovra/reconstruction/Reconstruction_Detail.hpp"
+#include "kovra/reconstruction/Reconstruction_Pass.hpp"
 
 namespace kovra {
 
@@ -37,23 +39,28 @@ struct NoBranchChain_Window {
     return std::min(tEnd, add_saturating(tLast, d));
   }
 
+  /// Chains look this many candidates in a row past their last photon before asking the cell counts whether
+  /// any free photon is left near it: most chains find their next photon sooner, and the question costs about
+  /// as much as six candidate tests. (Measured on the dense benchmark: 4 and 8 were both slightly slower.)
+  static constexpr unsigned missesBeforeAsking = 6;
+
   /// Grows the chain of the seed at `seedIndex`, offering it the photons from `firstCandidate` on and taking
-  /// (marking) the free photons that join. The caller has checked that `firstCandidate` lies inside the seed's
-  /// window, and that the photons it passed over could not have joined.
+  /// (marking) the free photons that join. The caller has fetched `firstCandidate` and checked that it lies
+  /// inside the seed's window, and that the photons it passed over could not have joined.
   ///
-  /// `resume`, when given, receives for each photon that was the chain's last one how far past it the chain
-  /// looked while it was last (capped at 255): the photons in between were taken or out of its reach, and
+  /// With `noteResume`, each photon that was the chain's last one gets as its window mark how far past it the
+  /// chain looked while it was last (capped at 255): the photons in between were taken or out of its reach, and
   /// stay so, so a chain seeded later by that photon can start looking there.
   ///
   /// Every photon that joins is reported to `membership` as a member of event `eventIndex`; the seed is not.
   ///
-  /// `freePhotons`, used when `counted` (time-ordered input only), counts the free photons from before `firstCandidate`
-  /// on; the chain extends it over its window and ends as soon as no free photon is left near its last photon,
-  /// since only such a photon could join next.
-  template <typename PhotonEventChain_Type, bool counted, typename PhotonEvent_Type, typename Membership_Type>
-  PhotonEventChain_Type grow(const PhotonEvent_Type* photon, std::size_t nPhotons, std::size_t seedIndex,
-                             std::size_t firstCandidate, Time_Type tEnd, Bits_Packed& taken, std::uint8_t* resume,
-                             Range_FreePhotons<PhotonEvent_Type>* freePhotons, Membership_Type& membership,
+  /// `freePhotons`, used when `counted` (time-ordered input only), counts the free photons from before
+  /// `firstCandidate` on; the chain extends it over its window and ends as soon as no free photon is left near its
+  /// last photon, since only such a photon could join next.
+  template <typename PhotonEventChain_Type, bool counted, typename Window_Type, typename Range_Type,
+            typename Membership_Type>
+  PhotonEventChain_Type grow(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate, Time_Type tEnd,
+                             bool noteResume, Range_Type* freePhotons, Membership_Type& membership,
                              std::uint64_t eventIndex) const {
     // |a - b| < dSpace on the wrapped 32-bit difference, as one unsigned comparison: the difference shifted by
     // dSpace - 1 must fall in [0, 2 dSpace - 2]. A distance of 0 or less admits nothing.
@@ -62,37 +69,35 @@ struct NoBranchChain_Window {
     const auto near = [offset, width](Length_Type a, Length_Type b) {
       return static_cast<std::uint64_t>(static_cast<std::int64_t>((a - b).value) + offset) < width;
     };
-    const auto note_resume = [resume](std::size_t from, std::size_t to) {
-      if (resume) resume[from] = static_cast<std::uint8_t>(std::min<std::size_t>(to - from, 255));
+    const auto note_resume = [&window, noteResume](std::size_t from, std::size_t to) {
+      if (noteResume) window.mark(from) = static_cast<std::uint8_t>(std::min<std::size_t>(to - from, 255));
     };
 
-    const PhotonEvent_Type& seed = photon[seedIndex];
-    PhotonEventChain_Type chain(seed);
+    PhotonEventChain_Type chain(window[seedIndex]);
     std::size_t last = seedIndex;
-    Length_Type lastX = seed.x;
-    Length_Type lastY = seed.y;
-    Time_Type tLast = seed.toa;
+    Length_Type lastX = window[seedIndex].x;
+    Length_Type lastY = window[seedIndex].y;
+    Time_Type tLast = window[seedIndex].toa;
     Time_Type d = dTime;
     Time_Type limit = limit_of(tLast, d, tEnd);
     // The answer for one last photon cannot change while it stays last, so it is asked at most once per last
-    // photon, and only after a few candidates in a row failed: most chains find their next photon sooner.
-    const auto exhausted = [&](const PhotonEvent_Type& lastPhoton) {
+    // photon.
+    const auto exhausted = [&]() {
       freePhotons->extend_to(limit);
-      return !freePhotons->any_free_near(lastPhoton);
+      return !freePhotons->any_free_near(lastX, lastY);
     };
-    constexpr unsigned missesBeforeAsking = 6;
     unsigned misses = 0;
     std::size_t j = firstCandidate;
     for (;;) {
       if constexpr (counted) {
-        if (misses == missesBeforeAsking && exhausted(photon[last])) break;
+        if (misses == missesBeforeAsking && exhausted()) break;
         ++misses;
       }
-      const PhotonEvent_Type& candidate = photon[j];
+      const auto& candidate = window[j];
       // One branch for the three tests: most candidates fail one of them at random.
-      if (near(lastX, candidate.x) & near(lastY, candidate.y) & !taken.test(j)) {
+      if (near(lastX, candidate.x) & near(lastY, candidate.y) & !window.is_taken(j)) {
         chain.add_photon(candidate);
-        taken.set(j);
+        window.set_taken(j);
         report_member(membership, eventIndex, j);
         if constexpr (counted) freePhotons->note_taken(j);
         // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
@@ -106,63 +111,64 @@ struct NoBranchChain_Window {
         misses = 0;
       }
       ++j;
-      if (j == nPhotons || photon[j].toa > limit) break;
+      if (!window.fetch(j) || window[j].toa > limit) break;
     }
     note_resume(last, j);
     return chain;
   }
 };
 
-template <typename Reconstruction_Type>
-auto make_noBranchChain_window(const Reconstruction_Type& settings) {
+template <typename Settings_Type>
+auto make_noBranchChain_window(const Settings_Type& settings) {
   using Length_Type = decltype(settings.dSpace);
   using Time_Type = decltype(settings.dTime);
   return NoBranchChain_Window<Length_Type, Time_Type>{settings.dSpace, settings.dTime,
                                                        settings.dTime_ext.value_or(0.0), settings.durationMax};
 }
 
+/// In time order, chains of this algorithm ask the cell counts only where windows of dTime hold on average at
+/// least this many photons: below it the counting cost more than the scans it saved (dense benchmark, 24 and
+/// more photons per window, gained; nominal, about 4, lost).
+inline constexpr std::size_t noBranchChain_crowdedFrom = 24;
+
 }  // namespace detail
 
-template <typename Length_Type, typename Time_Type, typename PSD_Type>
-template <typename Membership_Type>
-auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBranchChain_direct(
-    const Data_PhotonEvents_Type& photons, Membership_Type& membership) const -> Data_Events_Type {
-  const auto window = detail::make_noBranchChain_window(*this);
-  const std::size_t nPhotons = photons.photonEvents.size();
-  const PhotonEvent_Type* const photon = photons.photonEvents.data();
-  std::vector<Event_Type> events;
-  detail::reserve_records(events, nPhotons);
-  detail::Bits_Packed taken(nPhotons);
+/// Runs the no-branch chain over `source`, appending each event to `out` as soon as it is complete.
+template <typename PhotonEventChain_Type, typename Settings_Type, typename PhotonEvent_Type, typename Out_Type,
+          typename Membership_Type>
+void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<PhotonEvent_Type>& source, Out_Type& out,
+                              Membership_Type& membership) {
+  using Length_Type = typename PhotonEvent_Type::length_type;
+  using Time_Type = typename PhotonEvent_Type::time_type;
+  using Event_Type = typename PhotonEventChain_Type::Event_Type;
+  const auto chains = detail::make_noBranchChain_window(settings);
 
-  const auto run = [&]<bool ordered>() {
-    // In time order and very crowded windows, chains stop as soon as no free photon is left near their last one.
-    // (With a few photons per window the bookkeeping costs more than the scans it saves.)
-    const bool countCells = ordered && detail::is_crowded(photons.photonEvents, dTime, 24);
-    detail::Range_FreePhotons<PhotonEvent_Type> freePhotons(photons.photonEvents, taken, dSpace);
-    for (std::size_t i = 0; i < nPhotons; ++i) {
-      if (taken.test(i)) continue;
+  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, [&]<bool ordered>(auto& window) {
+    using Window_Type = std::remove_reference_t<decltype(window)>;
+    const bool countCells = ordered && detail::is_crowded(window, settings.dTime, detail::noBranchChain_crowdedFrom);
+    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace);
+    for (std::size_t i = 0; window.fetch(i); ++i) {
+      window.release_before(i);
+      // Every seed moves the counted range past itself: photons before a seed can join none of its chains.
       if (countCells) freePhotons.drop_before(i + 1);
-      taken.set(i);
-      detail::report_member(membership, events.size(), i);
-      const PhotonEvent_Type& seed = photon[i];
-      const Time_Type tEnd = seed.toa + durationMax;
-      const std::size_t first = ordered ? taken.find_clear(i + 1, nPhotons) : i + 1;
-      if (first < nPhotons && photon[first].toa <= window.limit_of(seed.toa, dTime, tEnd)) {
+      if (window.is_taken(i)) continue;
+      window.set_taken(i);
+      detail::report_member(membership, out.size(), i);
+      const PhotonEvent_Type seed = window[i];
+      const Time_Type tEnd = seed.toa + settings.durationMax;
+      const std::size_t first = ordered ? window.find_free(i + 1) : i + 1;
+      if (window.fetch(first) && window[first].toa <= chains.limit_of(seed.toa, settings.dTime, tEnd)) {
         const auto chain =
-            countCells
-                ? window.template grow<PhotonEventChain_Type, true>(photon, nPhotons, i, first, tEnd, taken, nullptr,
-                                                                    &freePhotons, membership, events.size())
-                : window.template grow<PhotonEventChain_Type, false>(photon, nPhotons, i, first, tEnd, taken,
-                                                                     nullptr, &freePhotons, membership, events.size());
-        events.push_back(chain.to_event());
+            countCells ? chains.template grow<PhotonEventChain_Type, true>(window, i, first, tEnd, false, &freePhotons,
+                                                                           membership, out.size())
+                       : chains.template grow<PhotonEventChain_Type, false>(window, i, first, tEnd, false,
+                                                                            &freePhotons, membership, out.size());
+        out.append(chain.to_event());
       } else {
-        events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
+        out.append(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
       }
     }
-  };
-  detail::run_for_order(photons.photonEvents, run);
-
-  return Data_Events_Type(std::move(events), detail::copy_extTriggers(photons));
+  });
 }
 
 }  // namespace kovra

@@ -4,9 +4,11 @@
 // templates instantiated with them. Everything the tool and its companions use comes from here.
 
 #include "kovra/Data_PhotonEvents.hpp"
+#include "kovra/EventFile_Writer.hpp"
 #include "kovra/FileHandler_Events.hpp"
 #include "kovra/FileHandler_PhotonEvents.hpp"
 #include "kovra/PhotonEventChain.hpp"
+#include "kovra/PhotonSource.hpp"
 #include "kovra/PulseShapeDiscrimination.hpp"
 #include "kovra/Quantities.hpp"
 #include "kovra/Reconstruction_Events.hpp"
@@ -31,6 +33,12 @@ using Reconstruction_Events = kovra::Reconstruction_Events<Length, Time, PSD>;
 /// Photon files (".kovraphot") and event files (".kovraevent").
 using FileHandler_PhotonEvents = kovra::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 using FileHandler_Events = kovra::FileHandler_Events<Length, Time, PSD, 4, 8, 3>;
+
+/// Streaming: photons from a file or a list, events to a file as they are found.
+using PhotonSource = kovra::PhotonSource<PhotonEvent>;
+using PhotonSource_File = kovra::PhotonSource_File<PhotonEvent>;
+using PhotonSource_Memory = kovra::PhotonSource_Memory<PhotonEvent>;
+using EventFile_Writer = kovra::EventFile_Writer<Event, Time>;
 
 static_assert(sizeof(PhotonEvent) == 16, "a photon must stay 16 bytes");
 static_assert(sizeof(Event) == 32, "an event must stay 32 bytes");
