@@ -2,7 +2,8 @@
 # Installs the Debian packages the project needs, but only those that are missing.
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time)
+packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time
+          snakemake python3-numpy python3-h5py python3-matplotlib)
 
 missing=()
 for p in "${packages[@]}"; do
