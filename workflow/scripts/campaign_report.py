@@ -20,6 +20,7 @@ import numpy as np  # noqa: E402
 from matplotlib.colors import LogNorm  # noqa: E402
 
 import atomic_files  # noqa: E402
+from process_file import PSD_EDGES_S  # noqa: E402
 
 CSV_COLUMNS = (
     "file",
@@ -178,7 +179,7 @@ def write_report(status_paths: Sequence[Path], csv_path: Path, markdown_path: Pa
         for key, value in status.get("psd_outside_bins", {}).items():
             outside[key] = outside.get(key, 0) + int(value)
     if psd_counts is None or psd_edges is None:
-        psd_edges = np.logspace(-11.0, -3.0, 401)
+        psd_edges = PSD_EDGES_S
         psd_counts = np.zeros(len(psd_edges) - 1, dtype=np.int64)
 
     plot_pulse_shape(psd_counts, psd_edges, outside, len(good), pulse_shape_png)
