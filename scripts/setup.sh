@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, but only those that are missing.
+# Extra package names given as arguments are installed too (scripts/slurm_campaign.sh asks for Slurm this way).
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time python3-matplotlib)
+packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time
+          snakemake python3-numpy python3-h5py python3-matplotlib "$@")
 
 missing=()
 for p in "${packages[@]}"; do

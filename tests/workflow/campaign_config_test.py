@@ -1,0 +1,140 @@
+"""Checks of the campaign settings (workflow/scripts/campaign_config.py), without Snakemake."""
+
+import os
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+from typing import Any
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "workflow" / "scripts"))
+import campaign_config  # noqa: E402
+from campaign_config import CampaignConfigError, check_campaign  # noqa: E402
+
+
+class CampaignConfigTest(unittest.TestCase):
+    def setUp(self) -> None:
+        self.temp = tempfile.TemporaryDirectory()
+        self.root = Path(self.temp.name)
+        self.input = self.root / "in"
+        self.input.mkdir()
+        for name in ("run2.kovraphot", "run10.kovraphot", "notes.txt", "old.kovraevent", ".kovraphot"):
+            (self.input / name).write_bytes(b"")
+        (self.input / "folder.kovraphot").mkdir()
+        (self.input / "sub").mkdir()
+        (self.input / "sub" / "deep.kovraphot").write_bytes(b"")
+        self.bin = self.root / "bin"
+        self.bin.mkdir()
+        for tool in ("kovra_brantel", "kovra_inspect"):
+            (self.bin / tool).write_text("#!/bin/sh\n")
+            (self.bin / tool).chmod(0o755)
+        self.params = self.root / "params.json"
+        self.params.write_text('{"brantel": {"dSpace_px": 3, "dTime_s": 2e-7}}')
+
+    def tearDown(self) -> None:
+        self.temp.cleanup()
+
+    def config(self, **changes: Any) -> dict[str, Any]:
+        base: dict[str, Any] = {key: None for key in campaign_config.KNOWN_KEYS}
+        base.update(input=str(self.input), output=str(self.root / "out"), dSpace_px=5, dTime_s=5e-7,
+                    bin=str(self.bin), mapSize_px=256)
+        base.update(changes)
+        return base
+
+    def test_good_settings_become_the_command_line(self) -> None:
+        brantel = str(self.bin / "kovra_brantel")
+        cases = [
+            ({}, [brantel, "-s", "5", "-t", "5e-07"]),
+            # YAML 1.1 leaves 1e-7 as text; it is still a number.
+            ({"dTime_s": "1e-7", "dSpace_px": 2.5}, [brantel, "-s", "2.5", "-t", "1e-07"]),
+            ({"dTime_ext": 0, "durationMax_s": 2e-6, "algorithm": "fullChain_direct"},
+             [brantel, "-s", "5", "-t", "5e-07", "--dTime_ext", "0", "-D", "2e-06", "--algorithm", "fullChain_direct"]),
+            # The parameters file comes first, so the keys override it; it may stand in for the required keys.
+            ({"paramsFile": str(self.params)}, [brantel, "-f", str(self.params), "-s", "5", "-t", "5e-07"]),
+            ({"paramsFile": str(self.params), "dSpace_px": None, "dTime_s": None}, [brantel, "-f", str(self.params)]),
+        ]
+        for changes, expected in cases:
+            with self.subTest(changes=changes):
+                campaign = check_campaign(self.config(**changes))
+                self.assertEqual(list(campaign.brantel_args), expected)
+                self.assertEqual(campaign.inspect_tool, str(self.bin / "kovra_inspect"))
+
+    def test_only_photon_files_directly_in_the_input_folder_count(self) -> None:
+        campaign = check_campaign(self.config(mapSize_px="512"))
+        self.assertEqual(campaign.names, ("run10", "run2"))
+        self.assertEqual(campaign.map_size_px, 512)
+
+    def test_bad_settings_are_refused_with_one_clear_message(self) -> None:
+        empty = self.root / "empty"
+        empty.mkdir()
+        (empty / "a.kovraevent").write_bytes(b"")
+        not_a_folder = self.root / "file"
+        not_a_folder.write_text("")
+        bad_json = self.root / "bad.json"
+        bad_json.write_text("{ brantel: 1 }")
+        no_section = self.root / "other.json"
+        no_section.write_text('{"inspect": {}}')
+        bad_value = self.root / "value.json"
+        bad_value.write_text('{"brantel": {"dTime_s": "fast"}}')
+        no_tools = self.root / "nobin"
+        no_tools.mkdir()
+        cases = [
+            ({"dSpace": 5}, "unknown key dSpace; known keys: input, output, dSpace_px"),
+            ({"Input": "x", "extra": 1}, "unknown keys Input, extra;"),
+            ({"input": None}, '"input" is not set (give it with --config input=FOLDER)'),
+            ({"output": None}, '"output" is not set'),
+            ({"input": str(self.root / "missing")}, f'"input": no such folder: {self.root / "missing"}'),
+            ({"input": ""}, '"input" must be a non-empty path'),
+            ({"input": str(empty)}, f'"input": no *.kovraphot files in {empty}'),
+            ({"output": str(not_a_folder)}, f'"output": {not_a_folder} exists and is not a folder'),
+            ({"dSpace_px": None}, '"dSpace_px" is not set'),
+            ({"dTime_s": None}, '"dTime_s" is not set'),
+            ({"dSpace_px": "abc"}, "\"dSpace_px\" must be a number, got 'abc'"),
+            ({"dSpace_px": 0}, '"dSpace_px" must be greater than 0, got 0'),
+            ({"dTime_s": -1e-7}, '"dTime_s" must be greater than 0, got -1e-07'),
+            ({"dTime_s": float("inf")}, '"dTime_s" must be finite'),
+            ({"dTime_s": "nan"}, '"dTime_s" must be finite'),
+            ({"dSpace_px": True}, '"dSpace_px" must be a number, got True'),
+            ({"dSpace_px": [1]}, '"dSpace_px" must be a number, got [1]'),
+            ({"durationMax_s": -1}, '"durationMax_s" must be at least 0, got -1'),
+            ({"dTime_ext": -0.5}, '"dTime_ext" must be at least 0'),
+            ({"algorithm": "fastest"}, "\"algorithm\" must be one of default, noBranchChain_direct"),
+            ({"mapSize_px": 1.5}, '"mapSize_px" must be a whole number from 1 to 32768, got 1.5'),
+            ({"mapSize_px": 32769}, '"mapSize_px" must be a whole number from 1 to 32768'),
+            ({"mapSize_px": 0}, '"mapSize_px" must be at least 1'),
+            ({"paramsFile": str(self.root / "none.json")}, '"paramsFile": no such file'),
+            ({"paramsFile": str(bad_json)}, f'"paramsFile": {bad_json} is not a JSON file'),
+            ({"paramsFile": str(no_section)}, f'"paramsFile": {no_section} has no "brantel" object'),
+            ({"paramsFile": str(bad_value)}, f'"paramsFile": {bad_value}: "dTime_s" must be a number'),
+            ({"bin": str(self.root / "nobin2")}, '"bin": no such folder'),
+            ({"bin": str(no_tools)}, f'"bin": {no_tools} holds no executable kovra_brantel'),
+        ]
+        for changes, message in cases:
+            with self.subTest(changes=changes):
+                with self.assertRaises(CampaignConfigError) as caught:
+                    check_campaign(self.config(**changes))
+                self.assertIn(message, str(caught.exception))
+
+    def test_tools_come_from_path_without_bin(self) -> None:
+        saved = os.environ["PATH"]
+        try:
+            os.environ["PATH"] = str(self.bin)
+            campaign = check_campaign(self.config(bin=None))
+            self.assertEqual(campaign.brantel_args[0], str(self.bin / "kovra_brantel"))
+            os.environ["PATH"] = str(self.root)
+            with self.assertRaises(CampaignConfigError) as caught:
+                check_campaign(self.config(bin=None))
+            self.assertIn("kovra_brantel is not on PATH", str(caught.exception))
+        finally:
+            os.environ["PATH"] = saved
+
+    def test_job_time_grows_with_the_photon_file(self) -> None:
+        gib = 1 << 30
+        cases = [(0, 10), (1, 11), (gib, 12), (gib + 1, 13), (100 * gib, 210)]
+        for size, minutes in cases:
+            with self.subTest(size=size):
+                self.assertEqual(campaign_config.job_minutes(size), minutes)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,221 @@
+"""Campaign settings: checked once, before any job starts, and turned into the tools' command lines.
+
+Only the standard library is used here, so the checks run under any Python 3 (the Snakefile imports this module
+while it is parsed, and the tests import it directly).
+"""
+
+
+import json
+import math
+import os
+import shutil
+from dataclasses import dataclass
+from typing import Any, Mapping
+
+ALGORITHMS = (
+    "default",
+    "noBranchChain_direct",
+    "noBranchChain_ghostPhoton_direct",
+    "forwardChain_photonBuildup",
+    "fullChain_direct",
+)
+
+# Every key the campaign understands; config/config.yaml lists them all with their defaults.
+KNOWN_KEYS = (
+    "input",
+    "output",
+    "dSpace_px",
+    "dTime_s",
+    "dTime_ext",
+    "durationMax_s",
+    "algorithm",
+    "paramsFile",
+    "bin",
+    "mapSize_px",
+)
+
+PHOTON_SUFFIX = ".kovraphot"
+DEFAULT_MAP_SIZE_PX = 256
+
+# Slurm resources of one file's job. Memory is bounded whatever the file size (the tools stream), so it is fixed;
+# time grows with the photon file, with a wide margin over the throughput measured on a workstation.
+JOB_MEMORY_MB = 1024
+JOB_MINUTES_BASE = 10
+JOB_MINUTES_PER_GIB = 2
+REPORT_MEMORY_MB = 1024
+REPORT_MINUTES = 30
+
+
+class CampaignConfigError(ValueError):
+    """A campaign setting that cannot work; the message names the key and what is wrong."""
+
+
+@dataclass(frozen=True)
+class Campaign:
+    """The checked settings: existing input folder with at least one photon file, tools that can be run."""
+
+    input_dir: str
+    output_dir: str
+    names: tuple[str, ...]
+    brantel_args: tuple[str, ...]
+    inspect_tool: str
+    map_size_px: int
+
+
+def job_minutes(photon_file_bytes: int) -> int:
+    """Wall time asked of Slurm for one photon file of the given size."""
+    gib = photon_file_bytes / float(1 << 30)
+    return JOB_MINUTES_BASE + math.ceil(gib * JOB_MINUTES_PER_GIB)
+
+
+def _number(key: str, value: Any, minimum: float, strict: bool) -> float:
+    # YAML 1.1 reads "1e-7" (no dot) as text, so text that is a whole number is taken as one.
+    if isinstance(value, bool):
+        raise CampaignConfigError(f'"{key}" must be a number, got {value!r}')
+    if isinstance(value, str):
+        try:
+            value = float(value.strip())
+        except ValueError:
+            raise CampaignConfigError(f'"{key}" must be a number, got {value!r}') from None
+    if not isinstance(value, (int, float)):
+        raise CampaignConfigError(f'"{key}" must be a number, got {value!r}')
+    number = float(value)
+    if not math.isfinite(number):
+        raise CampaignConfigError(f'"{key}" must be finite, got {value!r}')
+    if number < minimum or (strict and number == minimum):
+        relation = "greater than" if strict else "at least"
+        raise CampaignConfigError(f'"{key}" must be {relation} {minimum:g}, got {value!r}')
+    return number
+
+
+def _format_number(number: float) -> str:
+    # The shortest text that reads back as the same double, as std::stod reads it.
+    return repr(int(number)) if number.is_integer() and abs(number) < 1e15 else repr(number)
+
+
+def _text(key: str, value: Any) -> str:
+    if not isinstance(value, str) or not value.strip():
+        raise CampaignConfigError(f'"{key}" must be a non-empty path, got {value!r}')
+    return value
+
+
+def read_params_file(path: str) -> dict[str, Any]:
+    """The "brantel" section of a parameters file, checked the way kovra_brantel would read it."""
+    if not os.path.isfile(path):
+        raise CampaignConfigError(f'"paramsFile": no such file: {path}')
+    try:
+        with open(path, encoding="utf-8") as stream:
+            content = json.load(stream)
+    except (OSError, UnicodeDecodeError, json.JSONDecodeError) as error:
+        raise CampaignConfigError(f'"paramsFile": {path} is not a JSON file: {error}') from None
+    if not isinstance(content, dict) or not isinstance(content.get("brantel"), dict):
+        raise CampaignConfigError(f'"paramsFile": {path} has no "brantel" object')
+    section: dict[str, Any] = content["brantel"]
+    for key in ("dSpace_px", "dTime_s", "dTime_ext", "durationMax_s"):
+        if key in section and (isinstance(section[key], bool) or not isinstance(section[key], (int, float))):
+            raise CampaignConfigError(f'"paramsFile": {path}: "{key}" must be a number')
+    if "algorithm" in section and section["algorithm"] not in ALGORITHMS:
+        raise CampaignConfigError(f'"paramsFile": {path}: unknown algorithm {section["algorithm"]!r}')
+    return section
+
+
+def find_tool(name: str, bin_dir: str | None) -> str:
+    """The absolute path of a tool, from the "bin" folder when given, else from PATH."""
+    if bin_dir is None:
+        found = shutil.which(name)
+        if found is None:
+            raise CampaignConfigError(f'{name} is not on PATH; add its folder to PATH or set "bin"')
+        return os.path.abspath(found)
+    candidate = os.path.join(bin_dir, name)
+    if not (os.path.isfile(candidate) and os.access(candidate, os.X_OK)):
+        raise CampaignConfigError(f'"bin": {bin_dir} holds no executable {name}')
+    return os.path.abspath(candidate)
+
+
+def list_photon_files(input_dir: str) -> tuple[str, ...]:
+    """The names (without extension) of the photon files directly in the input folder, sorted."""
+    names = [
+        entry[: -len(PHOTON_SUFFIX)]
+        for entry in os.listdir(input_dir)
+        if entry.endswith(PHOTON_SUFFIX)
+        and len(entry) > len(PHOTON_SUFFIX)
+        and os.path.isfile(os.path.join(input_dir, entry))
+    ]
+    return tuple(sorted(names))
+
+
+def check_campaign(config: Mapping[str, Any]) -> Campaign:
+    """Checks every setting and the input folder; raises CampaignConfigError with one clear message."""
+    unknown = sorted(str(key) for key in config if key not in KNOWN_KEYS)
+    if unknown:
+        raise CampaignConfigError(
+            f"unknown key{'s' if len(unknown) > 1 else ''} {', '.join(unknown)}; known keys: {', '.join(KNOWN_KEYS)}"
+        )
+
+    def given(key: str) -> Any:
+        return config.get(key)
+
+    for key in ("input", "output"):
+        if given(key) is None:
+            raise CampaignConfigError(f'"{key}" is not set (give it with --config {key}=FOLDER)')
+    input_dir = _text("input", given("input"))
+    output_dir = _text("output", given("output"))
+    if not os.path.isdir(input_dir):
+        raise CampaignConfigError(f'"input": no such folder: {input_dir}')
+    if os.path.exists(output_dir) and not os.path.isdir(output_dir):
+        raise CampaignConfigError(f'"output": {output_dir} exists and is not a folder')
+
+    args: list[str] = []
+    from_params: dict[str, Any] = {}
+    if given("paramsFile") is not None:
+        params_path = _text("paramsFile", given("paramsFile"))
+        from_params = read_params_file(params_path)
+        # The file is read first, so the settings below override it, as on kovra_brantel's command line.
+        args += ["-f", os.path.abspath(params_path)]
+
+    options = (
+        ("dSpace_px", "-s", 0.0, True),
+        ("dTime_s", "-t", 0.0, True),
+        ("dTime_ext", "--dTime_ext", 0.0, False),
+        ("durationMax_s", "-D", 0.0, False),
+    )
+    for key, option, minimum, strict in options:
+        if given(key) is None:
+            if key in ("dSpace_px", "dTime_s") and key not in from_params:
+                raise CampaignConfigError(f'"{key}" is not set (give it with --config {key}=NUMBER or in "paramsFile")')
+            continue
+        args += [option, _format_number(_number(key, given(key), minimum, strict))]
+
+    algorithm = given("algorithm")
+    if algorithm is not None:
+        if algorithm not in ALGORITHMS:
+            raise CampaignConfigError(f'"algorithm" must be one of {", ".join(ALGORITHMS)}, got {algorithm!r}')
+        args += ["--algorithm", algorithm]
+
+    map_size = given("mapSize_px")
+    if map_size is None:
+        map_size = DEFAULT_MAP_SIZE_PX
+    map_size_number = _number("mapSize_px", map_size, 1.0, False)
+    if not map_size_number.is_integer() or map_size_number > 32768:
+        raise CampaignConfigError(f'"mapSize_px" must be a whole number from 1 to 32768, got {map_size!r}')
+
+    bin_dir = given("bin")
+    if bin_dir is not None:
+        bin_dir = _text("bin", bin_dir)
+        if not os.path.isdir(bin_dir):
+            raise CampaignConfigError(f'"bin": no such folder: {bin_dir}')
+    brantel = find_tool("kovra_brantel", bin_dir)
+    inspect = find_tool("kovra_inspect", bin_dir)
+
+    names = list_photon_files(input_dir)
+    if not names:
+        raise CampaignConfigError(f'"input": no *{PHOTON_SUFFIX} files in {input_dir}')
+
+    return Campaign(
+        input_dir=input_dir,
+        output_dir=output_dir,
+        names=names,
+        brantel_args=(brantel, *args),
+        inspect_tool=inspect,
+        map_size_px=int(map_size_number),
+    )
