@@ -2,7 +2,8 @@
 # Installs the Debian packages the project needs, but only those that are missing.
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time)
+packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time
+          python3 python3-dev python3-numpy pybind11-dev python3-pybind11 python3-venv python3-setuptools)
 
 missing=()
 for p in "${packages[@]}"; do

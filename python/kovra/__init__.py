@@ -1,0 +1,191 @@
+"""Photon and event files of kovra_brantel as NumPy arrays, and its event reconstruction.
+
+Positions and times stay in the files' raw integer units (1/65536 pixel, 1.5625 ns ticks); `to_pixels` and
+`to_seconds` convert them. Reading maps a file into memory instead of copying it, writing gives the bytes the
+command-line tool writes, and `reconstruct` runs the tool's algorithms. Every malformed file and every bad
+setting the tool rejects raises ValueError with the tool's message.
+"""
+
+from __future__ import annotations
+
+import os
+from typing import NamedTuple, Optional
+
+import numpy as np
+import numpy.typing as npt
+
+from . import _kovra
+
+__all__ = [
+    "PHOTON_DTYPE", "EVENT_DTYPE", "TRIGGER_DTYPE", "UNITS_PER_PIXEL", "TICK_SECONDS",
+    "PhotonData", "EventData", "read_photons", "read_events", "write_photons", "write_events", "reconstruct",
+    "make_photons", "to_pixels", "to_seconds", "from_pixels", "from_seconds",
+]
+
+#: One photon record as stored: position in 1/65536 pixel, time of arrival in ticks.
+PHOTON_DTYPE = np.dtype([("x", "<i4"), ("y", "<i4"), ("toa", "<i8")])
+#: One event record as stored: integer centroid, time of the first photon, photon count, pulse-shape value (s).
+EVENT_DTYPE = np.dtype([("x", "<i4"), ("y", "<i4"), ("t", "<i8"), ("nPhotons", "<u8"), ("psd", "<f8")])
+#: One external trigger time in ticks.
+TRIGGER_DTYPE = np.dtype("<i8")
+
+UNITS_PER_PIXEL: int = _kovra.UNITS_PER_PIXEL
+TICK_SECONDS: float = _kovra.TICK_SECONDS
+
+assert PHOTON_DTYPE.itemsize == _kovra.PHOTON_BYTES and EVENT_DTYPE.itemsize == _kovra.EVENT_BYTES
+
+
+class PhotonData(NamedTuple):
+    """The content of a photon file: its photons and its trigger times (None when the file has no trigger list,
+    an empty array when it has an empty one)."""
+
+    photons: np.ndarray
+    triggers: Optional[np.ndarray]
+
+
+class EventData(NamedTuple):
+    """The content of an event file, or the result of `reconstruct`: events and trigger times (None or array, as
+    in `PhotonData`)."""
+
+    events: np.ndarray
+    triggers: Optional[np.ndarray]
+
+
+def _map(path: str, block: tuple[int, int], dtype: np.dtype) -> np.ndarray:
+    offset, count = block
+    if count == 0:  # mmap cannot map nothing
+        return np.empty(0, dtype=dtype)
+    return np.memmap(path, dtype=dtype, mode="r", offset=offset, shape=(count,))
+
+
+def read_photons(path: str | os.PathLike[str]) -> PhotonData:
+    """Reads a photon file (.kovraphot). The arrays are read-only maps of the file, not copies."""
+    name = os.fspath(path)
+    records, triggers = _kovra.locate_photons(name)
+    return PhotonData(_map(name, records, PHOTON_DTYPE),
+                      None if triggers is None else _map(name, triggers, TRIGGER_DTYPE))
+
+
+def read_events(path: str | os.PathLike[str]) -> EventData:
+    """Reads an event file (.kovraevent). The arrays are read-only maps of the file, not copies."""
+    name = os.fspath(path)
+    records, triggers = _kovra.locate_events(name)
+    return EventData(_map(name, records, EVENT_DTYPE),
+                     None if triggers is None else _map(name, triggers, TRIGGER_DTYPE))
+
+
+def _as_records(values: npt.ArrayLike, dtype: np.dtype, what: str) -> np.ndarray:
+    """`values` as a contiguous 1-D array of `dtype`, converting field by field where no value can change."""
+    array = np.asarray(values)
+    if array.ndim != 1:
+        raise TypeError(f"{what} must be a one-dimensional array, not {array.ndim}-dimensional")
+    if array.dtype == dtype:
+        return np.ascontiguousarray(array)
+    if dtype.names is None:
+        if not np.can_cast(array.dtype, dtype, casting="safe"):
+            raise TypeError(f"{what} must be integers that fit int64, not {array.dtype}")
+        return array.astype(dtype)
+    if array.dtype.names is None or set(array.dtype.names) != set(dtype.names):
+        raise TypeError(f"{what} need exactly the fields {', '.join(dtype.names)}")
+    converted = np.empty(array.shape, dtype=dtype)
+    for field in dtype.names:
+        source = array.dtype.fields[field][0]
+        target = dtype.fields[field][0]
+        if not np.can_cast(source, target, casting="safe"):
+            raise TypeError(f"{what}: field {field} is {source}, which does not fit {target}")
+        converted[field] = array[field]
+    return converted
+
+
+def _as_triggers(triggers: Optional[npt.ArrayLike]) -> Optional[np.ndarray]:
+    return None if triggers is None else _as_records(triggers, TRIGGER_DTYPE, "triggers")
+
+
+def _write_whole(path: str | os.PathLike[str], write) -> None:
+    """Writes through `write(temporary_name)` beside the target and renames into place, so that the file
+    appears whole or not at all."""
+    target = os.fspath(path)
+    directory, name = os.path.split(target)
+    for attempt in range(100):
+        temporary = os.path.join(directory, f".{name}.{os.getpid()}.{attempt}.tmp")
+        try:
+            # Created here, with the usual permissions, so that the library's writer finds a file it can open.
+            os.close(os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o666))
+            break
+        except FileExistsError:
+            continue
+    else:
+        raise FileExistsError(f"no free temporary name beside {target}")
+    try:
+        write(temporary)
+        os.replace(temporary, target)
+    except BaseException:
+        os.unlink(temporary)
+        raise
+
+
+def write_photons(path: str | os.PathLike[str], photons: npt.ArrayLike,
+                  triggers: Optional[npt.ArrayLike] = None) -> None:
+    """Writes a photon file with the library's writer. `photons` has the fields x, y, toa (see `make_photons`);
+    `triggers` None writes no trigger list, an empty array an empty one."""
+    records = _as_records(photons, PHOTON_DTYPE, "photons")
+    times = _as_triggers(triggers)
+    _write_whole(path, lambda name: _kovra.write_photons(name, records, times))
+
+
+def write_events(path: str | os.PathLike[str], events: npt.ArrayLike,
+                 triggers: Optional[npt.ArrayLike] = None) -> None:
+    """Writes an event file with the library's writer; `triggers` as for `write_photons`."""
+    records = _as_records(events, EVENT_DTYPE, "events")
+    times = _as_triggers(triggers)
+    _write_whole(path, lambda name: _kovra.write_events(name, records, times))
+
+
+def reconstruct(photons: npt.ArrayLike, d_space_px: float, d_time_s: float, d_time_ext: Optional[float] = None,
+                duration_max_s: Optional[float] = None, algorithm: str = "default",
+                triggers: Optional[npt.ArrayLike] = None) -> EventData:
+    """Groups photons into events exactly as `kovra_brantel -s d_space_px -t d_time_s [--dTime_ext d_time_ext]
+    [-D duration_max_s] --algorithm algorithm` does (None: the option left out). The photons must be in
+    non-decreasing time of arrival. The triggers are carried over to the result unchanged, as the tool does.
+    """
+    records = _as_records(photons, PHOTON_DTYPE, "photons")
+    limit = float("inf") if duration_max_s is None else float(duration_max_s)
+    ext = None if d_time_ext is None else float(d_time_ext)
+    events, times = _kovra.reconstruct(records, float(d_space_px), float(d_time_s), ext, limit, algorithm,
+                                       _as_triggers(triggers))
+    return EventData(events.view(EVENT_DTYPE), None if times is None else times.view(TRIGGER_DTYPE))
+
+
+def make_photons(x: npt.ArrayLike, y: npt.ArrayLike, toa: npt.ArrayLike) -> np.ndarray:
+    """A photon array from three columns of raw integers (see `from_pixels`, `from_seconds`)."""
+    columns = {"x": np.asarray(x), "y": np.asarray(y), "toa": np.asarray(toa)}
+    shapes = {column.shape for column in columns.values()}
+    if len(shapes) != 1 or len(next(iter(shapes))) != 1:
+        raise TypeError("x, y and toa must be one-dimensional and of one length")
+    photons = np.empty(columns["x"].shape, dtype=PHOTON_DTYPE)
+    for field, column in columns.items():
+        target = PHOTON_DTYPE.fields[field][0]
+        if not np.can_cast(column.dtype, target, casting="safe"):
+            raise TypeError(f"{field} is {column.dtype}, which does not fit {target}")
+        photons[field] = column
+    return photons
+
+
+def to_pixels(raw: npt.ArrayLike) -> np.ndarray:
+    """Raw positions (1/65536 pixel) to pixels, as the library computes them."""
+    return np.asarray(raw).astype(np.float64) / float(UNITS_PER_PIXEL)
+
+
+def to_seconds(raw: npt.ArrayLike) -> np.ndarray:
+    """Raw times (ticks) to seconds, as the library computes them."""
+    return np.asarray(raw).astype(np.float64) * TICK_SECONDS
+
+
+def from_pixels(pixels: npt.ArrayLike) -> np.ndarray:
+    """Pixels to raw positions with the library's rounding (halves away from zero)."""
+    return np.asarray(_kovra.from_pixels(pixels), dtype=np.int32)
+
+
+def from_seconds(seconds: npt.ArrayLike) -> np.ndarray:
+    """Seconds to raw times with the library's rounding; ValueError beyond the library's range."""
+    return np.asarray(_kovra.from_seconds(seconds), dtype=np.int64)
