@@ -74,25 +74,33 @@ def read_events(path: str | os.PathLike[str]) -> EventData:
                      None if triggers is None else _map(name, triggers, TRIGGER_DTYPE))
 
 
+def _check_fits(values: np.ndarray, target: np.dtype, what: str) -> None:
+    """Refuses values that would change when stored as `target`: floats for integers, integers out of range."""
+    if values.size == 0 or np.can_cast(values.dtype, target, casting="safe"):
+        return
+    if values.dtype.kind in "iu" and target.kind in "iu":
+        limits = np.iinfo(target)
+        # As Python integers: NumPy compares uint64 with int64 as floats, which cannot tell 2**63 from 2**63 - 1.
+        if int(values.min()) >= limits.min and int(values.max()) <= limits.max:
+            return
+    raise TypeError(f"{what}: {values.dtype} values do not fit {target}")
+
+
 def _as_records(values: npt.ArrayLike, dtype: np.dtype, what: str) -> np.ndarray:
-    """`values` as a contiguous 1-D array of `dtype`, converting field by field where no value can change."""
+    """`values` as a contiguous 1-D array of `dtype`, converted field by field where no value changes."""
     array = np.asarray(values)
     if array.ndim != 1:
         raise TypeError(f"{what} must be a one-dimensional array, not {array.ndim}-dimensional")
     if array.dtype == dtype:
         return np.ascontiguousarray(array)
     if dtype.names is None:
-        if not np.can_cast(array.dtype, dtype, casting="safe"):
-            raise TypeError(f"{what} must be integers that fit int64, not {array.dtype}")
+        _check_fits(array, dtype, what)
         return array.astype(dtype)
     if array.dtype.names is None or set(array.dtype.names) != set(dtype.names):
         raise TypeError(f"{what} need exactly the fields {', '.join(dtype.names)}")
     converted = np.empty(array.shape, dtype=dtype)
     for field in dtype.names:
-        source = array.dtype.fields[field][0]
-        target = dtype.fields[field][0]
-        if not np.can_cast(source, target, casting="safe"):
-            raise TypeError(f"{what}: field {field} is {source}, which does not fit {target}")
+        _check_fits(array[field], dtype.fields[field][0], f"{what}, field {field}")
         converted[field] = array[field]
     return converted
 
@@ -164,9 +172,7 @@ def make_photons(x: npt.ArrayLike, y: npt.ArrayLike, toa: npt.ArrayLike) -> np.n
         raise TypeError("x, y and toa must be one-dimensional and of one length")
     photons = np.empty(columns["x"].shape, dtype=PHOTON_DTYPE)
     for field, column in columns.items():
-        target = PHOTON_DTYPE.fields[field][0]
-        if not np.can_cast(column.dtype, target, casting="safe"):
-            raise TypeError(f"{field} is {column.dtype}, which does not fit {target}")
+        _check_fits(column, PHOTON_DTYPE.fields[field][0], field)
         photons[field] = column
     return photons
 
