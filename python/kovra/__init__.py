@@ -11,8 +11,12 @@ from __future__ import annotations
 import os
 from typing import NamedTuple, Optional
 
-import numpy as np
-import numpy.typing as npt
+try:
+    import numpy as np
+    import numpy.typing as npt
+except ImportError as missing:  # e.g. an interpreter other than the one python3-numpy is installed for
+    raise ImportError("kovra needs NumPy: use Debian's Python (/usr/bin/python3, package python3-numpy) or a "
+                      "virtual environment made from it with --system-site-packages; see docs/python.md") from missing
 
 from . import _kovra
 

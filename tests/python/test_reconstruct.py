@@ -64,15 +64,6 @@ class SameEventsAsTheToolTest(unittest.TestCase):
         for label, _, _ in SETTINGS:
             self.assertEqual(len({outputs[algorithm, label] for algorithm in ALGORITHMS}), 4, label)
 
-    def test_a_copy_gives_the_same_events_as_the_map(self) -> None:
-        from_map = kovra.reconstruct(self.photons, 2, 1e-7)
-        from_copy = kovra.reconstruct(np.array(self.photons), 2, 1e-7)
-        self.assertIsNone(from_map.triggers)
-        np.testing.assert_array_equal(from_map.events, from_copy.events)
-        self.assertGreater(len(from_map.events), 0)
-        # Every photon is in an event, a shared one in two.
-        self.assertGreaterEqual(int(from_map.events["nPhotons"].sum()), len(self.photons))
-
 
 class SettingsErrorTest(TempDirTest):
     def test_bad_settings_raise_the_tools_message(self) -> None:
@@ -117,7 +108,7 @@ class SettingsErrorTest(TempDirTest):
 
 
 class ConversionTest(unittest.TestCase):
-    def test_from_pixels_and_from_seconds_round_as_the_library(self) -> None:
+    def test_conversions_round_as_the_library(self) -> None:
         cases = [
             # (pixels, raw): halves go away from zero, unlike numpy.round
             (0.5 / 65536, 1), (-0.5 / 65536, -1), (1.5 / 65536, 2), (2.5 / 65536, 3), (-2.5 / 65536, -3),
@@ -130,12 +121,8 @@ class ConversionTest(unittest.TestCase):
                                       [3, -1, 640000])
         with self.assertRaisesRegex(ValueError, "out of range!$"):
             kovra.from_seconds([0.0, 1e12])
-
-    def test_to_pixels_and_to_seconds_invert_them(self) -> None:
-        raw = np.array([-65536 * 3, -1, 0, 1, 2**31 - 1], dtype=np.int32)
+        raw = np.array([-2**31, -1, 0, 1, 2**31 - 1], dtype=np.int32)
         np.testing.assert_array_equal(kovra.from_pixels(kovra.to_pixels(raw)), raw)
-        ticks = np.array([-2**40, 0, 640, 2**52], dtype=np.int64)
-        np.testing.assert_array_equal(kovra.from_seconds(kovra.to_seconds(ticks)), ticks)
         self.assertEqual(float(kovra.to_seconds(640)), 1e-6)
 
 
