@@ -93,8 +93,18 @@ TEST_F(ContainerFileTest, RejectsMalformedFilesWithExactMessages) {
       {"wrong magic", FileBytes::file(2, FileBytes(photons_block({}))).data.replace(5, 1, "X"), "Not a valid KOVRA file!"},
       {"outer size too large", file_with_sizes(1000, 16),
        "Block size is indicated as 1000 but only 48 bytes are left in the file!"},
-      {"outer size larger than any file", file_with_sizes(std::numeric_limits<std::uint64_t>::max(), 16),
-       "Block size is indicated as 18446744073709551615 but only 48 bytes are left in the file!"},
+      // The fit test adds position and size as signed 64-bit values: a sum of 2^63 or more is negative, passes,
+      // and the next check decides.
+      {"outer block ending at 2^63 - 1", file_with_sizes((std::uint64_t{1} << 63) - 17, 16),
+       "Block size is indicated as 9223372036854775791 but only 48 bytes are left in the file!"},
+      {"outer block ending at 2^63", file_with_sizes((std::uint64_t{1} << 63) - 16, 16), "File size mismatch!"},
+      {"outer size of 2^64 - 1", file_with_sizes(std::numeric_limits<std::uint64_t>::max(), 16), "File size mismatch!"},
+      {"build size of 2^63", file_with_sizes(48, std::uint64_t{1} << 63), "Build info size missmatch! File corrupted?"},
+      {"unknown block of size 2^63", FileBytes::file(2, FileBytes().id("other").u64(std::uint64_t{1} << 63)).data,
+       "Block identifier not recognized!"},
+      {"partial photons of size 2^63 + 8",
+       FileBytes::file(2, FileBytes().id("photons").u64((std::uint64_t{1} << 63) + 8)).data,
+       "File contains partial photons!"},
       {"outer size too small", file_with_sizes(40, 16), "File size mismatch!"},
       {"trailing bytes", FileBytes::file(2, FileBytes(photons_block({}))).raw("x").data, "File size mismatch!"},
       {"no build block", FileBytes().block("KOVRA", FileBytes().block("photons", FileBytes())).data,
@@ -123,6 +133,12 @@ TEST_F(ContainerFileTest, RejectsMalformedFilesWithExactMessages) {
   };
   for (const auto& c : cases) {
     EXPECT_THAT([&] { load_photons(c.bytes); }, ThrowsMessage<std::invalid_argument>(StrEq(c.message))) << c.what;
+  }
+  // A list of 2^59 photons or 2^60 triggers fits no vector: it fails as reserving room for it would.
+  for (const char* name : {"photons", "extTrigs"}) {
+    EXPECT_THAT([&] { load_photons(FileBytes::file(2, FileBytes().id(name).u64(std::uint64_t{1} << 63)).data); },
+                ThrowsMessage<std::length_error>(StrEq("vector::reserve")))
+        << name;
   }
   EXPECT_THAT([&] { FileHandler_PhotonEvents().load_file(dir.file("missing.kovraphot")); },
               ThrowsMessage<std::invalid_argument>(StrEq("file \"" + dir.file("missing.kovraphot") + "\" could not be opened!")));

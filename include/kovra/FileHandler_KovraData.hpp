@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "kovra/ContainerFile_Reader.hpp"
+#include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/detail/RecordIO.hpp"
 
 namespace kovra {
@@ -57,14 +59,17 @@ class FileHandler_KovraData {
     }
 
     /// Reads a block header and checks that its content fits before `end`; returns (identifier, size) and
-    /// leaves the stream at the start of the content.
+    /// leaves the stream at the start of the content. The fit is tested as signed 64-bit positions, so a size
+    /// of 2^63 or more reads as negative and passes here; the caller's next check then decides.
     static std::pair<std::uint64_t, std::uint64_t> read_header(std::istream& stream, std::streampos end) {
       const std::uint64_t identifier = detail::read_u64(stream);
       const std::uint64_t size = detail::read_u64(stream);
-      const auto left = static_cast<std::int64_t>(end - stream.tellg());
-      if (left < 0 || size > static_cast<std::uint64_t>(left)) {
+      const auto position = static_cast<std::int64_t>(static_cast<std::streamoff>(stream.tellg()));
+      const auto last = static_cast<std::int64_t>(static_cast<std::uint64_t>(position) + size);
+      const auto fileEnd = static_cast<std::int64_t>(static_cast<std::streamoff>(end));
+      if (fileEnd < last) {
         throw std::invalid_argument("Block size is indicated as " + std::to_string(size) + " but only " +
-                                    std::to_string(left) + " bytes are left in the file!");
+                                    std::to_string(fileEnd - position) + " bytes are left in the file!");
       }
       return {identifier, size};
     }
@@ -130,10 +135,24 @@ class FileHandler_KovraData {
   /// Reads a whole file of this handler's type. Every failure throws std::invalid_argument; nothing partial is
   /// returned.
   ReadOutput_Type load_file(const std::string& file_name) const {
-    std::ifstream stream(file_name, std::ios::binary);
+    Opened_File opened = open_file(file_name);
+    return read_implementationSpecific(opened.stream, opened.end);
+  }
+
+  /// A file whose header and build block have been checked, with the stream at the first content block.
+  struct Opened_File {
+    std::ifstream stream;
+    std::streampos end;
+  };
+
+  /// Opens a file of this handler's type and checks its header and build block.
+  static Opened_File open_file(const std::string& file_name) {
+    Opened_File opened{std::ifstream(file_name, std::ios::binary), {}};
+    std::ifstream& stream = opened.stream;
     if (!stream.is_open()) throw std::invalid_argument("file \"" + file_name + "\" could not be opened!");
     stream.seekg(0, std::ios::end);
     const std::streampos end = stream.tellg();
+    opened.end = end;
     stream.seekg(0, std::ios::beg);
 
     const auto [file_id, file_size] = IO_Block::read_header(stream, end);
@@ -150,15 +169,15 @@ class FileHandler_KovraData {
     const std::uint64_t type = detail::read_u64(stream);
     if (version != file_version_index) throw std::invalid_argument("File has wrong version!");
     if (type != file_type_index) throw std::invalid_argument("File has wrong type!");
-
-    return read_implementationSpecific(stream, end);
+    return opened;
   }
 
   /// Walks the content blocks behind the build block up to `end`.
   virtual ReadOutput_Type read_implementationSpecific(std::istream& stream, std::streampos end) const = 0;
 
-  /// Writes a file: the build block, then the content blocks in their order, in one forward pass. Like every
-  /// writer of this format it does not check that the file opened; a failed stream stops on the size assertion.
+  /// Writes a file: the build block, then the content blocks in their order, in one forward pass, into a
+  /// temporary file that replaces `file_name` only once it is complete. Like every writer of this format it does
+  /// not check that the file opened; a stream that failed stops on the size assertion.
   static void write_file(const std::string& file_name, std::vector<std::unique_ptr<IO_Block>> content_blocks) {
     std::vector<std::unique_ptr<IO_Block>> blocks;
     blocks.reserve(content_blocks.size() + 1);
@@ -166,55 +185,58 @@ class FileHandler_KovraData {
     for (auto& block : content_blocks) blocks.push_back(std::move(block));
     const IO_File file(std::move(blocks));
 
-    std::ofstream stream(file_name, std::ios::out | std::ios::binary | std::ios::trunc);
-    file.write(stream);
-    stream.close();
+    OutputFile_Atomic output(file_name);
+    file.write(output.stream());
+    output.commit();
   }
 
  protected:
   static constexpr std::uint64_t extTrigs_identifier = detail::make_identifier("extTrigs");
 
-  /// The content of a file with one list block (identified by `records_identifier`) and an optional trigger
-  /// block, as found by `read_content`.
-  template <typename Record_Type, typename Time_Type>
-  struct Content {
-    std::optional<std::vector<Record_Type>> records;
-    std::optional<std::vector<Time_Type>> extTriggers;
-  };
-
   /// Block walk shared by the file types: blocks in any order, an unknown identifier or a partial record
-  /// rejected. For each list block it calls `on_records(count)`, for each trigger block `on_triggers(count)`, with
-  /// the stream at the block's content; each must leave the stream at the content's end.
-  template <typename Record_Type, typename Time_Type, typename OnRecords_Type, typename OnTriggers_Type>
-  static void walk_content(std::istream& stream, std::streampos end, std::uint64_t records_identifier,
-                           const char* partial_records_message, OnRecords_Type&& on_records,
-                           OnTriggers_Type&& on_triggers) {
+  /// rejected, a later block of a kind replacing an earlier one. Only the headers are read; each content is
+  /// stepped over and its place kept. A list too long for any vector fails as reserving room for it would.
+  template <typename Record_Type, typename Time_Type>
+  static File_Layout read_layout(std::istream& stream, std::streampos end, std::uint64_t records_identifier,
+                                 const char* partial_records_message, const char* missing_records_message) {
+    std::optional<Block_Location> records;
+    std::optional<Block_Location> extTriggers;
+    const auto step_over = [&stream](std::optional<Block_Location>& where, std::uint64_t size, std::uint64_t width,
+                                     std::size_t max_count) {
+      if (size / width > max_count) throw std::length_error("vector::reserve");
+      where = Block_Location{static_cast<std::uint64_t>(static_cast<std::streamoff>(stream.tellg())), size / width};
+      stream.seekg(static_cast<std::streamoff>(size), std::ios::cur);
+    };
     while (stream.tellg() != end) {
       const auto [identifier, size] = IO_Block::read_header(stream, end);
       if (identifier == extTrigs_identifier) {
         if (size % sizeof(Time_Type) != 0) {
           throw std::invalid_argument("File contains partial external triggers!");
         }
-        on_triggers(size / sizeof(Time_Type));
+        step_over(extTriggers, size, sizeof(Time_Type), std::vector<Time_Type>().max_size());
         continue;
       }
       if (identifier != records_identifier) throw std::invalid_argument("Block identifier not recognized!");
       if (size % sizeof(Record_Type) != 0) throw std::invalid_argument(partial_records_message);
-      on_records(size / sizeof(Record_Type));
+      step_over(records, size, sizeof(Record_Type), std::vector<Record_Type>().max_size());
     }
+    if (!records) throw std::invalid_argument(missing_records_message);
+    return File_Layout{*records, extTriggers};
   }
 
-  /// The walk above reading every list: a later block of a kind replaces an earlier one.
+  /// The lists of a file as its layout gives them, read in full.
   template <typename Record_Type, typename Time_Type>
-  static Content<Record_Type, Time_Type> read_content(std::istream& stream, std::streampos end,
-                                                      std::uint64_t records_identifier,
-                                                      const char* partial_records_message) {
-    Content<Record_Type, Time_Type> content;
-    walk_content<Record_Type, Time_Type>(
-        stream, end, records_identifier, partial_records_message,
-        [&](std::uint64_t count) { detail::read_records(stream, count, content.records.emplace()); },
-        [&](std::uint64_t count) { detail::read_records(stream, count, content.extTriggers.emplace()); });
-    return content;
+  static std::pair<std::vector<Record_Type>, std::optional<std::vector<Time_Type>>> read_lists(
+      std::istream& stream, const File_Layout& layout) {
+    std::vector<Record_Type> records;
+    stream.seekg(static_cast<std::streamoff>(layout.records.offset));
+    detail::read_records(stream, layout.records.count, records);
+    std::optional<std::vector<Time_Type>> extTriggers;
+    if (layout.extTriggers) {
+      stream.seekg(static_cast<std::streamoff>(layout.extTriggers->offset));
+      detail::read_records(stream, layout.extTriggers->count, extTriggers.emplace());
+    }
+    return {std::move(records), std::move(extTriggers)};
   }
 
   /// Writes a file of one list block and, only when the trigger list is present (even empty), a trigger block.

@@ -28,14 +28,25 @@ class FileHandler_PhotonEvents
   using IO_Photons = typename Base::template IO_Records<PhotonEvent_Type, detail::make_identifier("photons")>;
   using IO_ExtTriggers = typename Base::template IO_Records<Time_Type, Base::extTrigs_identifier>;
 
+  static File_Layout read_layout_at(std::istream& stream, std::streampos end) {
+    return Base::template read_layout<PhotonEvent_Type, Time_Type>(stream, end, IO_Photons::identifier, "File contains partial photons!",
+                                                          "File does not contain photon data!");
+  }
+
   static_assert(sizeof(Length_Type) == length_bytes && sizeof(Time_Type) == time_bytes);
   static_assert(sizeof(PhotonEvent_Type) == 2 * length_bytes + time_bytes, "photon records have no padding");
 
   Data_Type read_implementationSpecific(std::istream& stream, std::streampos end) const override {
-    auto content = Base::template read_content<PhotonEvent_Type, Time_Type>(stream, end, IO_Photons::identifier,
-                                                                           "File contains partial photons!");
-    if (!content.records) throw std::invalid_argument("File does not contain photon data!");
-    return Data_Type{std::move(*content.records), std::move(content.extTriggers)};
+    const File_Layout layout = read_layout_at(stream, end);
+    auto lists = Base::template read_lists<PhotonEvent_Type, Time_Type>(stream, layout);
+    return Data_Type{std::move(lists.first), std::move(lists.second)};
+  }
+
+  /// Opens and checks a file, every block's framing included, and returns where its lists lie, for reading
+  /// them in pieces with a RecordCursor.
+  static File_Layout read_layout(const std::string& file_name) {
+    auto opened = Base::open_file(file_name);
+    return read_layout_at(opened.stream, opened.end);
   }
 
   /// Writes the photons and, when present (even empty), the trigger list.
