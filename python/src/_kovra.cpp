@@ -19,7 +19,6 @@
 #include <vector>
 
 #include "convert_durationMax.hpp"
-#include "inspect/RecordFile.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "reconstructEvents_switchAlgorithm.hpp"
 
@@ -29,16 +28,16 @@ namespace tpx = kovra::tpx3spidr;
 namespace {
 
 /// (offset, count) of a block's content, or None for a trigger block the file does not have.
-py::object to_python(const std::optional<kovra::inspect::Block_Location>& block) {
+py::object to_python(const std::optional<kovra::Block_Location>& block) {
   if (!block) return py::none();
-  return py::make_tuple(static_cast<std::int64_t>(block->offset), block->count);
+  return py::make_tuple(block->offset, block->count);
 }
 
 /// Opens a photon or event file with the library's checks and returns where its records and triggers lie:
 /// ((offset, count), (offset, count) or None).
-template <typename Record_Type>
+template <typename FileHandler_Type>
 py::tuple locate_blocks(const std::string& path) {
-  const kovra::inspect::File_Layout layout = kovra::inspect::Layout_Handler<Record_Type>().load_file(path);
+  const kovra::File_Layout layout = FileHandler_Type::read_layout(path);
   return py::make_tuple(to_python(layout.records), to_python(layout.extTriggers));
 }
 
@@ -126,8 +125,8 @@ PYBIND11_MODULE(_kovra, m) {
   m.attr("PHOTON_BYTES") = sizeof(tpx::PhotonEvent);
   m.attr("EVENT_BYTES") = sizeof(tpx::Event);
 
-  m.def("locate_photons", &locate_blocks<tpx::PhotonEvent>, py::arg("path"));
-  m.def("locate_events", &locate_blocks<tpx::Event>, py::arg("path"));
+  m.def("locate_photons", &locate_blocks<tpx::FileHandler_PhotonEvents>, py::arg("path"));
+  m.def("locate_events", &locate_blocks<tpx::FileHandler_Events>, py::arg("path"));
   m.def("write_photons", &write_photons, py::arg("path"), py::arg("photons"), py::arg("triggers"));
   m.def("write_events", &write_events, py::arg("path"), py::arg("events"), py::arg("triggers"));
   m.def("reconstruct", &reconstruct, py::arg("photons"), py::arg("d_space_px"), py::arg("d_time_s"),

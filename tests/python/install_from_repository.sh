@@ -17,7 +17,7 @@ fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/repository"
-(cd "$root" && cp -r CMakeLists.txt LICENSE include src tools python scripts "$work/repository/")
+(cd "$root" && cp -r CMakeLists.txt LICENSE include src python scripts "$work/repository/")
 rm -rf "$work/repository/python/build" "$work/repository/python/"*.egg-info
 
 echo "Running in a copy of the repository:"
