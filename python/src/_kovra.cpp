@@ -9,9 +9,10 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <iostream>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -105,12 +106,25 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
     throw std::invalid_argument("photons must be in non-decreasing time of arrival");
   }
 
-  // The algorithms' one warning goes to std::cout; send it to sys.stdout, where a notebook shows it.
-  py::scoped_ostream_redirect redirect(std::cout, py::module_::import("sys").attr("stdout"));
   std::optional<tpx::Data_Events> output;
-  {
+  const auto run = [&] {
     py::gil_scoped_release unlocked;
     output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm));
+  };
+  if (d_time_ext) {
+    // The algorithms' one printed line (an extension factor they do not use) goes to std::cout; send it to
+    // sys.stdout, where a notebook shows it. Redirecting swaps std::cout's buffer for the whole process, so one
+    // run at a time does it (waiting without the interpreter lock, which the run holding it will need back).
+    static std::mutex redirecting;
+    std::unique_lock lock(redirecting, std::defer_lock);
+    {
+      py::gil_scoped_release unlocked;
+      lock.lock();
+    }
+    const py::scoped_ostream_redirect redirect(std::cout, py::module_::import("sys").attr("stdout"));
+    run();
+  } else {
+    run();
   }
   return py::make_tuple(to_bytes(std::move(output->events)), to_bytes(std::move(output->extTriggers)));
 }
