@@ -114,14 +114,15 @@ def _as_triggers(triggers: Optional[npt.ArrayLike]) -> Optional[np.ndarray]:
 
 
 def _write_whole(path: str | os.PathLike[str], write) -> None:
-    """Writes through `write(temporary_name)` beside the target and renames into place, so that the file
-    appears whole or not at all."""
+    """Runs `write(name)`, the library's writer, on a new file beside the target and renames that over the target.
+    The library's writer replaces its own target whole too; making the file here first turns a directory that
+    cannot be written into an OSError, where the library's writer would stop the interpreter on an assertion."""
     target = os.fspath(path)
     directory, name = os.path.split(target)
     for attempt in range(100):
         temporary = os.path.join(directory, f".{name}.{os.getpid()}.{attempt}.tmp")
         try:
-            # Created here, with the usual permissions, so that the library's writer finds a file it can open.
+            # Created with the permissions a plain file stream gives, as the library's writer does.
             os.close(os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o666))
             break
         except FileExistsError:
