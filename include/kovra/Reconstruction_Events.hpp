@@ -13,6 +13,7 @@
 
 #include "kovra/Data_PhotonEvents.hpp"
 #include "kovra/PhotonEventChain.hpp"
+#include "kovra/reconstruction/EventMembership.hpp"
 
 namespace kovra {
 
@@ -36,21 +37,45 @@ struct Reconstruction_Events {
   /// Longest span from an event's first photon to any photon it takes.
   Time_Type durationMax;
 
+  // Each algorithm has a second form that also calls membership(eventIndex, photonIndex) once for every photon
+  // of every emitted event (a ghost photon for both of its events), in no promised order: eventIndex is the
+  // event's position in the returned events, photonIndex the photon's position in photons.photonEvents.
+
   /// Every free photon seeds an event that grows forward, branching: a later photon joins when it is near
   /// (in space and in time, looking back) to any photon already in the event.
-  Data_Events_Type reconstruct_fullChain_direct(const Data_PhotonEvents_Type& photons) const;
+  Data_Events_Type reconstruct_fullChain_direct(const Data_PhotonEvents_Type& photons) const {
+    EventMembership_None none;
+    return reconstruct_fullChain_direct(photons, none);
+  }
+  template <typename Membership_Type>
+  Data_Events_Type reconstruct_fullChain_direct(const Data_PhotonEvents_Type& photons, Membership_Type& membership) const;
 
   /// Each photon joins the chain of the latest earlier photon within reach whose chain is still young enough,
   /// or opens a chain of its own.
-  Data_Events_Type reconstruct_forwardChain_photonBuildup(const Data_PhotonEvents_Type& photons) const;
+  Data_Events_Type reconstruct_forwardChain_photonBuildup(const Data_PhotonEvents_Type& photons) const {
+    EventMembership_None none;
+    return reconstruct_forwardChain_photonBuildup(photons, none);
+  }
+  template <typename Membership_Type>
+  Data_Events_Type reconstruct_forwardChain_photonBuildup(const Data_PhotonEvents_Type& photons, Membership_Type& membership) const;
 
   /// Every free photon seeds a chain without branches: the next free photon joins when it is near, on each
   /// axis, to the photon added last, within a time window that may widen as the chain grows.
-  Data_Events_Type reconstruct_noBranchChain_direct(const Data_PhotonEvents_Type& photons) const;
+  Data_Events_Type reconstruct_noBranchChain_direct(const Data_PhotonEvents_Type& photons) const {
+    EventMembership_None none;
+    return reconstruct_noBranchChain_direct(photons, none);
+  }
+  template <typename Membership_Type>
+  Data_Events_Type reconstruct_noBranchChain_direct(const Data_PhotonEvents_Type& photons, Membership_Type& membership) const;
 
   /// As the no-branch chain, but every photon seeds a chain, taken or not; a taken seed that finds free
   /// partners gives a further event that shares it.
-  Data_Events_Type reconstruct_noBranchChain_ghostPhoton_direct(const Data_PhotonEvents_Type& photons) const;
+  Data_Events_Type reconstruct_noBranchChain_ghostPhoton_direct(const Data_PhotonEvents_Type& photons) const {
+    EventMembership_None none;
+    return reconstruct_noBranchChain_ghostPhoton_direct(photons, none);
+  }
+  template <typename Membership_Type>
+  Data_Events_Type reconstruct_noBranchChain_ghostPhoton_direct(const Data_PhotonEvents_Type& photons, Membership_Type& membership) const;
 };
 
 }  // namespace kovra

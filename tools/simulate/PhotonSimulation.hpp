@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -79,15 +80,24 @@ struct Simulation_Result {
   std::uint64_t nDarkPhotons = 0;
 };
 
+/// No per-photon flash index wanted.
+struct PhotonFlashes_None {};
+
 namespace detail {
 
+/// A photon of the slice being drawn, with the index of its flash (-1 for a dark count).
+struct Slice_Photon {
+  PhotonEvent photon;
+  std::int64_t flash;
+};
+
 /// Stable least-significant-digit radix sort of photons by time of arrival, all at or after `origin`.
-inline void sort_byToa(std::vector<PhotonEvent>& photons, std::vector<PhotonEvent>& scratch, long origin) {
+inline void sort_byToa(std::vector<Slice_Photon>& photons, std::vector<Slice_Photon>& scratch, long origin) {
   if (photons.size() < 2) return;
   std::uint64_t maxKey = 0;
   for (const auto& p : photons) {
-    assert(p.toa.value >= origin);
-    maxKey = std::max(maxKey, static_cast<std::uint64_t>(p.toa.value - origin));
+    assert(p.photon.toa.value >= origin);
+    maxKey = std::max(maxKey, static_cast<std::uint64_t>(p.photon.toa.value - origin));
   }
   // As few passes as the key width needs, with digits of at most 11 bits (a count table that stays in cache).
   const int keyBits = static_cast<int>(std::bit_width(maxKey));
@@ -99,8 +109,9 @@ inline void sort_byToa(std::vector<PhotonEvent>& photons, std::vector<PhotonEven
   std::array<std::size_t, 2048> offsets{};
   for (int pass = 0; pass < nPasses; ++pass) {
     const int shift = pass * digitBits;
-    const auto digit = [&](const PhotonEvent& p) {
-      return static_cast<std::size_t>((static_cast<std::uint64_t>(p.toa.value - origin) >> shift) & (nBuckets - 1));
+    const auto digit = [&](const Slice_Photon& p) {
+      return static_cast<std::size_t>((static_cast<std::uint64_t>(p.photon.toa.value - origin) >> shift) &
+                                      (nBuckets - 1));
     };
     std::fill_n(offsets.begin(), nBuckets, 0);
     for (const auto& p : photons) ++offsets[digit(p)];
@@ -114,11 +125,14 @@ inline void sort_byToa(std::vector<PhotonEvent>& photons, std::vector<PhotonEven
 }  // namespace detail
 
 /// Draws the flashes and dark counts of one acquisition and hands each flash to `onEvent` (a `True_Event`,
-/// in time order) once its photons are drawn. `sliceTicks` 0 picks a slice of
-/// about 16 thousand photons, small enough for the sort to run in cache.
-template <typename OnEvent_Type>
-Simulation_Result simulate_photonEvents(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
-                                        long sliceTicks = 0) {
+/// in time order) once its photons are drawn. `onPhotonFlashes`, unless PhotonFlashes_None, receives the
+/// flash index of every photon (its flash's position in the `onEvent` calls, -1 for a dark count) in photon
+/// order, a slice at a time, as a std::vector<std::int64_t>. `sliceTicks` 0 picks a slice of about 16 thousand
+/// photons, small enough for the sort to run in cache.
+template <typename OnEvent_Type, typename OnPhotonFlashes_Type>
+Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
+                                                    OnPhotonFlashes_Type&& onPhotonFlashes, long sliceTicks) {
+  constexpr bool keepFlashes = !std::is_same_v<std::remove_cvref_t<OnPhotonFlashes_Type>, PhotonFlashes_None>;
   assert(!settings.classes.empty());
   const double tick = Time::tick_seconds;
   const double end = settings.duration_s / tick;  // acquisition end in ticks; photons at or after it are lost
@@ -152,8 +166,9 @@ Simulation_Result simulate_photonEvents(const Simulation_Settings& settings, OnE
   double nextEvent = eventGap > 0.0 ? eventRandom.exponential(eventGap) : end;
   double nextDark = darkGap > 0.0 ? darkRandom.exponential(darkGap) : end;
 
-  std::vector<PhotonEvent> buffer;
-  std::vector<PhotonEvent> scratch;
+  std::vector<detail::Slice_Photon> buffer;
+  std::vector<detail::Slice_Photon> scratch;
+  std::vector<std::int64_t> sliceFlashes;
   auto& output = result.photons.photonEvents;
   for (long sliceBegin = 0; static_cast<double>(sliceBegin) < end; sliceBegin += sliceTicks) {
     const double sliceEnd = std::min(static_cast<double>(sliceBegin + sliceTicks), end);
@@ -179,7 +194,8 @@ Simulation_Result simulate_photonEvents(const Simulation_Settings& settings, OnE
         const double y = y0 + settings.sigma_px * eventRandom.normal();
         const double t = nextEvent + delay;
         if (x < 0.0 || x >= width || y < 0.0 || y >= height || t >= end) continue;
-        buffer.push_back(PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(t)}});
+        buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(t)}},
+                          static_cast<std::int64_t>(result.nEvents)});
         ++nDetected;
       }
       ++result.nEvents;
@@ -190,15 +206,22 @@ Simulation_Result simulate_photonEvents(const Simulation_Settings& settings, OnE
     for (; nextDark < sliceEnd; nextDark += darkRandom.exponential(darkGap)) {
       const double x = darkRandom.uniform() * width;
       const double y = darkRandom.uniform() * height;
-      buffer.push_back(PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(nextDark)}});
+      buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(nextDark)}}, -1});
       ++result.nDarkPhotons;
     }
 
     detail::sort_byToa(buffer, scratch, sliceBegin);
     const long finalBefore = sliceBegin + sliceTicks;
-    const auto firstCarried = std::partition_point(buffer.begin(), buffer.end(),
-                                                   [&](const PhotonEvent& p) { return p.toa.value < finalBefore; });
-    output.insert(output.end(), buffer.begin(), firstCarried);
+    const auto firstCarried = std::partition_point(
+        buffer.begin(), buffer.end(), [&](const detail::Slice_Photon& p) { return p.photon.toa.value < finalBefore; });
+    sliceFlashes.clear();
+    for (auto p = buffer.begin(); p != firstCarried; ++p) {
+      output.push_back(p->photon);
+      if constexpr (keepFlashes) sliceFlashes.push_back(p->flash);
+    }
+    if constexpr (keepFlashes) {
+      if (!sliceFlashes.empty()) onPhotonFlashes(std::as_const(sliceFlashes));
+    }
     buffer.erase(buffer.begin(), firstCarried);
   }
   assert(buffer.empty());
@@ -213,6 +236,14 @@ Simulation_Result simulate_photonEvents(const Simulation_Settings& settings, OnE
     }
   }
   return result;
+}
+
+/// The simulation without per-photon flash indexes.
+template <typename OnEvent_Type>
+Simulation_Result simulate_photonEvents(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
+                                        long sliceTicks = 0) {
+  return simulate_photonEvents_withFlashes(settings, std::forward<OnEvent_Type>(onEvent), PhotonFlashes_None{},
+                                           sliceTicks);
 }
 
 }  // namespace kovra::simulate

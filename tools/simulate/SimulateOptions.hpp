@@ -54,7 +54,8 @@ inline std::string get_simulateHelp() {
                 "      --seed N            seed of the random numbers, 0 to 2^64-1 (default %llu); the same seed\n"
                 "                          and options give the same file\n"
                 "      --truth             also write the true flashes beside the photon file, run.kovraphot\n"
-                "                          giving run.truth.csv (columns t_s, x_px, y_px, nPhotons, class)\n"
+                "                          giving run.truth.csv (columns t_s, x_px, y_px, nPhotons, class), and\n"
+                "                          the flash of each photon in run.truth.kovraflash (for kovra_evaluate)\n"
                 "  -h, --help              print this help and exit\n"
                 "\n"
                 "Exit status: 0 on success, 2 for a bad command line, 1 when the file cannot be written.\n",

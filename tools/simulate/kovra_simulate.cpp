@@ -4,8 +4,12 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <stdexcept>
+#include <vector>
 
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "simulate/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/SimulateOptions.hpp"
 
@@ -38,23 +42,42 @@ int main(int argc, char* argv[]) {
   }
 
   const auto& classes = options.settings.classes;
-  const Simulation_Result result = simulate_photonEvents(options.settings, [&](const True_Event& e) {
+  const auto onEvent = [&](const True_Event& e) {
     if (truth) {
       std::fprintf(truth.get(), "%.12f,%.4f,%.4f,%llu,%s\n", e.t_s, e.x_px, e.y_px,
                    static_cast<unsigned long long>(e.nPhotons), classes[e.classIndex].name.c_str());
     }
-  });
+  };
+  std::optional<PhotonFlashes_Writer> flashes;
+  try {
+    if (options.writeTruth) flashes.emplace(get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
+  } catch (const std::runtime_error& e) {
+    std::cerr << "kovra_simulate: " << e.what() << "\n";
+    return 1;
+  }
+  const Simulation_Result result =
+      options.writeTruth ? simulate_photonEvents_withFlashes(
+                               options.settings, onEvent,
+                               [&](const std::vector<std::int64_t>& slice) { flashes->append(slice); }, 0)
+                         : simulate_photonEvents(options.settings, onEvent);
   if (truth && std::fclose(truth.release()) != 0) {
     std::cerr << "kovra_simulate: cannot write '" << truthPath << "'\n";
     return 1;
   }
 
   kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(options.outputPath, result.photons);
+  try {
+    if (flashes) flashes->finish(result.nEvents, fingerprint_photons(result.photons.photonEvents));
+  } catch (const std::runtime_error& e) {
+    std::cerr << "kovra_simulate: " << e.what() << "\n";
+    return 1;
+  }
 
   std::cout << "kovra_simulate: wrote " << result.photons.size() << " photons (" << result.nEventPhotons
             << " from " << result.nEvents << " flashes, " << result.nDarkPhotons << " dark counts";
   if (result.photons.extTriggers) std::cout << ", " << result.photons.extTriggers->size() << " triggers";
   std::cout << ") to " << options.outputPath << "\n";
   if (options.writeTruth) std::cout << "kovra_simulate: true flashes in " << truthPath << "\n";
+  if (flashes) std::cout << "kovra_simulate: the flash of each photon in " << flashes->get_path() << "\n";
   return 0;
 }

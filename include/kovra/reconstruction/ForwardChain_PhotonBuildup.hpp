@@ -19,15 +19,17 @@
 
 #include "kovra/Quantities.hpp"
 #include "kovra/Reconstruction_Events.hpp"
+#include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/Reconstruction_Detail.hpp"
 
 namespace kovra {
 
 namespace detail {
 
-template <typename Index_Type, typename Reconstruction_Type>
+template <typename Index_Type, typename Reconstruction_Type, typename Membership_Type>
 std::vector<typename Reconstruction_Type::PhotonEventChain_Type> build_forwardChains(
-    const Reconstruction_Type& settings, const typename Reconstruction_Type::Data_PhotonEvents_Type& photons) {
+    const Reconstruction_Type& settings, const typename Reconstruction_Type::Data_PhotonEvents_Type& photons,
+    Membership_Type& membership) {
   using Chain_Type = typename Reconstruction_Type::PhotonEventChain_Type;
   const std::size_t nPhotons = photons.photonEvents.size();
   const auto dSpace = settings.dSpace;
@@ -60,6 +62,7 @@ std::vector<typename Reconstruction_Type::PhotonEventChain_Type> build_forwardCh
       chainOfPhoton[i] = static_cast<Index_Type>(chains.size());
       chains.push_back(newChain);
     }
+    report_member(membership, chainOfPhoton[i], i);
   }
   return chains;
 }
@@ -67,13 +70,14 @@ std::vector<typename Reconstruction_Type::PhotonEventChain_Type> build_forwardCh
 }  // namespace detail
 
 template <typename Length_Type, typename Time_Type, typename PSD_Type>
+template <typename Membership_Type>
 auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_forwardChain_photonBuildup(
-    const Data_PhotonEvents_Type& photons) const -> Data_Events_Type {
+    const Data_PhotonEvents_Type& photons, Membership_Type& membership) const -> Data_Events_Type {
   if (dTime_ext) detail::print_extensionFactorWarning();
 
   const auto chains = photons.size() <= std::numeric_limits<std::uint32_t>::max()
-                          ? detail::build_forwardChains<std::uint32_t>(*this, photons)
-                          : detail::build_forwardChains<std::size_t>(*this, photons);
+                          ? detail::build_forwardChains<std::uint32_t>(*this, photons, membership)
+                          : detail::build_forwardChains<std::size_t>(*this, photons, membership);
 
   std::vector<Event_Type> events;
   detail::reserve_records(events, chains.size());

@@ -21,13 +21,15 @@
 
 #include "kovra/Quantities.hpp"
 #include "kovra/Reconstruction_Events.hpp"
+#include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/Reconstruction_Detail.hpp"
 
 namespace kovra {
 
 template <typename Length_Type, typename Time_Type, typename PSD_Type>
+template <typename Membership_Type>
 auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_fullChain_direct(
-    const Data_PhotonEvents_Type& photons) const -> Data_Events_Type {
+    const Data_PhotonEvents_Type& photons, Membership_Type& membership) const -> Data_Events_Type {
   if (dTime_ext) detail::print_extensionFactorWarning();
 
   const std::size_t nPhotons = photons.photonEvents.size();
@@ -47,6 +49,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_fullCh
       if (taken.test(s)) continue;
       taken.set(s);
       PhotonEventChain_Type chain(photon[s]);
+      detail::report_member(membership, events.size(), s);
       const Time_Type tLimit = photon[s].toa + durationMax;
       Time_Type tReach = photon[s].toa + dTime;
       std::size_t lastMember = s;
@@ -89,6 +92,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_fullCh
             if (touches) {
               chain.add_photon(offered);
               taken.set(j);
+              detail::report_member(membership, events.size(), j);
               if constexpr (ordered) {
                 members.push_back(j);
               } else {

@@ -16,6 +16,7 @@
 
 #include "kovra/Quantities.hpp"
 #include "kovra/Reconstruction_Events.hpp"
+#include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/Reconstruction_Detail.hpp"
 
 namespace kovra {
@@ -44,13 +45,16 @@ struct NoBranchChain_Window {
   /// looked while it was last (capped at 255): the photons in between were taken or out of its reach, and
   /// stay so, so a chain seeded later by that photon can start looking there.
   ///
+  /// Every photon that joins is reported to `membership` as a member of event `eventIndex`; the seed is not.
+  ///
   /// `freePhotons`, used when `counted` (time-ordered input only), counts the free photons from before `firstCandidate`
   /// on; the chain extends it over its window and ends as soon as no free photon is left near its last photon,
   /// since only such a photon could join next.
-  template <typename PhotonEventChain_Type, bool counted, typename PhotonEvent_Type>
+  template <typename PhotonEventChain_Type, bool counted, typename PhotonEvent_Type, typename Membership_Type>
   PhotonEventChain_Type grow(const PhotonEvent_Type* photon, std::size_t nPhotons, std::size_t seedIndex,
                              std::size_t firstCandidate, Time_Type tEnd, Bits_Packed& taken, std::uint8_t* resume,
-                             Range_FreePhotons<PhotonEvent_Type>* freePhotons) const {
+                             Range_FreePhotons<PhotonEvent_Type>* freePhotons, Membership_Type& membership,
+                             std::uint64_t eventIndex) const {
     // |a - b| < dSpace on the wrapped 32-bit difference, as one unsigned comparison: the difference shifted by
     // dSpace - 1 must fall in [0, 2 dSpace - 2]. A distance of 0 or less admits nothing.
     const std::int64_t offset = static_cast<std::int64_t>(dSpace.value) - 1;
@@ -89,6 +93,7 @@ struct NoBranchChain_Window {
       if (near(lastX, candidate.x) & near(lastY, candidate.y) & !taken.test(j)) {
         chain.add_photon(candidate);
         taken.set(j);
+        report_member(membership, eventIndex, j);
         if constexpr (counted) freePhotons->note_taken(j);
         // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
         if (factor != 0.0) d = add_saturating(d, (candidate.toa - tLast).scaled(factor));
@@ -119,8 +124,9 @@ auto make_noBranchChain_window(const Reconstruction_Type& settings) {
 }  // namespace detail
 
 template <typename Length_Type, typename Time_Type, typename PSD_Type>
+template <typename Membership_Type>
 auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBranchChain_direct(
-    const Data_PhotonEvents_Type& photons) const -> Data_Events_Type {
+    const Data_PhotonEvents_Type& photons, Membership_Type& membership) const -> Data_Events_Type {
   const auto window = detail::make_noBranchChain_window(*this);
   const std::size_t nPhotons = photons.photonEvents.size();
   const PhotonEvent_Type* const photon = photons.photonEvents.data();
@@ -137,6 +143,7 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
       if (taken.test(i)) continue;
       if (countCells) freePhotons.drop_before(i + 1);
       taken.set(i);
+      detail::report_member(membership, events.size(), i);
       const PhotonEvent_Type& seed = photon[i];
       const Time_Type tEnd = seed.toa + durationMax;
       const std::size_t first = ordered ? taken.find_clear(i + 1, nPhotons) : i + 1;
@@ -144,9 +151,9 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
         const auto chain =
             countCells
                 ? window.template grow<PhotonEventChain_Type, true>(photon, nPhotons, i, first, tEnd, taken, nullptr,
-                                                                    &freePhotons)
+                                                                    &freePhotons, membership, events.size())
                 : window.template grow<PhotonEventChain_Type, false>(photon, nPhotons, i, first, tEnd, taken,
-                                                                     nullptr, &freePhotons);
+                                                                     nullptr, &freePhotons, membership, events.size());
         events.push_back(chain.to_event());
       } else {
         events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});

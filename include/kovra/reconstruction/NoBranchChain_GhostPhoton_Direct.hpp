@@ -15,14 +15,16 @@
 #include <vector>
 
 #include "kovra/Reconstruction_Events.hpp"
+#include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/NoBranchChain_Direct.hpp"
 #include "kovra/reconstruction/Reconstruction_Detail.hpp"
 
 namespace kovra {
 
 template <typename Length_Type, typename Time_Type, typename PSD_Type>
+template <typename Membership_Type>
 auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBranchChain_ghostPhoton_direct(
-    const Data_PhotonEvents_Type& photons) const -> Data_Events_Type {
+    const Data_PhotonEvents_Type& photons, Membership_Type& membership) const -> Data_Events_Type {
   const auto window = detail::make_noBranchChain_window(*this);
   const std::size_t nPhotons = photons.photonEvents.size();
   const PhotonEvent_Type* const photon = photons.photonEvents.data();
@@ -59,15 +61,22 @@ auto Reconstruction_Events<Length_Type, Time_Type, PSD_Type>::reconstruct_noBran
         std::uint8_t* const resumeMarks = ordered ? resume.get() : nullptr;
         const auto chain =
             countCells ? window.template grow<PhotonEventChain_Type, true>(photon, nPhotons, i, first, tEnd, taken,
-                                                                           resumeMarks, &freePhotons)
+                                                                           resumeMarks, &freePhotons, membership,
+                                                                           events.size())
                        : window.template grow<PhotonEventChain_Type, false>(photon, nPhotons, i, first, tEnd, taken,
-                                                                            resumeMarks, &freePhotons);
+                                                                            resumeMarks, &freePhotons, membership,
+                                                                            events.size());
         if (chain.nPhotons > 1) {
+          // Only now is the seed known to give an event (no photon joined a chain of one).
+          detail::report_member(membership, events.size(), i);
           events.push_back(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
           continue;
         }
       }
-      if (!seedTaken) events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
+      if (!seedTaken) {
+        detail::report_member(membership, events.size(), i);
+        events.push_back(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
+      }
     }
   };
   detail::run_for_order(photons.photonEvents, run);

@@ -2,6 +2,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -12,6 +13,7 @@
 
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "simulate/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
 
 namespace {
@@ -101,5 +103,9 @@ TEST(SimulateProgramTest, FileHoldsTheModelsPhotonsAndTruthListsEveryFlash) {
   EXPECT_EQ(r.out, "kovra_simulate: wrote " + std::to_string(expected.photons.size()) + " photons (" +
                        std::to_string(expected.nEventPhotons) + " from " + std::to_string(expected.nEvents) +
                        " flashes, " + std::to_string(expected.nDarkPhotons) +
-                       " dark counts, 0 triggers) to run.kovraphot\nkovra_simulate: true flashes in run.truth.csv\n");
+                       " dark counts, 0 triggers) to run.kovraphot\nkovra_simulate: true flashes in run.truth.csv\n"
+                       "kovra_simulate: the flash of each photon in run.truth.kovraflash\n");
+  const auto flashes = kovra::simulate::read_photonFlashes(dir.file("run.truth.kovraflash"), loaded.photonEvents);
+  EXPECT_EQ(flashes.nFlashes, expected.nEvents);
+  EXPECT_EQ(std::ranges::count(flashes.flashOfPhoton, -1), static_cast<long>(expected.nDarkPhotons));
 }

@@ -1,0 +1,59 @@
+"""The plotting script of kovra_evaluate: which rows it draws where, the files it writes, and a scan without a
+best row. Run by CTest with Debian's /usr/bin/python3 and the script's directory on sys.path."""
+
+from __future__ import annotations
+
+import math
+import os
+import tempfile
+import unittest
+
+import kovra_plot_scan as plot
+
+HEADER = ("dSpace_px,dTime_s,algorithm,durationMax_s,dTime_ext,flashes,events,efficiency,split_rate,merge_rate,"
+          "fake_rate,purity,completeness,iou,centroid_rms_px,centroid_p95_px,time_rms_ns,time_p95_ns,fom,"
+          "fom_events,best\n")
+
+
+def row(space: str, time: str, algorithm: str, efficiency: str, best: bool) -> str:
+    return f"{space},{time},{algorithm},inf,,10,10,{efficiency},0,0,0,1,1,1,0.3,0.5,1,2,nan,0,{int(best)}\n"
+
+
+class PlotScanTest(unittest.TestCase):
+    def write(self, directory: str, rows: list[str], psd: str) -> None:
+        with open(os.path.join(directory, "scan.csv"), "w") as f:
+            f.write(HEADER + "".join(rows))
+        with open(os.path.join(directory, "psd_best.csv"), "w") as f:
+            f.write("class,psd_ns,nPhotons\n" + psd)
+
+    def test_grid_holds_the_best_rows_plane_by_time_then_space(self) -> None:
+        with tempfile.TemporaryDirectory() as d:
+            self.write(d, [row("5", "1e-07", "default", "0.9", False), row("2", "1e-07", "default", "0.5", False),
+                           row("2", "5e-07", "default", "0.7", True),
+                           row("2", "5e-07", "fullChain_direct", "0.1", False)], "")
+            rows = plot.read_rows(os.path.join(d, "scan.csv"))
+            best = next(r for r in rows if r["best"] == "1")
+            spaces, times, grid = plot.plane_grid(rows, best, "efficiency")
+            self.assertEqual(spaces, [2.0, 5.0])
+            self.assertEqual(times, [1e-7, 5e-7])
+            self.assertEqual(grid[0].tolist(), [0.5, 0.9])
+            self.assertEqual(grid[1, 0], 0.7)  # not the other algorithm's 0.1
+            self.assertTrue(math.isnan(grid[1, 1]))
+
+    def test_writes_both_pictures_even_without_classified_events(self) -> None:
+        with tempfile.TemporaryDirectory() as d:
+            self.write(d, [row("2", "1e-07", "default", "0.5", True)], "")
+            self.assertEqual(plot.main(["kovra_plot_scan.py", d]), 0)
+            for name in ("heatmaps.png", "psd_best.png"):
+                with open(os.path.join(d, name), "rb") as f:
+                    self.assertEqual(f.read(4), b"\x89PNG")
+
+    def test_a_scan_without_best_row_is_refused(self) -> None:
+        with tempfile.TemporaryDirectory() as d:
+            self.write(d, [row("2", "1e-07", "default", "0.5", False)], "")
+            self.assertEqual(plot.main(["kovra_plot_scan.py", d]), 1)
+            self.assertFalse(os.path.exists(os.path.join(d, "heatmaps.png")))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,128 @@
+// kovra_evaluate: scores event reconstructions of a simulated photon file against its true flashes, for one
+// setting or a grid of them, and writes the table and the plots.
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "evaluate/EvaluateOptions.hpp"
+#include "evaluate/Metrics.hpp"
+#include "evaluate/Scan.hpp"
+#include "evaluate/Truth.hpp"
+#include "inspect/Progress.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+
+extern char** environ;
+
+namespace {
+
+using namespace kovra::evaluate;
+
+/// Runs the plotting script installed beside this program: KOVRA_PYTHON, or Debian's /usr/bin/python3.
+void run_plotScript(const std::string& plotDir) {
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string script = (self.parent_path() / "kovra_plot_scan.py").string();
+  const char* python = std::getenv("KOVRA_PYTHON");
+  const std::string interpreter = python && *python ? python : "/usr/bin/python3";
+  std::vector<std::string> args = {interpreter, script, plotDir};
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  if (posix_spawn(&pid, interpreter.c_str(), nullptr, nullptr, argv.data(), environ) != 0) {
+    throw std::runtime_error("cannot run '" + interpreter + "' for the plots");
+  }
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    throw std::runtime_error("the plotting script '" + script + "' failed");
+  }
+}
+
+void print_table(std::ostream& out, const std::vector<Scan_Row>& rows, std::size_t best) {
+  char line[256];
+  std::snprintf(line, sizeof line, "%9s %10s %-33s %10s %8s %8s %8s %8s %9s %7s\n", "dSpace_px", "dTime_s",
+                "algorithm", "durMax_s", "effic.", "split", "merge", "fake", "centr_px", "FoM");
+  out << line;
+  for (std::size_t r = 0; r < rows.size(); ++r) {
+    const auto& s = rows[r].setting;
+    const auto& m = rows[r].metrics;
+    std::snprintf(line, sizeof line, "%9.4g %10.4g %-33s %10.4g %8.4f %8.4f %8.4f %8.4f %9.4f %7.3f%s\n",
+                  s.dSpace_px, s.dTime_s, s.algorithm.c_str(), s.durationMax_s, m.efficiency, m.split_rate,
+                  m.merge_rate, m.fake_rate, m.centroid_rms_px, m.fom, r == best ? "  <- best" : "");
+    out << line;
+  }
+}
+
+void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& progress) {
+  const auto photons = kovra::tpx3spidr::FileHandler_PhotonEvents{}.load_file(options.inputFile);
+  const Truth truth = read_truth(options.truthFile, photons.photonEvents);
+  const Evaluator evaluator(truth);
+  std::array<std::string, 2> fomClasses = {"-", "-"};
+  for (std::size_t c = 0; c < 2; ++c) {
+    const int index = evaluator.get_fomClasses()[c];
+    if (index >= 0) fomClasses[c] = truth.classNames[static_cast<std::size_t>(index)];
+  }
+
+  const auto rows = run_scan(options.grid, photons, evaluator, options.fomMinPhotons, progress);
+  const std::size_t best = find_best(rows, options.mergeMax);
+  if (rows.size() > 1) {
+    print_table(std::cout, rows, best);
+    std::cout << "\nbest setting (highest efficiency with a merge rate at most "
+              << format_number(options.mergeMax) << "):\n";
+  }
+  print_report(std::cout, rows[best], fomClasses, options.fomMinPhotons);
+
+  if (options.csvFile) write_scanCsv(*options.csvFile, rows, best);
+  if (options.plotDir) {
+    const std::string& dir = *options.plotDir;
+    std::filesystem::create_directories(dir);
+    Photon_Memberships memberships(photons.size());
+    std::vector<Event_Class> eventClasses;
+    evaluate_setting(rows[best].setting, photons, evaluator, memberships, options.fomMinPhotons, &eventClasses);
+    write_scanCsv(dir + "/scan.csv", rows, best);
+    write_psdCsv(dir + "/psd_best.csv", eventClasses, truth.classNames, options.fomMinPhotons);
+    run_plotScript(dir);
+    std::cout << "plots: " << dir << "/heatmaps.png, " << dir << "/psd_best.png\n";
+  }
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  Evaluate_Options options;
+  try {
+    options = parse_evaluateOptions(argc, argv);
+  } catch (const std::invalid_argument& e) {
+    std::cerr << "kovra_evaluate: " << e.what() << "\nTry 'kovra_evaluate --help'.\n";
+    return 2;
+  }
+  if (options.helpRequested) {
+    std::cout << get_evaluateHelp();
+    return 0;
+  }
+
+  kovra::inspect::Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
+  try {
+    run_evaluate(options, progress);
+  } catch (const std::exception& e) {
+    progress.finish();
+    std::cerr << "kovra_evaluate: " << options.inputFile << ": " << e.what() << '\n';
+    return 1;
+  }
+  std::cout.flush();
+  if (!std::cout) {
+    std::cerr << "kovra_evaluate: writing to standard output failed\n";
+    return 1;
+  }
+  return 0;
+}

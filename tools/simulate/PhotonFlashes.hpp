@@ -1,0 +1,195 @@
+#pragma once
+
+// The flash of every photon of a simulated photon file: a small binary file beside it ("run.kovraphot" gives
+// "run.truth.kovraflash"), read back by kovra_evaluate. Layout, all little-endian (see docs/simulator.md):
+//
+//   offset  size  field
+//   0       8     "KOVRAFLS"
+//   8       4     version, 1
+//   12      4     bytes per entry, 4 or 8
+//   16      8     photon count (entries)
+//   24      8     flash count (lines of the truth CSV)
+//   32      8     fingerprint of the photons (fingerprint_photons)
+//   40      ...   one signed entry per photon, in photon-file order: the flash index, or -1 for a dark count
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "simulate/PhotonSimulation.hpp"
+
+namespace kovra::simulate {
+
+inline constexpr char photonFlashes_magic[8] = {'K', 'O', 'V', 'R', 'A', 'F', 'L', 'S'};
+inline constexpr std::uint32_t photonFlashes_version = 1;
+inline constexpr std::size_t photonFlashes_headerBytes = 40;
+
+/// Where the flash of every photon of a photon file goes: ".kovraphot" replaced by ".truth.kovraflash".
+inline std::string get_photonFlashesPath(const std::string& photonPath) {
+  const std::string suffix = ".kovraphot";
+  const std::string stem =
+      photonPath.ends_with(suffix) ? photonPath.substr(0, photonPath.size() - suffix.size()) : photonPath;
+  return stem + ".truth.kovraflash";
+}
+
+/// More flashes than a run with these settings can have, short of a Poisson draw 10 standard deviations out.
+inline std::uint64_t get_flashBound(const Simulation_Settings& settings) {
+  const double expected = settings.duration_s * settings.eventRate_Hz;
+  return static_cast<std::uint64_t>(std::min(expected + 10.0 * std::sqrt(expected) + 1024.0, 0x1.0p63));
+}
+
+/// A 64-bit digest of the photons' positions and times, in order: a flash list made for other photons (another
+/// seed, another length) almost surely carries another one.
+inline std::uint64_t fingerprint_photons(const std::vector<kovra::tpx3spidr::PhotonEvent>& photons) {
+  std::uint64_t h = 0x9E3779B97F4A7C15ULL;
+  const auto mix = [&h](std::uint64_t v) { h = std::rotl(h ^ v, 27) * 0xBF58476D1CE4E5B9ULL; };
+  for (const auto& p : photons) {
+    mix(static_cast<std::uint64_t>(static_cast<std::uint32_t>(p.x.value)) << 32 |
+        static_cast<std::uint32_t>(p.y.value));
+    mix(static_cast<std::uint64_t>(p.toa.value));
+  }
+  return h ^ (h >> 31);
+}
+
+namespace detail {
+
+inline void put_le(std::string& bytes, std::uint64_t value, int width) {
+  for (int i = 0; i < width; ++i) bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+}
+
+inline std::uint64_t get_le(const unsigned char* bytes, int width) {
+  std::uint64_t value = 0;
+  for (int i = 0; i < width; ++i) value |= static_cast<std::uint64_t>(bytes[i]) << (8 * i);
+  return value;
+}
+
+}  // namespace detail
+
+/// Streams the entries to a temporary file beside the target; `finish` writes the header and renames it into
+/// place, so the file appears whole or not at all. Throws std::runtime_error when a write fails.
+class PhotonFlashes_Writer {
+ public:
+  /// `flashBound`: more flashes than the run can have; picks 4-byte entries whenever they suffice.
+  PhotonFlashes_Writer(std::string path_, std::uint64_t flashBound)
+      : path(std::move(path_)),
+        temporaryPath(path + ".part"),
+        width(flashBound < static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max()) ? 4 : 8),
+        file(temporaryPath, std::ios::binary | std::ios::trunc) {
+    if (!file) throw std::runtime_error("cannot write '" + temporaryPath + "'");
+    file.write(std::string(photonFlashes_headerBytes, '\0').data(), photonFlashes_headerBytes);
+  }
+  PhotonFlashes_Writer(const PhotonFlashes_Writer&) = delete;
+  PhotonFlashes_Writer& operator=(const PhotonFlashes_Writer&) = delete;
+  ~PhotonFlashes_Writer() {
+    if (!finished) {
+      file.close();
+      std::remove(temporaryPath.c_str());
+    }
+  }
+
+  const std::string& get_path() const { return path; }
+
+  void append(const std::vector<std::int64_t>& flashes) {
+    buffer.clear();
+    for (const std::int64_t f : flashes) {
+      if (width == 4 && f > std::numeric_limits<std::int32_t>::max()) {
+        throw std::runtime_error("flash index beyond the 4-byte entries of '" + path + "'");
+      }
+      detail::put_le(buffer, static_cast<std::uint64_t>(f), width);
+    }
+    file.write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    nPhotons += flashes.size();
+  }
+
+  void finish(std::uint64_t nFlashes, std::uint64_t fingerprint) {
+    std::string header(photonFlashes_magic, sizeof photonFlashes_magic);
+    detail::put_le(header, photonFlashes_version, 4);
+    detail::put_le(header, static_cast<std::uint64_t>(width), 4);
+    detail::put_le(header, nPhotons, 8);
+    detail::put_le(header, nFlashes, 8);
+    detail::put_le(header, fingerprint, 8);
+    file.seekp(0);
+    file.write(header.data(), static_cast<std::streamsize>(header.size()));
+    file.close();
+    if (!file || std::rename(temporaryPath.c_str(), path.c_str()) != 0) {
+      throw std::runtime_error("cannot write '" + path + "'");
+    }
+    finished = true;
+  }
+
+ private:
+  std::string path;
+  std::string temporaryPath;
+  int width;
+  std::ofstream file;
+  std::string buffer;
+  std::uint64_t nPhotons = 0;
+  bool finished = false;
+};
+
+/// The flash index of every photon of one photon file.
+struct Photon_Flashes {
+  std::vector<std::int64_t> flashOfPhoton;  ///< -1 for a dark count, else below nFlashes
+  std::uint64_t nFlashes = 0;
+};
+
+/// Reads a flash file and checks it against the photons it claims to describe. Throws std::invalid_argument
+/// with one line saying what is wrong.
+inline Photon_Flashes read_photonFlashes(const std::string& path,
+                                         const std::vector<kovra::tpx3spidr::PhotonEvent>& photons) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::invalid_argument("cannot read the photon flash file '" + path + "'");
+  file.seekg(0, std::ios::end);
+  std::string bytes(static_cast<std::size_t>(std::max<std::streamoff>(file.tellg(), 0)), '\0');
+  file.seekg(0);
+  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  if (!file) throw std::invalid_argument("cannot read the photon flash file '" + path + "'");
+  const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+  const std::string where = "photon flash file '" + path + "': ";
+  if (bytes.size() < photonFlashes_headerBytes || bytes.compare(0, 8, photonFlashes_magic, 8) != 0) {
+    throw std::invalid_argument(where + "not a photon flash file");
+  }
+  if (detail::get_le(data + 8, 4) != photonFlashes_version) throw std::invalid_argument(where + "unknown version");
+  const auto width = static_cast<int>(detail::get_le(data + 12, 4));
+  if (width != 4 && width != 8) throw std::invalid_argument(where + "bad entry width");
+  const std::uint64_t nPhotons = detail::get_le(data + 16, 8);
+  Photon_Flashes result;
+  result.nFlashes = detail::get_le(data + 24, 8);
+  if (nPhotons != photons.size()) {
+    throw std::invalid_argument(where + "made for " + std::to_string(nPhotons) + " photons, the photon file has " +
+                                std::to_string(photons.size()));
+  }
+  if ((bytes.size() - photonFlashes_headerBytes) / static_cast<std::size_t>(width) != nPhotons ||
+      (bytes.size() - photonFlashes_headerBytes) % static_cast<std::size_t>(width) != 0) {
+    throw std::invalid_argument(where + "truncated or overlong");
+  }
+  if (detail::get_le(data + 32, 8) != fingerprint_photons(photons)) {
+    throw std::invalid_argument(where + "made for other photons (another seed or other settings)");
+  }
+  result.flashOfPhoton.resize(nPhotons);
+  for (std::size_t i = 0; i < nPhotons; ++i) {
+    const std::uint64_t raw = detail::get_le(data + photonFlashes_headerBytes + i * static_cast<std::size_t>(width),
+                                             width);
+    // Sign-extend the 4-byte entries.
+    const std::int64_t f = width == 4 ? static_cast<std::int32_t>(static_cast<std::uint32_t>(raw))
+                                      : static_cast<std::int64_t>(raw);
+    if (f < -1 || (f >= 0 && static_cast<std::uint64_t>(f) >= result.nFlashes)) {
+      throw std::invalid_argument(where + "photon " + std::to_string(i) + " names flash " + std::to_string(f) +
+                                  ", not one of the " + std::to_string(result.nFlashes));
+    }
+    result.flashOfPhoton[i] = f;
+  }
+  return result;
+}
+
+}  // namespace kovra::simulate
