@@ -22,7 +22,7 @@ from . import _kovra
 
 __all__ = [
     "PHOTON_DTYPE", "EVENT_DTYPE", "TRIGGER_DTYPE", "UNITS_PER_PIXEL", "TICK_SECONDS",
-    "PhotonData", "EventData", "read_photons", "read_events", "write_photons", "write_events", "reconstruct",
+    "PhotonData", "EventData", "Membership", "read_photons", "read_events", "write_photons", "write_events", "reconstruct",
     "make_photons", "to_pixels", "to_seconds", "from_pixels", "from_seconds",
 ]
 
@@ -53,6 +53,16 @@ class EventData(NamedTuple):
 
     events: np.ndarray
     triggers: Optional[np.ndarray]
+
+
+class Membership(NamedTuple):
+    """Which photons each event of a reconstruction took, as pairs: photon `photon[i]` is in event `event[i]`,
+    ordered by photon, then event (int64 indexes into the photon and event arrays). Every photon is in at least one
+    event; only the default algorithm (the ghost-photon chain) puts a photon into two, so for the others `photon`
+    is 0, 1, 2, ... and `event` is each photon's event."""
+
+    photon: np.ndarray
+    event: np.ndarray
 
 
 def _map(path: str, block: tuple[int, int], dtype: np.dtype) -> np.ndarray:
@@ -156,17 +166,23 @@ def write_events(path: str | os.PathLike[str], events: npt.ArrayLike,
 
 def reconstruct(photons: npt.ArrayLike, d_space_px: float, d_time_s: float, d_time_ext: Optional[float] = None,
                 duration_max_s: Optional[float] = None, algorithm: str = "default",
-                triggers: Optional[npt.ArrayLike] = None) -> EventData:
+                triggers: Optional[npt.ArrayLike] = None,
+                membership: bool = False) -> EventData | tuple[EventData, Membership]:
     """Groups photons into events exactly as `kovra_brantel -s d_space_px -t d_time_s [--dTime_ext d_time_ext]
     [-D duration_max_s] --algorithm algorithm` does (None: the option left out). The photons must be in
     non-decreasing time of arrival. The triggers are carried over to the result unchanged, as the tool does.
+    With `membership=True` the result is `(EventData, Membership)`: also which photons each event took.
     """
     records = _as_records(photons, PHOTON_DTYPE, "photons")
     limit = float("inf") if duration_max_s is None else float(duration_max_s)
     ext = None if d_time_ext is None else float(d_time_ext)
-    events, times = _kovra.reconstruct(records, float(d_space_px), float(d_time_s), ext, limit, algorithm,
-                                       _as_triggers(triggers))
-    return EventData(events.view(EVENT_DTYPE), None if times is None else times.view(TRIGGER_DTYPE))
+    events, times, members = _kovra.reconstruct(records, float(d_space_px), float(d_time_s), ext, limit, algorithm,
+                                                _as_triggers(triggers), bool(membership))
+    result = EventData(events.view(EVENT_DTYPE), None if times is None else times.view(TRIGGER_DTYPE))
+    if not membership:
+        return result
+    photon, event = members
+    return result, Membership(photon.view(np.int64), event.view(np.int64))
 
 
 def make_photons(x: npt.ArrayLike, y: npt.ArrayLike, toa: npt.ArrayLike) -> np.ndarray:

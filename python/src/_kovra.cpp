@@ -22,6 +22,7 @@
 #include "convert_durationMax.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "reconstructEvents_switchAlgorithm.hpp"
+#include "reconstructEvents_switchAlgorithm_withMembership.hpp"
 
 namespace py = pybind11;
 namespace tpx = kovra::tpx3spidr;
@@ -89,10 +90,45 @@ void write_events(const std::string& path, const py::buffer& events, const std::
   tpx::FileHandler_Events::save_file(path, data);
 }
 
+/// Collects the algorithms' membership reports: photon `photons[i]` belongs to event `events[i]`.
+struct Membership_Pairs {
+  std::vector<std::int64_t> events;
+  std::vector<std::int64_t> photons;
+
+  void operator()(std::uint64_t eventIndex, std::uint64_t photonIndex) {
+    events.push_back(static_cast<std::int64_t>(eventIndex));
+    photons.push_back(static_cast<std::int64_t>(photonIndex));
+  }
+
+  /// The pairs by photon, then by event (the algorithms promise no order). A counting sort: one pass to count each
+  /// photon's events, one to place them, then each photon's few events in order.
+  Membership_Pairs ordered(std::size_t nPhotons) const {
+    std::vector<std::size_t> start(nPhotons + 1, 0);
+    for (const std::int64_t photon : photons) ++start[static_cast<std::size_t>(photon) + 1];
+    for (std::size_t i = 0; i < nPhotons; ++i) start[i + 1] += start[i];
+    Membership_Pairs result;
+    result.events.resize(events.size());
+    result.photons.resize(photons.size());
+    std::vector<std::size_t> next(start.begin(), start.end() - 1);
+    for (std::size_t i = 0; i < photons.size(); ++i) {
+      const std::size_t at = next[static_cast<std::size_t>(photons[i])]++;
+      result.events[at] = events[i];
+      result.photons[at] = photons[i];
+    }
+    for (std::size_t photon = 0; photon < nPhotons; ++photon) {
+      std::sort(result.events.begin() + static_cast<std::ptrdiff_t>(start[photon]),
+                result.events.begin() + static_cast<std::ptrdiff_t>(start[photon + 1]));
+    }
+    return result;
+  }
+};
+
 /// The tool's run on photons in memory: the same conversions in the same order (time distance, space distance,
-/// longest duration) and the same algorithm switch. Returns (event bytes, trigger bytes or None).
+/// longest duration) and the same algorithm switch. Returns (event bytes, trigger bytes or None, membership), the
+/// membership, when asked for, as (photon indexes, event indexes) by photon, else None.
 py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_time_s, std::optional<double> d_time_ext,
-                      double duration_max_s, const std::string& algorithm, const std::optional<py::buffer>& triggers) {
+                      double duration_max_s, const std::string& algorithm, const std::optional<py::buffer>& triggers,
+                      bool membership) {
   const tpx::Time dTime = tpx::Time::make_from_seconds<true>(d_time_s);
   const tpx::Length dSpace = tpx::Length::from_pixels(d_space_px);
   // The tool asserts this of its settings; here it is a caller's value, so it is an error instead.
@@ -107,9 +143,15 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
   }
 
   std::optional<tpx::Data_Events> output;
+  Membership_Pairs pairs;
   const auto run = [&] {
     py::gil_scoped_release unlocked;
-    output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm));
+    if (membership) {
+      output.emplace(reconstructEvents_switchAlgorithm_withMembership(reconstruction, input, algorithm, pairs));
+      pairs = pairs.ordered(input.size());
+    } else {
+      output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm));
+    }
   };
   if (d_time_ext) {
     // The algorithms' one printed line (an extension factor they do not use) goes to std::cout; send it to
@@ -126,7 +168,9 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
   } else {
     run();
   }
-  return py::make_tuple(to_bytes(std::move(output->events)), to_bytes(std::move(output->extTriggers)));
+  py::object members = py::none();
+  if (membership) members = py::make_tuple(to_bytes(std::move(pairs.photons)), to_bytes(std::move(pairs.events)));
+  return py::make_tuple(to_bytes(std::move(output->events)), to_bytes(std::move(output->extTriggers)), members);
 }
 
 }  // namespace
@@ -144,7 +188,7 @@ PYBIND11_MODULE(_kovra, m) {
   m.def("write_photons", &write_photons, py::arg("path"), py::arg("photons"), py::arg("triggers"));
   m.def("write_events", &write_events, py::arg("path"), py::arg("events"), py::arg("triggers"));
   m.def("reconstruct", &reconstruct, py::arg("photons"), py::arg("d_space_px"), py::arg("d_time_s"),
-        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"));
+        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"), py::arg("membership"));
 
   // The library's own conversions, element by element: rounding halves away from zero, unlike numpy.round.
   m.def("from_pixels", py::vectorize([](double pixels) { return tpx::Length::from_pixels(pixels).value; }),

@@ -27,6 +27,7 @@ class DocsExampleTest(TempDirTest):
                                    env=dict(os.environ, MPLCONFIGDIR=str(self.dir / "mpl")), check=False)
         self.assertEqual(completed.returncode, 0, completed.stderr)
         self.assertRegex(completed.stdout, r"\d+ events, on average")
+        self.assertRegex(completed.stdout, r"brightest event: \d+ photons")
 
         tool_file = self.dir / "tool.kovraevent"
         self.assertEqual(run_brantel("-s", "5", "-t", "5e-7", "-D", "2e-6", "-i", str(photon_file), "-o",
