@@ -147,6 +147,8 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
   const auto run = [&] {
     py::gil_scoped_release unlocked;
     if (membership) {
+      pairs.events.reserve(input.size());  // every photon is in at least one event
+      pairs.photons.reserve(input.size());
       output.emplace(reconstructEvents_switchAlgorithm_withMembership(reconstruction, input, algorithm, pairs));
       pairs = pairs.ordered(input.size());
     } else {
