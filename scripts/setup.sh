@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time
-          snakemake python3-numpy python3-h5py python3-matplotlib "$@")
+          snakemake python3 python3-dev python3-numpy python3-h5py pybind11-dev python3-pybind11 python3-venv
+          python3-setuptools python3-wheel python3-matplotlib "$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,0 +1,218 @@
+"""Photon and event files of kovra_brantel as NumPy arrays, and its event reconstruction.
+
+Positions and times stay in the files' raw integer units (1/65536 pixel, 1.5625 ns ticks); `to_pixels` and
+`to_seconds` convert them. Reading maps a file into memory instead of copying it, writing gives the bytes the
+command-line tool writes, and `reconstruct` runs the tool's algorithms. Every malformed file and every bad
+setting the tool rejects raises ValueError with the tool's message.
+"""
+
+from __future__ import annotations
+
+import os
+from typing import NamedTuple, Optional
+
+try:
+    import numpy as np
+    import numpy.typing as npt
+except ImportError as missing:  # e.g. an interpreter other than the one python3-numpy is installed for
+    raise ImportError("kovra needs NumPy: use Debian's Python (/usr/bin/python3, package python3-numpy) or a "
+                      "virtual environment made from it with --system-site-packages; see docs/python.md") from missing
+
+from . import _kovra
+
+__all__ = [
+    "PHOTON_DTYPE", "EVENT_DTYPE", "TRIGGER_DTYPE", "UNITS_PER_PIXEL", "TICK_SECONDS",
+    "PhotonData", "EventData", "Membership", "read_photons", "read_events", "write_photons", "write_events", "reconstruct",
+    "make_photons", "to_pixels", "to_seconds", "from_pixels", "from_seconds",
+]
+
+#: One photon record as stored: position in 1/65536 pixel, time of arrival in ticks.
+PHOTON_DTYPE = np.dtype([("x", "<i4"), ("y", "<i4"), ("toa", "<i8")])
+#: One event record as stored: integer centroid, time of the first photon, photon count, pulse-shape value (s).
+EVENT_DTYPE = np.dtype([("x", "<i4"), ("y", "<i4"), ("t", "<i8"), ("nPhotons", "<u8"), ("psd", "<f8")])
+#: One external trigger time in ticks.
+TRIGGER_DTYPE = np.dtype("<i8")
+
+UNITS_PER_PIXEL: int = _kovra.UNITS_PER_PIXEL
+TICK_SECONDS: float = _kovra.TICK_SECONDS
+
+assert PHOTON_DTYPE.itemsize == _kovra.PHOTON_BYTES and EVENT_DTYPE.itemsize == _kovra.EVENT_BYTES
+
+
+class PhotonData(NamedTuple):
+    """The content of a photon file: its photons and its trigger times (None when the file has no trigger list,
+    an empty array when it has an empty one)."""
+
+    photons: np.ndarray
+    triggers: Optional[np.ndarray]
+
+
+class EventData(NamedTuple):
+    """The content of an event file, or the result of `reconstruct`: events and trigger times (None or array, as
+    in `PhotonData`)."""
+
+    events: np.ndarray
+    triggers: Optional[np.ndarray]
+
+
+class Membership(NamedTuple):
+    """Which photons each event of a reconstruction took, as pairs: photon `photon[i]` is in event `event[i]`,
+    ordered by photon, then event (int64 indexes into the photon and event arrays). Every photon is in at least one
+    event; only the default algorithm (the ghost-photon chain) puts a photon into two, so for the others `photon`
+    is 0, 1, 2, ... and `event` is each photon's event."""
+
+    photon: np.ndarray
+    event: np.ndarray
+
+
+def _map(path: str, block: tuple[int, int], dtype: np.dtype) -> np.ndarray:
+    offset, count = block
+    if count == 0:  # mmap cannot map nothing
+        return np.empty(0, dtype=dtype)
+    return np.memmap(path, dtype=dtype, mode="r", offset=offset, shape=(count,))
+
+
+def read_photons(path: str | os.PathLike[str]) -> PhotonData:
+    """Reads a photon file (.kovraphot). The arrays are read-only maps of the file, not copies."""
+    name = os.fspath(path)
+    records, triggers = _kovra.locate_photons(name)
+    return PhotonData(_map(name, records, PHOTON_DTYPE),
+                      None if triggers is None else _map(name, triggers, TRIGGER_DTYPE))
+
+
+def read_events(path: str | os.PathLike[str]) -> EventData:
+    """Reads an event file (.kovraevent). The arrays are read-only maps of the file, not copies."""
+    name = os.fspath(path)
+    records, triggers = _kovra.locate_events(name)
+    return EventData(_map(name, records, EVENT_DTYPE),
+                     None if triggers is None else _map(name, triggers, TRIGGER_DTYPE))
+
+
+def _check_fits(values: np.ndarray, target: np.dtype, what: str) -> None:
+    """Refuses values that would change when stored as `target`: floats for integers, integers out of range."""
+    if values.size == 0 or np.can_cast(values.dtype, target, casting="safe"):
+        return
+    if values.dtype.kind in "iu" and target.kind in "iu":
+        limits = np.iinfo(target)
+        # As Python integers: NumPy compares uint64 with int64 as floats, which cannot tell 2**63 from 2**63 - 1.
+        if int(values.min()) >= limits.min and int(values.max()) <= limits.max:
+            return
+    raise TypeError(f"{what}: {values.dtype} values do not fit {target}")
+
+
+def _as_records(values: npt.ArrayLike, dtype: np.dtype, what: str) -> np.ndarray:
+    """`values` as a contiguous 1-D array of `dtype`, converted field by field where no value changes."""
+    array = np.asarray(values)
+    if array.ndim != 1:
+        raise TypeError(f"{what} must be a one-dimensional array, not {array.ndim}-dimensional")
+    if array.dtype == dtype:
+        return np.ascontiguousarray(array)
+    if dtype.names is None:
+        _check_fits(array, dtype, what)
+        return array.astype(dtype)
+    if array.dtype.names is None or set(array.dtype.names) != set(dtype.names):
+        raise TypeError(f"{what} need exactly the fields {', '.join(dtype.names)}")
+    converted = np.empty(array.shape, dtype=dtype)
+    for field in dtype.names:
+        _check_fits(array[field], dtype.fields[field][0], f"{what}, field {field}")
+        converted[field] = array[field]
+    return converted
+
+
+def _as_triggers(triggers: Optional[npt.ArrayLike]) -> Optional[np.ndarray]:
+    return None if triggers is None else _as_records(triggers, TRIGGER_DTYPE, "triggers")
+
+
+def _write_whole(path: str | os.PathLike[str], write) -> None:
+    """Runs `write(name)`, the library's writer, on a new file beside the target and renames that over the target.
+    The library's writer replaces its own target whole too; making the file here first turns a directory that
+    cannot be written into an OSError, where the library's writer would stop the interpreter on an assertion."""
+    target = os.fspath(path)
+    directory, name = os.path.split(target)
+    for attempt in range(100):
+        temporary = os.path.join(directory, f".{name}.{os.getpid()}.{attempt}.tmp")
+        try:
+            # Created with the permissions a plain file stream gives, as the library's writer does.
+            os.close(os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o666))
+            break
+        except FileExistsError:
+            continue
+    else:
+        raise FileExistsError(f"no free temporary name beside {target}")
+    try:
+        write(temporary)
+        os.replace(temporary, target)
+    except BaseException:
+        os.unlink(temporary)
+        raise
+
+
+def write_photons(path: str | os.PathLike[str], photons: npt.ArrayLike,
+                  triggers: Optional[npt.ArrayLike] = None) -> None:
+    """Writes a photon file with the library's writer. `photons` has the fields x, y, toa (see `make_photons`);
+    `triggers` None writes no trigger list, an empty array an empty one."""
+    records = _as_records(photons, PHOTON_DTYPE, "photons")
+    times = _as_triggers(triggers)
+    _write_whole(path, lambda name: _kovra.write_photons(name, records, times))
+
+
+def write_events(path: str | os.PathLike[str], events: npt.ArrayLike,
+                 triggers: Optional[npt.ArrayLike] = None) -> None:
+    """Writes an event file with the library's writer; `triggers` as for `write_photons`."""
+    records = _as_records(events, EVENT_DTYPE, "events")
+    times = _as_triggers(triggers)
+    _write_whole(path, lambda name: _kovra.write_events(name, records, times))
+
+
+def reconstruct(photons: npt.ArrayLike, d_space_px: float, d_time_s: float, d_time_ext: Optional[float] = None,
+                duration_max_s: Optional[float] = None, algorithm: str = "default",
+                triggers: Optional[npt.ArrayLike] = None,
+                membership: bool = False) -> EventData | tuple[EventData, Membership]:
+    """Groups photons into events exactly as `kovra_brantel -s d_space_px -t d_time_s [--dTime_ext d_time_ext]
+    [-D duration_max_s] --algorithm algorithm` does (None: the option left out). The photons must be in
+    non-decreasing time of arrival. The triggers are carried over to the result unchanged, as the tool does.
+    With `membership=True` the result is `(EventData, Membership)`: also which photons each event took.
+    """
+    records = _as_records(photons, PHOTON_DTYPE, "photons")
+    limit = float("inf") if duration_max_s is None else float(duration_max_s)
+    ext = None if d_time_ext is None else float(d_time_ext)
+    events, times, members = _kovra.reconstruct(records, float(d_space_px), float(d_time_s), ext, limit, algorithm,
+                                                _as_triggers(triggers), bool(membership))
+    result = EventData(events.view(EVENT_DTYPE), None if times is None else times.view(TRIGGER_DTYPE))
+    if not membership:
+        return result
+    photon, event = members
+    return result, Membership(photon.view(np.int64), event.view(np.int64))
+
+
+def make_photons(x: npt.ArrayLike, y: npt.ArrayLike, toa: npt.ArrayLike) -> np.ndarray:
+    """A photon array from three columns of raw integers (see `from_pixels`, `from_seconds`)."""
+    columns = {"x": np.asarray(x), "y": np.asarray(y), "toa": np.asarray(toa)}
+    shapes = {column.shape for column in columns.values()}
+    if len(shapes) != 1 or len(next(iter(shapes))) != 1:
+        raise TypeError("x, y and toa must be one-dimensional and of one length")
+    photons = np.empty(columns["x"].shape, dtype=PHOTON_DTYPE)
+    for field, column in columns.items():
+        _check_fits(column, PHOTON_DTYPE.fields[field][0], field)
+        photons[field] = column
+    return photons
+
+
+def to_pixels(raw: npt.ArrayLike) -> np.ndarray:
+    """Raw positions (1/65536 pixel) to pixels, as the library computes them."""
+    return np.asarray(raw).astype(np.float64) / float(UNITS_PER_PIXEL)
+
+
+def to_seconds(raw: npt.ArrayLike) -> np.ndarray:
+    """Raw times (ticks) to seconds, as the library computes them."""
+    return np.asarray(raw).astype(np.float64) * TICK_SECONDS
+
+
+def from_pixels(pixels: npt.ArrayLike) -> np.ndarray:
+    """Pixels to raw positions with the library's rounding (halves away from zero)."""
+    return np.asarray(_kovra.from_pixels(pixels), dtype=np.int32)
+
+
+def from_seconds(seconds: npt.ArrayLike) -> np.ndarray:
+    """Seconds to raw times with the library's rounding; ValueError beyond the library's range."""
+    return np.asarray(_kovra.from_seconds(seconds), dtype=np.int64)

@@ -1,0 +1,202 @@
+// _kovra: the compiled half of the Python package. Thin on purpose: it finds where the records of a file lie
+// (with the library's own checks), hands NumPy buffers to the library's writers and algorithms, and gives their
+// results back as NumPy-owned memory. Every std::invalid_argument from below reaches Python as ValueError with
+// its message unchanged. The package's Python half (kovra/__init__.py) checks dtypes and shapes first.
+
+#include <pybind11/iostream.h>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "convert_durationMax.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "reconstructEvents_switchAlgorithm.hpp"
+#include "reconstructEvents_switchAlgorithm_withMembership.hpp"
+
+namespace py = pybind11;
+namespace tpx = kovra::tpx3spidr;
+
+namespace {
+
+/// (offset, count) of a block's content, or None for a trigger block the file does not have.
+py::object to_python(const std::optional<kovra::Block_Location>& block) {
+  if (!block) return py::none();
+  return py::make_tuple(block->offset, block->count);
+}
+
+/// Opens a photon or event file with the library's checks and returns where its records and triggers lie:
+/// ((offset, count), (offset, count) or None).
+template <typename FileHandler_Type>
+py::tuple locate_blocks(const std::string& path) {
+  const kovra::File_Layout layout = FileHandler_Type::read_layout(path);
+  return py::make_tuple(to_python(layout.records), to_python(layout.extTriggers));
+}
+
+/// Copies a one-dimensional, contiguous buffer of `Entry_Type`-sized items (checked in Python to be the
+/// record dtype) into a vector.
+template <typename Entry_Type>
+std::vector<Entry_Type> to_vector(const py::buffer& buffer) {
+  const py::buffer_info info = buffer.request();
+  if (info.ndim != 1 || info.itemsize != static_cast<py::ssize_t>(sizeof(Entry_Type)) ||
+      (info.size > 1 && info.strides[0] != info.itemsize)) {
+    throw std::invalid_argument("expected a contiguous one-dimensional array of " + std::to_string(sizeof(Entry_Type)) +
+                                "-byte records");
+  }
+  std::vector<Entry_Type> entries(static_cast<std::size_t>(info.size));
+  if (!entries.empty()) std::memcpy(entries.data(), info.ptr, entries.size() * sizeof(Entry_Type));
+  return entries;
+}
+
+std::optional<std::vector<tpx::Time>> to_triggers(const std::optional<py::buffer>& triggers) {
+  if (!triggers) return std::nullopt;
+  return to_vector<tpx::Time>(*triggers);
+}
+
+/// Hands a vector to NumPy without copying: a flat uint8 array over its bytes that owns the vector (the
+/// Python half views it with the record dtype).
+template <typename Entry_Type>
+py::array_t<std::uint8_t> to_bytes(std::vector<Entry_Type>&& entries) {
+  auto* owned = new std::vector<Entry_Type>(std::move(entries));
+  py::capsule owner(owned, [](void* p) { delete static_cast<std::vector<Entry_Type>*>(p); });
+  return py::array_t<std::uint8_t>({static_cast<py::ssize_t>(owned->size() * sizeof(Entry_Type))},
+                                   reinterpret_cast<const std::uint8_t*>(owned->data()), owner);
+}
+
+py::object to_bytes(std::optional<std::vector<tpx::Time>>&& entries) {
+  if (!entries) return py::none();
+  return to_bytes(std::move(*entries));
+}
+
+void write_photons(const std::string& path, const py::buffer& photons, const std::optional<py::buffer>& triggers) {
+  const tpx::Data_PhotonEvents data{to_vector<tpx::PhotonEvent>(photons), to_triggers(triggers)};
+  py::gil_scoped_release unlocked;
+  tpx::FileHandler_PhotonEvents::save_file(path, data);
+}
+
+void write_events(const std::string& path, const py::buffer& events, const std::optional<py::buffer>& triggers) {
+  const tpx::Data_Events data(to_vector<tpx::Event>(events), to_triggers(triggers));
+  py::gil_scoped_release unlocked;
+  tpx::FileHandler_Events::save_file(path, data);
+}
+
+/// Collects the algorithms' membership reports: photon `photons[i]` belongs to event `events[i]`.
+struct Membership_Pairs {
+  std::vector<std::int64_t> events;
+  std::vector<std::int64_t> photons;
+
+  void operator()(std::uint64_t eventIndex, std::uint64_t photonIndex) {
+    events.push_back(static_cast<std::int64_t>(eventIndex));
+    photons.push_back(static_cast<std::int64_t>(photonIndex));
+  }
+
+  /// The pairs by photon, then by event (the algorithms promise no order). A counting sort: one pass to count each
+  /// photon's events, one to place them, then each photon's few events in order.
+  Membership_Pairs ordered(std::size_t nPhotons) const {
+    std::vector<std::size_t> start(nPhotons + 1, 0);
+    for (const std::int64_t photon : photons) ++start[static_cast<std::size_t>(photon) + 1];
+    for (std::size_t i = 0; i < nPhotons; ++i) start[i + 1] += start[i];
+    Membership_Pairs result;
+    result.events.resize(events.size());
+    result.photons.resize(photons.size());
+    std::vector<std::size_t> next(start.begin(), start.end() - 1);
+    for (std::size_t i = 0; i < photons.size(); ++i) {
+      const std::size_t at = next[static_cast<std::size_t>(photons[i])]++;
+      result.events[at] = events[i];
+      result.photons[at] = photons[i];
+    }
+    for (std::size_t photon = 0; photon < nPhotons; ++photon) {
+      std::sort(result.events.begin() + static_cast<std::ptrdiff_t>(start[photon]),
+                result.events.begin() + static_cast<std::ptrdiff_t>(start[photon + 1]));
+    }
+    return result;
+  }
+};
+
+/// The tool's run on photons in memory: the same conversions in the same order (time distance, space distance,
+/// longest duration) and the same algorithm switch. Returns (event bytes, trigger bytes or None, membership), the
+/// membership, when asked for, as (photon indexes, event indexes) by photon, else None.
+py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_time_s, std::optional<double> d_time_ext,
+                      double duration_max_s, const std::string& algorithm, const std::optional<py::buffer>& triggers,
+                      bool membership) {
+  const tpx::Time dTime = tpx::Time::make_from_seconds<true>(d_time_s);
+  const tpx::Length dSpace = tpx::Length::from_pixels(d_space_px);
+  // The tool asserts this of its settings; here it is a caller's value, so it is an error instead.
+  if (!(duration_max_s >= 0)) throw std::invalid_argument("duration_max_s must be zero or more");
+  const tpx::Reconstruction_Events reconstruction{dSpace, dTime, d_time_ext, convert_durationMax(duration_max_s)};
+
+  const tpx::Data_PhotonEvents input{to_vector<tpx::PhotonEvent>(photons), to_triggers(triggers)};
+  // The algorithms assert time order; in a Python session that would end the interpreter.
+  const auto& list = input.photonEvents;
+  if (!std::is_sorted(list.begin(), list.end(), [](const auto& a, const auto& b) { return a.toa < b.toa; })) {
+    throw std::invalid_argument("photons must be in non-decreasing time of arrival");
+  }
+
+  std::optional<tpx::Data_Events> output;
+  Membership_Pairs pairs;
+  const auto run = [&] {
+    py::gil_scoped_release unlocked;
+    if (membership) {
+      pairs.events.reserve(input.size());  // every photon is in at least one event
+      pairs.photons.reserve(input.size());
+      output.emplace(reconstructEvents_switchAlgorithm_withMembership(reconstruction, input, algorithm, pairs));
+      pairs = pairs.ordered(input.size());
+    } else {
+      output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm));
+    }
+  };
+  if (d_time_ext) {
+    // The algorithms' one printed line (an extension factor they do not use) goes to std::cout; send it to
+    // sys.stdout, where a notebook shows it. Redirecting swaps std::cout's buffer for the whole process, so one
+    // run at a time does it (waiting without the interpreter lock, which the run holding it will need back).
+    static std::mutex redirecting;
+    std::unique_lock lock(redirecting, std::defer_lock);
+    {
+      py::gil_scoped_release unlocked;
+      lock.lock();
+    }
+    const py::scoped_ostream_redirect redirect(std::cout, py::module_::import("sys").attr("stdout"));
+    run();
+  } else {
+    run();
+  }
+  py::object members = py::none();
+  if (membership) members = py::make_tuple(to_bytes(std::move(pairs.photons)), to_bytes(std::move(pairs.events)));
+  return py::make_tuple(to_bytes(std::move(output->events)), to_bytes(std::move(output->extTriggers)), members);
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_kovra, m) {
+  m.doc() = "Compiled part of the kovra package; use the functions of `kovra` instead.";
+
+  m.attr("UNITS_PER_PIXEL") = tpx::Length::units_per_pixel;
+  m.attr("TICK_SECONDS") = tpx::Time::tick_seconds;
+  m.attr("PHOTON_BYTES") = sizeof(tpx::PhotonEvent);
+  m.attr("EVENT_BYTES") = sizeof(tpx::Event);
+
+  m.def("locate_photons", &locate_blocks<tpx::FileHandler_PhotonEvents>, py::arg("path"));
+  m.def("locate_events", &locate_blocks<tpx::FileHandler_Events>, py::arg("path"));
+  m.def("write_photons", &write_photons, py::arg("path"), py::arg("photons"), py::arg("triggers"));
+  m.def("write_events", &write_events, py::arg("path"), py::arg("events"), py::arg("triggers"));
+  m.def("reconstruct", &reconstruct, py::arg("photons"), py::arg("d_space_px"), py::arg("d_time_s"),
+        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"), py::arg("membership"));
+
+  // The library's own conversions, element by element: rounding halves away from zero, unlike numpy.round.
+  m.def("from_pixels", py::vectorize([](double pixels) { return tpx::Length::from_pixels(pixels).value; }),
+        py::arg("pixels"));
+  m.def("from_seconds", py::vectorize([](double seconds) {
+          return tpx::Time::make_from_seconds<true>(seconds).value;
+        }),
+        py::arg("seconds"));
+}

@@ -1,0 +1,204 @@
+"""Reading and writing photon and event files from Python."""
+
+from __future__ import annotations
+
+import os
+import struct
+import unittest
+
+import numpy as np
+
+import kovra
+from kovra_testing import (TempDirTest, block, brantel_message, kovra_file, photon_bytes, run_brantel, simulate,
+                           trigger_bytes)
+
+PHOTONS = [(1, -2, 3), (65536, 7, 3), (-2**31, 2**31 - 1, 2**62)]
+EVENT_RECORD = struct.pack("<iiqQd", 5, -6, 70, 3, 1.25e-9)
+
+
+class GoldenBytesTest(TempDirTest):
+    """Hand-built bytes read as expected, and the same arrays written back give those bytes."""
+
+    def test_photon_file_with_empty_trigger_list(self) -> None:
+        content = kovra_file(2, block("photons", photon_bytes(*PHOTONS)), block("extTrigs", b""))
+        data = kovra.read_photons(self.write_bytes("a.kovraphot", content))
+        self.assertEqual([tuple(p) for p in data.photons.tolist()], PHOTONS)
+        self.assertIsNotNone(data.triggers)
+        self.assertEqual(len(data.triggers), 0)
+        kovra.write_photons(self.dir / "b.kovraphot", data.photons, data.triggers)
+        self.assertEqual((self.dir / "b.kovraphot").read_bytes(), content)
+
+    def test_event_file_with_triggers(self) -> None:
+        content = kovra_file(3, block("events", EVENT_RECORD), block("extTrigs", trigger_bytes(-1, 9)))
+        data = kovra.read_events(self.write_bytes("a.kovraevent", content))
+        self.assertEqual(data.events.tolist(), [(5, -6, 70, 3, 1.25e-9)])
+        self.assertEqual(data.triggers.tolist(), [-1, 9])
+        kovra.write_events(self.dir / "b.kovraevent", *data)
+        self.assertEqual((self.dir / "b.kovraevent").read_bytes(), content)
+
+
+class RoundTripTest(TempDirTest):
+    def test_trigger_list_absent_empty_or_filled_survives(self) -> None:
+        photons = np.array(PHOTONS, dtype=kovra.PHOTON_DTYPE)
+        events = np.frombuffer(EVENT_RECORD * 2, dtype=kovra.EVENT_DTYPE)
+        for triggers in (None, [], [0, -5, 2**63 - 1]):
+            with self.subTest(triggers=triggers):
+                kovra.write_photons(self.dir / "p.kovraphot", photons, triggers)
+                kovra.write_events(self.dir / "e.kovraevent", events, triggers)
+                for (records, read_triggers), written in ((kovra.read_photons(self.dir / "p.kovraphot"), photons),
+                                                          (kovra.read_events(self.dir / "e.kovraevent"), events)):
+                    np.testing.assert_array_equal(records, written)
+                    if triggers is None:
+                        self.assertIsNone(read_triggers)
+                    else:
+                        self.assertEqual(read_triggers.tolist(), triggers)
+
+    def test_files_of_the_tools_come_back_byte_for_byte(self) -> None:
+        photon_file = simulate(self.dir / "s.kovraphot", "--duration", "1e-3", "--triggers", "1e4", "--seed", "5")
+        event_file = self.dir / "s.kovraevent"
+        self.assertEqual(run_brantel("-s", "3", "-t", "2e-7", "-i", str(photon_file), "-o", str(event_file))
+                         .returncode, 0)
+        kovra.write_photons(self.dir / "p.kovraphot", *kovra.read_photons(photon_file))
+        kovra.write_events(self.dir / "e.kovraevent", *kovra.read_events(event_file))
+        self.assertEqual((self.dir / "p.kovraphot").read_bytes(), photon_file.read_bytes())
+        self.assertEqual((self.dir / "e.kovraevent").read_bytes(), event_file.read_bytes())
+
+
+class MemoryMapTest(TempDirTest):
+    def test_a_tool_written_file_is_mapped_not_copied(self) -> None:
+        path = simulate(self.dir / "s.kovraphot", "--duration", "1e-3", "--triggers", "1e4")
+        photons, triggers = kovra.read_photons(path)
+        size = path.stat().st_size
+        for array, offset in ((photons, 64), (triggers, 64 + 16 * len(photons) + 16)):
+            self.assertIsInstance(array, np.memmap)
+            self.assertEqual(array.offset, offset)
+            self.assertEqual(os.path.realpath(array.filename), os.path.realpath(path))
+            self.assertFalse(array.flags.writeable)
+        self.assertEqual(64 + 16 * len(photons) + 16 + 8 * len(triggers), size)
+        self.assertGreater(len(photons), 0)
+        self.assertTrue(np.all(np.diff(photons["toa"]) >= 0))
+
+    def test_the_later_of_two_blocks_is_the_one_read(self) -> None:
+        content = kovra_file(2, block("photons", photon_bytes(PHOTONS[0])), block("extTrigs", trigger_bytes(1)),
+                             block("photons", photon_bytes(*PHOTONS[1:])), block("extTrigs", trigger_bytes(2, 3)))
+        photons, triggers = kovra.read_photons(self.write_bytes("a.kovraphot", content))
+        self.assertEqual([tuple(p) for p in photons.tolist()], PHOTONS[1:])
+        self.assertEqual(triggers.tolist(), [2, 3])
+
+
+GOOD_PHOTONS = kovra_file(2, block("photons", photon_bytes(*PHOTONS)), block("extTrigs", trigger_bytes(4)))
+
+
+def file_size_fixed(content: bytes) -> bytes:
+    """The file block's size set to what the file holds, so that a later check is reached."""
+    return content[:8] + struct.pack("<Q", len(content) - 16) + content[16:]
+
+
+MALFORMED = [
+    # (what, bytes, message)
+    ("empty", b"", "Read Error!"),
+    ("header cut", GOOD_PHOTONS[:12], "Read Error!"),
+    ("not KOVRA", b"KOVRB" + GOOD_PHOTONS[5:], "Not a valid KOVRA file!"),
+    ("file block too long", GOOD_PHOTONS[:8] + struct.pack("<Q", len(GOOD_PHOTONS)) + GOOD_PHOTONS[16:],
+     f"Block size is indicated as {len(GOOD_PHOTONS)} but only {len(GOOD_PHOTONS) - 16} bytes are left in the file!"),
+    ("trailing byte", GOOD_PHOTONS + b"\0", "File size mismatch!"),
+    ("no build block", block("KOVRA", block("photons", b"")), "File is missing build information!"),
+    ("build block of 24 bytes", block("KOVRA", block("build", struct.pack("<QQQ", 0, 2, 0))),
+     "Build info size missmatch! File corrupted?"),
+    ("version 1, wrong type too", kovra_file(3, block("events", b""), version=1), "File has wrong version!"),
+    ("event file", kovra_file(3, block("events", b"")), "File has wrong type!"),
+    ("unknown block", kovra_file(2, block("photons", b""), block("photon", b"")), "Block identifier not recognized!"),
+    ("partial photon", kovra_file(2, block("photons", b"\0" * 17)), "File contains partial photons!"),
+    ("partial trigger", kovra_file(2, block("photons", b""), block("extTrigs", b"\0" * 9)),
+     "File contains partial external triggers!"),
+    ("no photon block", kovra_file(2, block("extTrigs", b"")), "File does not contain photon data!"),
+]
+
+
+class MalformedFileTest(TempDirTest):
+    def test_every_malformed_file_raises_the_tools_message(self) -> None:
+        for what, content, message in MALFORMED:
+            with self.subTest(what):
+                path = self.write_bytes("bad.kovraphot", content)
+                with self.assertRaises(ValueError) as raised:
+                    kovra.read_photons(path)
+                self.assertEqual(str(raised.exception), message)
+                completed = run_brantel("-s", "1", "-t", "1e-7", "-i", str(path), "-o", str(self.dir / "o.kovraevent"))
+                self.assertEqual(brantel_message(completed), message)
+
+    def test_the_event_reader_checks_event_records(self) -> None:
+        for content, message in ((kovra_file(3, block("events", b"\0" * 33)), "File contains partial events!"),
+                                 (kovra_file(3), "File does not contain event data!")):
+            with self.subTest(message), self.assertRaises(ValueError) as raised:
+                kovra.read_events(self.write_bytes("bad.kovraevent", content))
+            self.assertEqual(str(raised.exception), message)
+
+    def test_a_missing_file(self) -> None:
+        path = str(self.dir / "none.kovraphot")
+        with self.assertRaises(ValueError) as raised:
+            kovra.read_photons(path)
+        self.assertEqual(str(raised.exception), f'file "{path}" could not be opened!')
+
+    def test_every_cut_of_a_good_file_reads_as_the_tool_reads_it(self) -> None:
+        """Cut at every length, with the file size adjusted so that the walk over the blocks is reached: where the
+        tool rejects the cut file, with the same message; where it is a whole file (cut between blocks), not."""
+        rejected = 0
+        for length in range(len(GOOD_PHOTONS)):
+            with self.subTest(length=length):
+                cut = GOOD_PHOTONS[:length]
+                path = self.write_bytes("cut.kovraphot", file_size_fixed(cut) if length >= 16 else cut)
+                try:
+                    kovra.read_photons(path)
+                    message = None
+                except ValueError as error:
+                    message = str(error)
+                    rejected += 1
+                completed = run_brantel("-s", "1", "-t", "1e-7", "-i", str(path), "-o", str(self.dir / "o.kovraevent"))
+                self.assertEqual(message, brantel_message(completed))
+        self.assertEqual(rejected, len(GOOD_PHOTONS) - 1)
+
+
+class WriteArgumentsTest(TempDirTest):
+    def test_fields_are_converted_only_where_no_value_changes(self) -> None:
+        narrow = np.array([(1, 2, 3)], dtype=[("toa", "<i4"), ("y", ">i2"), ("x", "u2")])
+        kovra.write_photons(self.dir / "p.kovraphot", narrow)
+        self.assertEqual(kovra.read_photons(self.dir / "p.kovraphot").photons.tolist(), [(3, 2, 1)])
+        wide = np.array([(-2**31, 2**31 - 1, 3)], dtype=[("x", "<i8"), ("y", "<u8"), ("toa", "<i8")])
+        kovra.write_photons(self.dir / "p.kovraphot", wide)
+        self.assertEqual(kovra.read_photons(self.dir / "p.kovraphot").photons.tolist(), [(-2**31, 2**31 - 1, 3)])
+        refused = [
+            np.array([(2**31, 2, 3)], dtype=[("x", "<i8"), ("y", "<i4"), ("toa", "<i8")]),  # x out of range
+            np.array([(1, 2, 3)], dtype=[("x", "<f4"), ("y", "<i4"), ("toa", "<i8")]),  # x not an integer
+            np.array([(1, 2)], dtype=[("x", "<i4"), ("y", "<i4")]),  # a field missing
+            np.zeros((2, 2), dtype=kovra.PHOTON_DTYPE),
+        ]
+        for photons in refused:
+            with self.subTest(dtype=str(photons.dtype)), self.assertRaises(TypeError):
+                kovra.write_photons(self.dir / "q.kovraphot", photons)
+        with self.assertRaises(TypeError):
+            kovra.write_photons(self.dir / "q.kovraphot", narrow, triggers=[0.5])
+        self.assertEqual(sorted(os.listdir(self.dir)), ["p.kovraphot"])
+
+    def test_a_file_appears_whole_or_not_at_all(self) -> None:
+        photons = np.array(PHOTONS, dtype=kovra.PHOTON_DTYPE)
+        with self.assertRaises(FileNotFoundError):
+            kovra.write_photons(self.dir / "missing" / "p.kovraphot", photons)
+        target = self.write_bytes("p.kovraphot", b"old")
+        kovra.write_photons(target, photons[:1])
+        self.assertEqual(kovra.read_photons(target).photons.tolist(), [PHOTONS[0]])
+        self.assertEqual(os.listdir(self.dir), ["p.kovraphot"])
+
+    def test_make_photons_takes_columns(self) -> None:
+        photons = kovra.make_photons(np.array([1, -2], np.int32), [3, 4], np.array([5, 6], np.int64))
+        self.assertEqual(photons.dtype, kovra.PHOTON_DTYPE)
+        self.assertEqual(photons.tolist(), [(1, 3, 5), (-2, 4, 6)])
+        with self.assertRaises(TypeError):
+            kovra.make_photons([1], [2, 3], [4])
+        with self.assertRaises(TypeError):
+            kovra.make_photons([1.5], [2], [4])
+        with self.assertRaises(TypeError):
+            kovra.make_photons([1], [-1], [2**63])
+
+
+if __name__ == "__main__":
+    unittest.main()

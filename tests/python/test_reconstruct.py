@@ -1,0 +1,130 @@
+"""kovra.reconstruct against the command-line tool, and the conversions it shares with the tool."""
+
+from __future__ import annotations
+
+import contextlib
+import io
+import math
+import shutil
+import tempfile
+import unittest
+from pathlib import Path
+
+import numpy as np
+
+import kovra
+from kovra_testing import TempDirTest, brantel_message, run_brantel, simulate
+
+ALGORITHMS = ["default", "noBranchChain_direct", "noBranchChain_ghostPhoton_direct", "forwardChain_photonBuildup",
+              "fullChain_direct"]
+
+# (label, tool options, keyword arguments): the settings each algorithm is run with.
+SETTINGS = [
+    ("plain", ["-s", "2", "-t", "1e-7"], {"d_space_px": 2, "d_time_s": 1e-7}),
+    ("longest duration", ["-s", "5", "-t", "5e-7", "-D", "3e-7"],
+     {"d_space_px": 5, "d_time_s": 5e-7, "duration_max_s": 3e-7}),
+    ("widening window", ["-s", "1.5", "-t", "3e-8", "--dTime_ext", "0.25"],
+     {"d_space_px": 1.5, "d_time_s": 3e-8, "d_time_ext": 0.25}),
+]
+
+
+class SameEventsAsTheToolTest(unittest.TestCase):
+    """Simulated photons (crowded enough that the algorithms disagree), reconstructed by the tool and from Python."""
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        cls.dir = Path(tempfile.mkdtemp())
+        cls.photon_file = simulate(cls.dir / "s.kovraphot", "--duration", "2e-3", "--event-rate", "4e5",
+                                   "--dark-rate", "1e6", "--triggers", "1e4", "--seed", "7")
+        cls.photons, cls.triggers = kovra.read_photons(cls.photon_file)
+
+    @classmethod
+    def tearDownClass(cls) -> None:
+        shutil.rmtree(cls.dir)
+
+    def test_events_are_byte_for_byte_those_of_the_tool(self) -> None:
+        outputs = {}
+        for algorithm in ALGORITHMS:
+            for label, options, arguments in SETTINGS:
+                with self.subTest(algorithm=algorithm, settings=label):
+                    tool_file = self.dir / "tool.kovraevent"
+                    completed = run_brantel(*options, "--algorithm", algorithm, "-i", str(self.photon_file),
+                                            "-o", str(tool_file))
+                    self.assertEqual(completed.returncode, 0, completed.stderr)
+                    printed = io.StringIO()
+                    with contextlib.redirect_stdout(printed):
+                        result = kovra.reconstruct(self.photons, **arguments, algorithm=algorithm,
+                                                   triggers=self.triggers)
+                    self.assertEqual(printed.getvalue(), completed.stdout)  # the extension-factor warning
+                    kovra.write_events(self.dir / "python.kovraevent", *result)
+                    self.assertEqual((self.dir / "python.kovraevent").read_bytes(), tool_file.read_bytes())
+                    np.testing.assert_array_equal(result.triggers, self.triggers)
+                    outputs[algorithm, label] = result.events.tobytes()
+        # The comparison is only worth something if the algorithms give different events on this file.
+        for label, _, _ in SETTINGS:
+            self.assertEqual(len({outputs[algorithm, label] for algorithm in ALGORITHMS}), 4, label)
+
+
+class SettingsErrorTest(TempDirTest):
+    def test_bad_settings_raise_the_tools_message(self) -> None:
+        path = simulate(self.dir / "s.kovraphot", "--duration", "1e-4")
+        photons = kovra.read_photons(path).photons
+        cases = [
+            # (label, tool options, keyword arguments)
+            ("unknown algorithm", ["-s", "1", "-t", "1e-7", "--algorithm", "Default"],
+             {"d_space_px": 1, "d_time_s": 1e-7, "algorithm": "Default"}),
+            ("time out of range", ["-s", "1", "-t", "1e300"], {"d_space_px": 1, "d_time_s": 1e300}),
+            ("negative time out of range", ["-s", "1", "-t", "-8e9"], {"d_space_px": 1, "d_time_s": -8e9}),
+            ("time not a number", ["-s", "1", "-t", "nan"], {"d_space_px": 1, "d_time_s": math.nan}),
+            ("duration beyond the range is unlimited", ["-s", "1", "-t", "1e-7", "-D", "1e10"],
+             {"d_space_px": 1, "d_time_s": 1e-7, "duration_max_s": 1e10}),
+        ]
+        for label, options, arguments in cases:
+            with self.subTest(label):
+                completed = run_brantel(*options, "-i", str(path), "-o", str(self.dir / "o.kovraevent"))
+                expected = brantel_message(completed)
+                if expected is None:  # the tool accepts it: so must Python
+                    kovra.reconstruct(photons, **arguments)
+                    continue
+                with self.assertRaises(ValueError) as raised:
+                    kovra.reconstruct(photons, **arguments)
+                self.assertEqual(str(raised.exception), expected)
+
+    def test_what_would_stop_the_tool_on_an_assertion_is_an_error(self) -> None:
+        photons = kovra.make_photons([0, 0], [0, 0], [5, 4])
+        for algorithm in ALGORITHMS:
+            with self.subTest(algorithm), self.assertRaisesRegex(ValueError, "non-decreasing time"):
+                kovra.reconstruct(photons, 1, 1e-7, algorithm=algorithm)
+        for duration in (-1e-9, math.nan):
+            with self.subTest(duration=duration), self.assertRaisesRegex(ValueError, "duration_max_s"):
+                kovra.reconstruct(photons[::-1], 1, 1e-7, duration_max_s=duration)
+
+    def test_no_photons_give_no_events_and_keep_the_triggers(self) -> None:
+        for triggers in (None, [], [3]):
+            with self.subTest(triggers=triggers):
+                events, out = kovra.reconstruct(np.empty(0, kovra.PHOTON_DTYPE), 1, 1e-7, triggers=triggers)
+                self.assertEqual(len(events), 0)
+                self.assertEqual(None if out is None else out.tolist(), triggers)
+
+
+class ConversionTest(unittest.TestCase):
+    def test_conversions_round_as_the_library(self) -> None:
+        cases = [
+            # (pixels, raw): halves go away from zero, unlike numpy.round
+            (0.5 / 65536, 1), (-0.5 / 65536, -1), (1.5 / 65536, 2), (2.5 / 65536, 3), (-2.5 / 65536, -3),
+            (0.49 / 65536, 0), (1.0, 65536), (-3.25, -212992),
+        ]
+        for pixels, raw in cases:
+            with self.subTest(pixels=pixels):
+                self.assertEqual(int(kovra.from_pixels(pixels)), raw)
+        np.testing.assert_array_equal(kovra.from_seconds([2.5 * 1.5625e-9, -0.5 * 1.5625e-9, 1e-3]),
+                                      [3, -1, 640000])
+        with self.assertRaisesRegex(ValueError, "out of range!$"):
+            kovra.from_seconds([0.0, 1e12])
+        raw = np.array([-2**31, -1, 0, 1, 2**31 - 1], dtype=np.int32)
+        np.testing.assert_array_equal(kovra.from_pixels(kovra.to_pixels(raw)), raw)
+        self.assertEqual(float(kovra.to_seconds(640)), 1e-6)
+
+
+if __name__ == "__main__":
+    unittest.main()
