@@ -3,7 +3,6 @@
 // results back as NumPy-owned memory. Every std::invalid_argument from below reaches Python as ValueError with
 // its message unchanged. The package's Python half (kovra/__init__.py) checks dtypes and shapes first.
 
-#include <pybind11/iostream.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -11,8 +10,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <iostream>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -22,7 +19,7 @@
 #include "convert_durationMax.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "reconstructEvents_switchAlgorithm.hpp"
-#include "reconstructEvents_switchAlgorithm_withMembership.hpp"
+
 
 namespace py = pybind11;
 namespace tpx = kovra::tpx3spidr;
@@ -133,7 +130,10 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
   const tpx::Length dSpace = tpx::Length::from_pixels(d_space_px);
   // The tool asserts this of its settings; here it is a caller's value, so it is an error instead.
   if (!(duration_max_s >= 0)) throw std::invalid_argument("duration_max_s must be zero or more");
-  const tpx::Reconstruction_Events reconstruction{dSpace, dTime, d_time_ext, convert_durationMax(duration_max_s)};
+  // Warnings are collected during the run and printed afterwards to sys.stdout, where a notebook shows them.
+  std::vector<std::string> warnings;
+  const tpx::Reconstruction_Events reconstruction{dSpace, dTime, d_time_ext, convert_durationMax(duration_max_s),
+                                                  [&warnings](const std::string& w) { warnings.push_back(w); }};
 
   const tpx::Data_PhotonEvents input{to_vector<tpx::PhotonEvent>(photons), to_triggers(triggers)};
   // The algorithms assert time order; in a Python session that would end the interpreter.
@@ -149,27 +149,14 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
     if (membership) {
       pairs.events.reserve(input.size());  // every photon is in at least one event
       pairs.photons.reserve(input.size());
-      output.emplace(reconstructEvents_switchAlgorithm_withMembership(reconstruction, input, algorithm, pairs));
+      output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm, pairs));
       pairs = pairs.ordered(input.size());
     } else {
       output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm));
     }
   };
-  if (d_time_ext) {
-    // The algorithms' one printed line (an extension factor they do not use) goes to std::cout; send it to
-    // sys.stdout, where a notebook shows it. Redirecting swaps std::cout's buffer for the whole process, so one
-    // run at a time does it (waiting without the interpreter lock, which the run holding it will need back).
-    static std::mutex redirecting;
-    std::unique_lock lock(redirecting, std::defer_lock);
-    {
-      py::gil_scoped_release unlocked;
-      lock.lock();
-    }
-    const py::scoped_ostream_redirect redirect(std::cout, py::module_::import("sys").attr("stdout"));
-    run();
-  } else {
-    run();
-  }
+  run();
+  for (const std::string& warning : warnings) py::print("WARNING: " + warning, py::arg("flush") = true);
   py::object members = py::none();
   if (membership) members = py::make_tuple(to_bytes(std::move(pairs.photons)), to_bytes(std::move(pairs.events)));
   return py::make_tuple(to_bytes(std::move(output->events)), to_bytes(std::move(output->extTriggers)), members);
