@@ -1,0 +1,181 @@
+#pragma once
+
+// Hits to photons: the blob of pixels one photon lights in an intensified camera becomes one photon.
+//
+// The rule, exactly: hits are taken in time order (arrival order on equal times). A hit joins the
+// earliest-opened photon that is still open and holds a hit within `radius` pixels in x and in y; a photon is
+// open while the hit's time is at most `window` ticks after the photon's first hit. Otherwise the hit opens a
+// new photon. Position: the ToT-weighted mean of the hits' pixel coordinates, rounded to the nearest 1/65536
+// pixel, halves up (the plain mean when every ToT is 0). Time: that of the largest-ToT hit (the earliest of
+// equals), or of the first hit. Photons come out in non-decreasing time, photons of equal time in the order
+// they were opened.
+//
+// What crosses from one hit to the next: the open photons (a photon opened more than `window` ago can take no
+// hit, so it closes), the hits of the last `window` ticks with a per-pixel chain through them (the only hits a
+// new hit can meet), and the closed photons whose time a still-open or future photon could undercut. All three
+// span one window of time, whatever the file's length.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <queue>
+#include <vector>
+
+#include "import/ReorderWindow.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+
+namespace kovra::import {
+
+enum class Photon_Time { strongest, earliest };
+
+/// Groups time-ordered hits of a `width` x `height` frame into photons.
+class Hit_Grouping {
+ public:
+  using Photon = kovra::tpx3spidr::PhotonEvent;
+
+  Hit_Grouping(unsigned width_, unsigned height_, unsigned radius_, Ticks window_, Photon_Time photonTime_)
+      : width(width_), height(height_), radius(static_cast<int>(radius_)), window(window_),
+        photonTime(photonTime_), lastHitAt(std::size_t{width_} * height_, 0), ring(1024) {}
+
+  /// Takes the next hit (times never decrease from one call to the next); hands finished photons to
+  /// `sink(const Photon&)`.
+  template <typename Sink_Type>
+  void add_hit(const Timed_Item& hit, Sink_Type&& sink) {
+    const Ticks t = hit.time;
+    while (!open.empty() && open.front().first + window < t) {
+      closed.push(get_photon(open.front()));
+      open.pop_front();
+      ++frontSeq;
+    }
+    emit_upTo(open.empty() ? t : std::min(t, open.front().first), sink);
+
+    // The earliest-opened open photon with a hit in the neighbourhood, walking each pixel's chain of recent hits.
+    std::uint64_t found = UINT64_MAX;
+    const int x = hit.x;
+    const int y = hit.y;
+    for (int py = std::max(0, y - radius); py <= std::min(static_cast<int>(height) - 1, y + radius); ++py) {
+      for (int px = std::max(0, x - radius); px <= std::min(static_cast<int>(width) - 1, x + radius); ++px) {
+        for (std::uint64_t k = lastHitAt[pixel_index(px, py)]; k != 0;) {
+          const std::uint64_t index = k - 1;
+          if (index < firstKept || index + ring.size() < nextHit) break;  // gone: older than any hit that matters
+          const Hit_Memo& memo = ring[index & (ring.size() - 1)];
+          if (memo.time + window < t) break;  // this hit's photon, and every older one here, is closed
+          if (memo.photon >= frontSeq) found = std::min(found, memo.photon);
+          k = memo.previousAtPixel;
+        }
+      }
+    }
+    if (found == UINT64_MAX) {
+      found = frontSeq + open.size();
+      open.push_back(Open_Photon{t, t, found});
+    }
+    Open_Photon& photon = open[static_cast<std::size_t>(found - frontSeq)];
+    photon.weight += hit.tot;
+    photon.weightedX += std::uint64_t{hit.tot} * hit.x;
+    photon.weightedY += std::uint64_t{hit.tot} * hit.y;
+    photon.sumX += hit.x;
+    photon.sumY += hit.y;
+    ++photon.hits;
+    if (hit.tot > photon.strongestTot) {
+      photon.strongestTot = hit.tot;
+      photon.strongestTime = t;
+    }
+    remember(hit, found);
+  }
+
+  /// Closes every photon and hands the rest over: the end of the input.
+  template <typename Sink_Type>
+  void finish(Sink_Type&& sink) {
+    for (; !open.empty(); open.pop_front(), ++frontSeq) closed.push(get_photon(open.front()));
+    emit_upTo(INT64_MAX, sink);
+  }
+
+  std::size_t get_ringCapacity() const { return ring.size(); }
+
+ private:
+  struct Open_Photon {
+    Ticks first;
+    Ticks strongestTime;
+    std::uint64_t seq;
+    unsigned strongestTot = 0;
+    std::uint64_t hits = 0;
+    std::uint64_t weight = 0;
+    std::uint64_t weightedX = 0;
+    std::uint64_t weightedY = 0;
+    std::uint64_t sumX = 0;
+    std::uint64_t sumY = 0;
+  };
+
+  struct Hit_Memo {
+    Ticks time;
+    std::uint64_t photon;
+    std::uint64_t previousAtPixel;  ///< 1 + the index of the previous hit at the same pixel; 0 for none
+  };
+
+  struct Closed_Photon {
+    Photon photon;
+    std::uint64_t seq;
+    bool operator>(const Closed_Photon& other) const {
+      return photon.toa.value != other.photon.toa.value ? photon.toa.value > other.photon.toa.value
+                                                        : seq > other.seq;
+    }
+  };
+
+  /// numerator / denominator x 65536 rounded to the nearest unit, halves up.
+  static std::int32_t get_mean(std::uint64_t numerator, std::uint64_t denominator) {
+    return static_cast<std::int32_t>((2 * 65536 * numerator + denominator) / (2 * denominator));
+  }
+
+  Closed_Photon get_photon(const Open_Photon& p) const {
+    const bool weighted = p.weight != 0;
+    const std::uint64_t denominator = weighted ? p.weight : p.hits;
+    const std::int32_t px = get_mean(weighted ? p.weightedX : p.sumX, denominator);
+    const std::int32_t py = get_mean(weighted ? p.weightedY : p.sumY, denominator);
+    const Ticks t = photonTime == Photon_Time::strongest ? p.strongestTime : p.first;
+    return Closed_Photon{Photon{{px}, {py}, {t}}, p.seq};
+  }
+
+  template <typename Sink_Type>
+  void emit_upTo(Ticks bound, Sink_Type& sink) {
+    while (!closed.empty() && closed.top().photon.toa.value <= bound) {
+      sink(closed.top().photon);
+      closed.pop();
+    }
+  }
+
+  std::size_t pixel_index(int px, int py) const {
+    return static_cast<std::size_t>(py) * width + static_cast<std::size_t>(px);
+  }
+
+  /// Stores the hit in the ring, doubling the ring when the slot it needs still holds a hit that matters.
+  void remember(const Timed_Item& hit, std::uint64_t photon) {
+    if (nextHit >= ring.size() && ring[nextHit & (ring.size() - 1)].time + window >= hit.time) {
+      std::vector<Hit_Memo> larger(ring.size() * 2);
+      for (std::uint64_t i = nextHit - ring.size(); i < nextHit; ++i) {
+        larger[i & (larger.size() - 1)] = ring[i & (ring.size() - 1)];
+      }
+      firstKept = nextHit - ring.size();
+      ring.swap(larger);
+    }
+    std::uint64_t& last = lastHitAt[pixel_index(hit.x, hit.y)];
+    ring[nextHit & (ring.size() - 1)] = Hit_Memo{hit.time, photon, last};
+    last = ++nextHit;
+  }
+
+  const unsigned width;
+  const unsigned height;
+  const int radius;
+  const Ticks window;
+  const Photon_Time photonTime;
+  std::vector<std::uint64_t> lastHitAt;  ///< per pixel: 1 + the index of its latest hit; 0 for none
+  std::vector<Hit_Memo> ring;            ///< the latest hits, hit i at i modulo the (power-of-two) size
+  std::uint64_t nextHit = 0;
+  std::uint64_t firstKept = 0;  ///< hits before this index were not carried over when the ring last grew
+  std::deque<Open_Photon> open;  ///< in opening order; the first has sequence number frontSeq
+  std::uint64_t frontSeq = 0;
+  std::priority_queue<Closed_Photon, std::vector<Closed_Photon>, std::greater<>> closed;
+};
+
+}  // namespace kovra::import
