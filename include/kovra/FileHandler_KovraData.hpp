@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/detail/RecordIO.hpp"
 
 namespace kovra {
@@ -157,8 +158,9 @@ class FileHandler_KovraData {
   /// Walks the content blocks behind the build block up to `end`.
   virtual ReadOutput_Type read_implementationSpecific(std::istream& stream, std::streampos end) const = 0;
 
-  /// Writes a file: the build block, then the content blocks in their order, in one forward pass. Like every
-  /// writer of this format it does not check that the file opened; a failed stream stops on the size assertion.
+  /// Writes a file: the build block, then the content blocks in their order, in one forward pass, into a
+  /// temporary file that replaces `file_name` only once it is complete. Like every writer of this format it does
+  /// not check that the file opened; a stream that failed stops on the size assertion.
   static void write_file(const std::string& file_name, std::vector<std::unique_ptr<IO_Block>> content_blocks) {
     std::vector<std::unique_ptr<IO_Block>> blocks;
     blocks.reserve(content_blocks.size() + 1);
@@ -166,9 +168,9 @@ class FileHandler_KovraData {
     for (auto& block : content_blocks) blocks.push_back(std::move(block));
     const IO_File file(std::move(blocks));
 
-    std::ofstream stream(file_name, std::ios::out | std::ios::binary | std::ios::trunc);
-    file.write(stream);
-    stream.close();
+    OutputFile_Atomic output(file_name);
+    file.write(output.stream());
+    output.commit();
   }
 
  protected:
