@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -78,20 +79,31 @@ int main(int argc, char* argv[]) {
 
   kovra::inspect::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   progress.set_label("importing");
+  std::optional<PhotonFile_Output> output;
+  try {
+    output.emplace(options.outputFile, options.triggerEdge >= 0);
+  } catch (const std::invalid_argument& e) {
+    std::cerr << "kovra_import: " << e.what() << '\n';
+    return 1;
+  }
   Import_Summary summary;
   try {
-    PhotonFile_Output output(options.outputFile, options.triggerEdge >= 0);
     progress.start(100);
     std::uint64_t shownPercent = 0;
-    summary = run_import(options, output, [&](std::uint64_t done, std::uint64_t total) {
+    summary = run_import(options, *output, [&](std::uint64_t done, std::uint64_t total) {
       const std::uint64_t percent = total == 0 ? 100 : done * 100 / total;
       if (percent > shownPercent) progress.advance(percent - std::exchange(shownPercent, percent));
     });
-    output.commit();
     progress.finish();
   } catch (const std::exception& e) {
     progress.finish();
     std::cerr << "kovra_import: " << options.inputFile << ": " << e.what() << '\n';
+    return 1;
+  }
+  try {
+    output->commit();
+  } catch (const std::invalid_argument& e) {
+    std::cerr << "kovra_import: " << e.what() << '\n';
     return 1;
   }
 
