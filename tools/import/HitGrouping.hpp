@@ -16,6 +16,8 @@
 // span one window of time, whatever the file's length.
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -51,30 +53,64 @@ class Hit_Grouping {
     }
     emit_upTo(open.empty() ? t : std::min(t, open.front().first), sink);
 
-    // The earliest-opened open photon with a hit in the neighbourhood, walking each pixel's chain of recent hits.
-    std::uint64_t found = UINT64_MAX;
+    // The earliest-opened open photon with a hit in the neighbourhood. The open photons are looked at in
+    // opening order: a box around a photon's hits (grown by the radius) rules most of them out at once, and a
+    // photon of a few hits has them at hand to check. A photon with more hits, or more than a few open photons
+    // to look at, hands over to the chains of recent hits at each pixel around, which stop as soon as they meet
+    // the earliest photon not ruled out.
     const int x = hit.x;
     const int y = hit.y;
-    for (int py = std::max(0, y - radius); py <= std::min(static_cast<int>(height) - 1, y + radius); ++py) {
-      for (int px = std::max(0, x - radius); px <= std::min(static_cast<int>(width) - 1, x + radius); ++px) {
-        for (std::uint64_t k = lastHitAt[pixel_index(px, py)]; k != 0;) {
-          const std::uint64_t index = k - 1;
-          if (index < firstKept || index + ring.size() < nextHit) break;  // gone: older than any hit that matters
-          const Hit_Memo& memo = ring[index & (ring.size() - 1)];
-          if (memo.time + window < t) break;  // this hit's photon, and every older one here, is closed
-          if (memo.photon >= frontSeq) found = std::min(found, memo.photon);
-          k = memo.previousAtPixel;
+    std::uint64_t found = UINT64_MAX;
+    std::uint64_t lowest = UINT64_MAX;  // no photon opened before this one can take the hit
+    const std::size_t looked = std::min<std::size_t>(open.size(), 32);
+    for (std::size_t i = 0; i < looked && lowest == UINT64_MAX; ++i) {
+      const Open_Photon& p = open[i];
+      if (x + radius < p.xLow || x - radius > p.xHigh || y + radius < p.yLow || y - radius > p.yHigh) continue;
+      if (p.hits > Open_Photon::kept_hits) {
+        lowest = frontSeq + i;
+        break;
+      }
+      for (std::size_t h = 0; h < p.hits; ++h) {
+        if (std::abs(p.hitX[h] - x) <= radius && std::abs(p.hitY[h] - y) <= radius) {
+          found = frontSeq + i;
+          break;
+        }
+      }
+      if (found != UINT64_MAX) break;
+    }
+    if (found == UINT64_MAX && lowest == UINT64_MAX && open.size() > looked) lowest = frontSeq + looked;
+    if (lowest != UINT64_MAX) {
+      for (int py = std::max(0, y - radius); py <= std::min(static_cast<int>(height) - 1, y + radius); ++py) {
+        for (int px = std::max(0, x - radius); px <= std::min(static_cast<int>(width) - 1, x + radius); ++px) {
+          for (std::uint64_t k = lastHitAt[pixel_index(px, py)]; k != 0;) {
+            const std::uint64_t index = k - 1;
+            if (index < firstKept || index + ring.size() < nextHit) break;  // gone: older than any hit that matters
+            const Hit_Memo& memo = ring[index & ringMask];
+            if (memo.time + window < t) break;  // this hit's photon, and every older one here, is closed
+            if (memo.photon >= lowest) found = std::min(found, memo.photon);
+            k = memo.previousAtPixel;
+          }
+          if (found == lowest) goto searched;
         }
       }
     }
+  searched:
     if (found == UINT64_MAX) {
       found = frontSeq + open.size();
-      open.push_back(Open_Photon{t, t, found});
+      open.push_back(Open_Photon{t, t, found, x, x, y, y});
     }
     Open_Photon& photon = open[static_cast<std::size_t>(found - frontSeq)];
+    photon.xLow = std::min(photon.xLow, x);
+    photon.xHigh = std::max(photon.xHigh, x);
+    photon.yLow = std::min(photon.yLow, y);
+    photon.yHigh = std::max(photon.yHigh, y);
     photon.weight += hit.tot;
     photon.weightedX += std::uint64_t{hit.tot} * hit.x;
     photon.weightedY += std::uint64_t{hit.tot} * hit.y;
+    if (photon.hits < Open_Photon::kept_hits) {
+      photon.hitX[photon.hits] = static_cast<std::int16_t>(x);
+      photon.hitY[photon.hits] = static_cast<std::int16_t>(y);
+    }
     photon.sumX += hit.x;
     photon.sumY += hit.y;
     ++photon.hits;
@@ -99,6 +135,10 @@ class Hit_Grouping {
     Ticks first;
     Ticks strongestTime;
     std::uint64_t seq;
+    int xLow, xHigh, yLow, yHigh;  ///< the box around its hits
+    static constexpr std::size_t kept_hits = 12;
+    std::array<std::int16_t, kept_hits> hitX{};  ///< its first hits' pixels
+    std::array<std::int16_t, kept_hits> hitY{};
     unsigned strongestTot = 0;
     std::uint64_t hits = 0;
     std::uint64_t weight = 0;
@@ -151,16 +191,17 @@ class Hit_Grouping {
 
   /// Stores the hit in the ring, doubling the ring when the slot it needs still holds a hit that matters.
   void remember(const Timed_Item& hit, std::uint64_t photon) {
-    if (nextHit >= ring.size() && ring[nextHit & (ring.size() - 1)].time + window >= hit.time) {
+    if (nextHit >= ring.size() && ring[nextHit & ringMask].time + window >= hit.time) {
       std::vector<Hit_Memo> larger(ring.size() * 2);
       for (std::uint64_t i = nextHit - ring.size(); i < nextHit; ++i) {
-        larger[i & (larger.size() - 1)] = ring[i & (ring.size() - 1)];
+        larger[i & (larger.size() - 1)] = ring[i & ringMask];
       }
       firstKept = nextHit - ring.size();
       ring.swap(larger);
+      ringMask = ring.size() - 1;
     }
     std::uint64_t& last = lastHitAt[pixel_index(hit.x, hit.y)];
-    ring[nextHit & (ring.size() - 1)] = Hit_Memo{hit.time, photon, last};
+    ring[nextHit & ringMask] = Hit_Memo{hit.time, photon, last};
     last = ++nextHit;
   }
 
@@ -172,6 +213,7 @@ class Hit_Grouping {
   std::vector<std::uint64_t> lastHitAt;  ///< per pixel: 1 + the index of its latest hit; 0 for none
   std::vector<Hit_Memo> ring;            ///< the latest hits, hit i at i modulo the (power-of-two) size
   std::uint64_t nextHit = 0;
+  std::uint64_t ringMask = 1023;
   std::uint64_t firstKept = 0;  ///< hits before this index were not carried over when the ring last grew
   std::deque<Open_Photon> open;  ///< in opening order; the first has sequence number frontSeq
   std::uint64_t frontSeq = 0;

@@ -82,7 +82,7 @@ class Reorder_Window {
     sink(static_cast<const Timed_Item*>(ready.data()), ready.size());
   }
 
-  /// Stable radix sort by time, with as few 11-bit passes as the spread of the times needs.
+  /// Stable radix sort by time, with as few passes of at most 12 bits as the spread of the times needs.
   static void sort_byTime(std::vector<Timed_Item>& items, std::vector<Timed_Item>& spare) {
     Ticks low = items.front().time;
     Ticks high = low;
@@ -94,16 +94,19 @@ class Reorder_Window {
     }
     if (sorted) return;
     const auto keyBits = static_cast<int>(std::bit_width(static_cast<std::uint64_t>(high - low)));
+    const int passes = (keyBits + 11) / 12;
+    const int digitBits = (keyBits + passes - 1) / passes;
+    const std::size_t mask = (std::size_t{1} << digitBits) - 1;
     spare.resize(items.size());
-    std::array<std::size_t, 2048> offsets{};
-    for (int shift = 0; shift < keyBits; shift += 11) {
+    std::array<std::size_t, 4096> offsets{};
+    for (int shift = 0; shift < keyBits; shift += digitBits) {
       const auto digit = [&](const Timed_Item& item) {
-        return static_cast<std::size_t>((static_cast<std::uint64_t>(item.time - low) >> shift) & 2047);
+        return static_cast<std::size_t>(static_cast<std::uint64_t>(item.time - low) >> shift) & mask;
       };
-      offsets.fill(0);
+      std::fill_n(offsets.begin(), mask + 1, 0);
       for (const auto& item : items) ++offsets[digit(item)];
       std::size_t sum = 0;
-      for (auto& offset : offsets) sum += std::exchange(offset, sum);
+      for (std::size_t d = 0; d <= mask; ++d) sum += std::exchange(offsets[d], sum);
       for (const auto& item : items) spare[offsets[digit(item)]++] = item;
       items.swap(spare);
     }
