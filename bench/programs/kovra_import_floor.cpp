@@ -1,9 +1,11 @@
 // kovra_import_floor: the floor under kovra_import. Reads a raw Timepix3 file in 4 MiB blocks, walks its chunks,
 // decodes every hit (pixel, ToT, time) and writes 16 bytes per hit (x, y as 32-bit integers, the hit's raw time
-// as a 64-bit one), with no clock following, ordering or grouping; what kovra_import takes beyond this is the
-// cost of those. With "-" as OUTPUT nothing is written: reading and decoding alone.
+// as a 64-bit one) and flushes them to disk, with no clock following, ordering or grouping; what kovra_import
+// takes beyond this is the cost of those. With "-" as OUTPUT nothing is written: reading and decoding alone.
 //
 // Usage: kovra_import_floor RAW OUTPUT
+
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
@@ -63,6 +65,11 @@ int main(int argc, char* argv[]) {
       std::fprintf(stderr, "kovra_import_floor: write error on '%s'\n", argv[2]);
       return 1;
     }
+  }
+  // kovra_import makes its output durable before it renames it into place; so does the floor.
+  if (output && (std::fflush(output.get()) != 0 || fsync(fileno(output.get())) != 0)) {
+    std::fprintf(stderr, "kovra_import_floor: write error on '%s'\n", argv[2]);
+    return 1;
   }
   if (output && std::fclose(output.release()) != 0) {
     std::fprintf(stderr, "kovra_import_floor: write error on '%s'\n", argv[2]);

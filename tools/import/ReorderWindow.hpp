@@ -4,13 +4,14 @@
 //
 // The rule: an item is late, and dropped, when its time is more than `window` ticks before the latest time of
 // the clock (the largest time read so far, this item's own included). Every item that is not late comes out,
-// in non-decreasing time, items of equal time in the order they came in. What crosses from one release to the
-// next is only the items the window still holds: an item at or before `latest - window` can no longer be
-// overtaken, because any later item earlier than it would be late, so it is released. Releases happen in
-// batches, once the release point has moved by a step of about one window, so each item is scanned about twice
-// and sorted once (least-significant-digit radix on its time, which keeps equal times in arrival order). What
-// the window holds is the items of about two windows of time: its memory grows with the hit rate, not with the
-// file's length.
+// in non-decreasing time, items of equal time in the order they came in.
+//
+// How: items wait in buckets of 2^16 ticks (102 us) of time, in a ring that spans the window. A bucket whose
+// last tick is at or before `latest - window` can no longer receive an item (any item that early would be
+// late), so it is sorted (least-significant-digit radix on the time within the bucket, which keeps equal
+// times in arrival order) and released. What crosses from one release to the next is only the buckets of the
+// last window; each item is written once on arrival and sorted while its bucket is small enough to stay in the
+// cache. Memory grows with the hit rate times the window, not with the file's length.
 
 #include <algorithm>
 #include <array>
@@ -38,86 +39,86 @@ static_assert(sizeof(Timed_Item) == 16);
 /// The window. Holds only items not yet released; everything released is in non-decreasing time.
 class Reorder_Window {
  public:
-  explicit Reorder_Window(Ticks window_) : window(window_), step(std::max<Ticks>(window_, Ticks{1} << 16)) {}
+  static constexpr int bucket_bits = 16;
+
+  explicit Reorder_Window(Ticks window_)
+      : window(window_), buckets(std::bit_ceil(static_cast<std::uint64_t>((window_ >> bucket_bits) + 2))) {}
 
   /// Takes an item, `latest` being the clock's latest time after reading it. Returns false, keeping nothing,
   /// when the item is late. Releases to `sink(const Timed_Item*, std::size_t)` what can no longer move.
   template <typename Sink_Type>
   bool push(const Timed_Item& item, Ticks latest, Sink_Type&& sink) {
-    if (item.time < latest - window) return false;
-    pending.push_back(item);
-    if (latest - window >= releasedTo + step) release(latest - window, sink);
+    const Ticks cut = latest - window;
+    if (item.time < cut) return false;
+    if (!started) {
+      started = true;
+      nextRelease = item.time >> bucket_bits;
+    }
+    if (((nextRelease + 1) << bucket_bits) - 1 <= cut) release_upTo(cut, sink);
+    const Ticks bucket = item.time >> bucket_bits;
+    if (bucket < nextRelease) {
+      sink(&item, 1);  // exactly at the cut, behind a bucket already released: nothing later can precede it
+      return true;
+    }
+    buckets[slot(bucket)].push_back(item);
+    ++held;
     return true;
   }
 
   /// Releases everything still held: the end of the input.
   template <typename Sink_Type>
   void finish(Sink_Type&& sink) {
-    if (pending.empty()) return;
-    Ticks last = pending.front().time;
-    for (const auto& item : pending) last = std::max(last, item.time);
-    release(last, sink);
+    if (started) release_upTo((nextRelease + static_cast<Ticks>(buckets.size())) << bucket_bits, sink);
   }
 
-  std::size_t get_held() const { return pending.size(); }
   std::size_t get_mostHeld() const { return mostHeld; }
 
  private:
+  std::size_t slot(Ticks bucket) const { return static_cast<std::size_t>(bucket) & (buckets.size() - 1); }
+
+  /// Releases, in order, every bucket whose last tick is at or before `cut`.
   template <typename Sink_Type>
-  void release(Ticks cut, Sink_Type& sink) {
-    mostHeld = std::max(mostHeld, pending.size());
-    ready.clear();
-    std::size_t kept = 0;
-    for (const auto& item : pending) {
-      if (item.time <= cut) {
-        ready.push_back(item);
-      } else {
-        pending[kept++] = item;
-      }
+  void release_upTo(Ticks cut, Sink_Type& sink) {
+    mostHeld = std::max(mostHeld, held);
+    // Every held item lies in the ring's span from nextRelease on, however far the cut has jumped.
+    const Ticks last = std::min(((cut + 1) >> bucket_bits) - 1, nextRelease + static_cast<Ticks>(buckets.size()) - 1);
+    for (; nextRelease <= last; ++nextRelease) {
+      auto& items = buckets[slot(nextRelease)];
+      if (items.empty()) continue;
+      sort_byTime(items, nextRelease << bucket_bits);
+      sink(static_cast<const Timed_Item*>(items.data()), items.size());
+      held -= items.size();
+      items.clear();
     }
-    pending.resize(kept);
-    releasedTo = cut;
-    if (ready.empty()) return;
-    sort_byTime(ready, scratch);
-    sink(static_cast<const Timed_Item*>(ready.data()), ready.size());
+    nextRelease = std::max(nextRelease, ((cut + 1) >> bucket_bits));
   }
 
-  /// Stable radix sort by time, with as few passes of at most 12 bits as the spread of the times needs.
-  static void sort_byTime(std::vector<Timed_Item>& items, std::vector<Timed_Item>& spare) {
-    Ticks low = items.front().time;
-    Ticks high = low;
+  /// Stable radix sort of one bucket by time, two passes of 8 bits over the time within the bucket.
+  void sort_byTime(std::vector<Timed_Item>& items, Ticks begin) {
     bool sorted = true;
-    for (std::size_t i = 1; i < items.size(); ++i) {
-      low = std::min(low, items[i].time);
-      high = std::max(high, items[i].time);
-      sorted = sorted && items[i - 1].time <= items[i].time;
-    }
+    for (std::size_t i = 1; i < items.size() && sorted; ++i) sorted = items[i - 1].time <= items[i].time;
     if (sorted) return;
-    const auto keyBits = static_cast<int>(std::bit_width(static_cast<std::uint64_t>(high - low)));
-    const int passes = (keyBits + 11) / 12;
-    const int digitBits = (keyBits + passes - 1) / passes;
-    const std::size_t mask = (std::size_t{1} << digitBits) - 1;
     spare.resize(items.size());
-    std::array<std::size_t, 4096> offsets{};
-    for (int shift = 0; shift < keyBits; shift += digitBits) {
+    std::array<std::size_t, 256> offsets{};
+    for (int shift = 0; shift < bucket_bits; shift += 8) {
       const auto digit = [&](const Timed_Item& item) {
-        return static_cast<std::size_t>(static_cast<std::uint64_t>(item.time - low) >> shift) & mask;
+        return static_cast<std::size_t>(static_cast<std::uint64_t>(item.time - begin) >> shift) & 255;
       };
-      std::fill_n(offsets.begin(), mask + 1, 0);
+      offsets.fill(0);
       for (const auto& item : items) ++offsets[digit(item)];
       std::size_t sum = 0;
-      for (std::size_t d = 0; d <= mask; ++d) sum += std::exchange(offsets[d], sum);
+      for (auto& offset : offsets) sum += std::exchange(offset, sum);
       for (const auto& item : items) spare[offsets[digit(item)]++] = item;
       items.swap(spare);
     }
   }
 
   const Ticks window;
-  const Ticks step;
-  Ticks releasedTo = INT64_MIN / 2;
-  std::vector<Timed_Item> pending;
-  std::vector<Timed_Item> ready;
-  std::vector<Timed_Item> scratch;
+  std::vector<std::vector<Timed_Item>> buckets;  ///< bucket b (time >> bucket_bits) at b modulo the ring's size
+  std::vector<Timed_Item> spare;
+  bool started = false;
+  Ticks nextRelease = 0;  ///< the earliest bucket not yet released
+  std::size_t held = 0;
   std::size_t mostHeld = 0;
 };
 
