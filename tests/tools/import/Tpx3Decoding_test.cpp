@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -171,6 +172,35 @@ TEST(ReorderWindowTest, ShuffledItemsComeOutInTimeOrderEqualTimesInArrivalOrder)
     ASSERT_EQ(out[i].time, in[i].time) << i;
     ASSERT_EQ(out[i].x, in[i].x) << i;
   }
+}
+
+TEST(ReorderWindowTest, JumpsFarBeyondTheWindowKeepEveryHeldItemInOrder) {
+  // A window of 16 buckets; items spread over it, then the clock jumps by far more than the ring spans, twice.
+  const Ticks window = Ticks{1} << 20;
+  Reorder_Window reorder(window);
+  std::vector<Ticks> out;
+  const auto sink = [&](const Timed_Item* items, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) out.push_back(items[i].time);
+  };
+  std::vector<Ticks> in;
+  Ticks latest = 0;
+  for (const Ticks base : {Ticks{0}, Ticks{1} << 40, (Ticks{1} << 40) + (Ticks{1} << 22)}) {
+    for (Ticks i = 0; i < 200; ++i) {
+      const Ticks t = base + (i * 7919 % 200) * 5000;  // shuffled within one window
+      latest = std::max(latest, t);
+      ASSERT_TRUE(reorder.push({t, 0, 0, 0, 0}, latest, sink));
+      in.push_back(t);
+    }
+  }
+  // Exactly at the cut, behind a bucket that went out already.
+  latest = (((latest >> 16) + 40) << 16) + window - 1;  // the cut is a bucket's last tick
+  ASSERT_TRUE(reorder.push({latest, 0, 0, 0, 0}, latest, sink));
+  ASSERT_TRUE(reorder.push({latest - window, 0, 0, 0, 0}, latest, sink));
+  in.push_back(latest);
+  in.push_back(latest - window);
+  reorder.finish(sink);
+  std::sort(in.begin(), in.end());
+  EXPECT_EQ(out, in);
 }
 
 TEST(ReorderWindowTest, AnItemMoreThanTheWindowBehindTheLatestTimeIsDropped) {
