@@ -20,7 +20,6 @@
 #include <cstdlib>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <queue>
 #include <vector>
@@ -31,6 +30,38 @@
 namespace kovra::import {
 
 enum class Photon_Time { strongest, earliest };
+
+namespace detail {
+
+/// A first-in, first-out ring of values that doubles when full; indexing from the front is one mask away.
+template <typename Value_Type>
+class Fifo_Ring {
+ public:
+  bool empty() const { return count == 0; }
+  std::size_t size() const { return count; }
+  Value_Type& front() { return values[head]; }
+  Value_Type& operator[](std::size_t i) { return values[(head + i) & (values.size() - 1)]; }
+  void pop_front() {
+    head = (head + 1) & (values.size() - 1);
+    --count;
+  }
+  void push_back(const Value_Type& value) {
+    if (count == values.size()) {
+      std::vector<Value_Type> larger(values.size() * 2);
+      for (std::size_t i = 0; i < count; ++i) larger[i] = (*this)[i];
+      values.swap(larger);
+      head = 0;
+    }
+    values[(head + count++) & (values.size() - 1)] = value;
+  }
+
+ private:
+  std::vector<Value_Type> values = std::vector<Value_Type>(64);
+  std::size_t head = 0;
+  std::size_t count = 0;
+};
+
+}  // namespace detail
 
 /// Groups time-ordered hits of a `width` x `height` frame into photons.
 class Hit_Grouping {
@@ -46,6 +77,7 @@ class Hit_Grouping {
   template <typename Sink_Type>
   void add_hit(const Timed_Item& hit, Sink_Type&& sink) {
     const Ticks t = hit.time;
+    __builtin_prefetch(&lastHitAt[pixel_index(hit.x, hit.y)]);  // read and written at the end, seldom in cache
     while (!open.empty() && open.front().first + window < t) {
       closed.push(get_photon(open.front()));
       open.pop_front();
@@ -132,10 +164,10 @@ class Hit_Grouping {
 
  private:
   struct Open_Photon {
-    Ticks first;
-    Ticks strongestTime;
-    std::uint64_t seq;
-    int xLow, xHigh, yLow, yHigh;  ///< the box around its hits
+    Ticks first = 0;
+    Ticks strongestTime = 0;
+    std::uint64_t seq = 0;
+    int xLow = 0, xHigh = 0, yLow = 0, yHigh = 0;  ///< the box around its hits
     static constexpr std::size_t kept_hits = 12;
     std::array<std::int16_t, kept_hits> hitX{};  ///< its first hits' pixels
     std::array<std::int16_t, kept_hits> hitY{};
@@ -215,7 +247,7 @@ class Hit_Grouping {
   std::uint64_t nextHit = 0;
   std::uint64_t ringMask = 1023;
   std::uint64_t firstKept = 0;  ///< hits before this index were not carried over when the ring last grew
-  std::deque<Open_Photon> open;  ///< in opening order; the first has sequence number frontSeq
+  detail::Fifo_Ring<Open_Photon> open;  ///< in opening order; the first has sequence number frontSeq
   std::uint64_t frontSeq = 0;
   std::priority_queue<Closed_Photon, std::vector<Closed_Photon>, std::greater<>> closed;
 };

@@ -99,16 +99,19 @@ class Reorder_Window {
     for (std::size_t i = 1; i < items.size() && sorted; ++i) sorted = items[i - 1].time <= items[i].time;
     if (sorted) return;
     spare.resize(items.size());
-    std::array<std::size_t, 256> offsets{};
-    for (int shift = 0; shift < bucket_bits; shift += 8) {
-      const auto digit = [&](const Timed_Item& item) {
-        return static_cast<std::size_t>(static_cast<std::uint64_t>(item.time - begin) >> shift) & 255;
-      };
-      offsets.fill(0);
-      for (const auto& item : items) ++offsets[digit(item)];
+    std::array<std::array<std::size_t, 256>, 2> offsets{};
+    for (const auto& item : items) {
+      const auto key = static_cast<std::size_t>(item.time - begin);
+      ++offsets[0][key & 255];
+      ++offsets[1][(key >> 8) & 255];
+    }
+    for (int pass = 0; pass < 2; ++pass) {
       std::size_t sum = 0;
-      for (auto& offset : offsets) sum += std::exchange(offset, sum);
-      for (const auto& item : items) spare[offsets[digit(item)]++] = item;
+      for (auto& offset : offsets[static_cast<std::size_t>(pass)]) sum += std::exchange(offset, sum);
+      auto& offset = offsets[static_cast<std::size_t>(pass)];
+      for (const auto& item : items) {
+        spare[offset[(static_cast<std::size_t>(item.time - begin) >> (8 * pass)) & 255]++] = item;
+      }
       items.swap(spare);
     }
   }
