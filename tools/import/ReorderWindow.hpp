@@ -52,7 +52,7 @@ class Reorder_Window {
     if (item.time < cut) return false;
     if (!started) {
       started = true;
-      nextRelease = item.time >> bucket_bits;
+      nextRelease = cut >> bucket_bits;  // no item that is not late can lie in an earlier bucket
     }
     if (((nextRelease + 1) << bucket_bits) - 1 <= cut) release_upTo(cut, sink);
     const Ticks bucket = item.time >> bucket_bits;

@@ -182,8 +182,10 @@ TEST(ReorderWindowTest, JumpsFarBeyondTheWindowKeepEveryHeldItemInOrder) {
   const auto sink = [&](const Timed_Item* items, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i) out.push_back(items[i].time);
   };
-  std::vector<Ticks> in;
-  Ticks latest = 0;
+  // The first items step back, before the first one's time and below zero.
+  std::vector<Ticks> in = {70000, 500, -300, -200};
+  Ticks latest = 70000;
+  for (const Ticks t : in) ASSERT_TRUE(reorder.push({t, 0, 0, 0, 0}, latest, sink));
   for (const Ticks base : {Ticks{0}, Ticks{1} << 40, (Ticks{1} << 40) + (Ticks{1} << 22)}) {
     for (Ticks i = 0; i < 200; ++i) {
       const Ticks t = base + (i * 7919 % 200) * 5000;  // shuffled within one window
