@@ -77,8 +77,11 @@ class PhotonFile_Output {
     struct stat status {};
     const auto parent = std::filesystem::path(target).parent_path();
     const std::string directory = parent.empty() ? "." : parent.string();
-    const bool exists = ::stat(target.c_str(), &status) == 0;
-    if ((exists && (!S_ISREG(status.st_mode) || ::access(target.c_str(), W_OK) != 0)) ||
+    if (::stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+      throw std::invalid_argument("cannot write \"" + target + "\": not a regular file");
+    }
+    errno = 0;
+    if ((::stat(target.c_str(), &status) == 0 && ::access(target.c_str(), W_OK) != 0) ||
         ::access(directory.c_str(), W_OK) != 0) {
       throw std::invalid_argument("cannot write \"" + target + "\": " + std::strerror(errno != 0 ? errno : EACCES));
     }

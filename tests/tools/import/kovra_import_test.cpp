@@ -93,22 +93,15 @@ TEST_F(ImportTest, CommandLine) {
       {"-o a.kovraphot", 2, "kovra_import: no raw file given\nTry 'kovra_import --help'.\n"},
       {"a.tpx3 -o a.txt", 2,
        "kovra_import: the output file must end in .kovraphot, not \"a.txt\"\nTry 'kovra_import --help'.\n"},
-      {"a.tpx3 -o a.kovraphot --layout hex", 2,
-       "kovra_import: option --layout needs single or quad, not \"hex\"\nTry 'kovra_import --help'.\n"},
       {"a.tpx3 -o a.kovraphot --radius 17", 2,
        "kovra_import: option --radius needs a whole number of pixels from 0 to 16, not \"17\"\n"
        "Try 'kovra_import --help'.\n"},
       {"a.tpx3 -o a.kovraphot --window -1e-9", 2,
        "kovra_import: option --window needs a number of seconds from 0 to 1, not \"-1e-9\"\n"
        "Try 'kovra_import --help'.\n"},
-      {"a.tpx3 -o a.kovraphot --reorder-window 11", 2,
-       "kovra_import: option --reorder-window needs a number of seconds from 0 to 10, not \"11\"\n"
-       "Try 'kovra_import --help'.\n"},
       {"a.tpx3 -o a.kovraphot --trigger tdc3-rising", 2,
        "kovra_import: option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, tdc2-falling or none, not "
        "\"tdc3-rising\"\nTry 'kovra_import --help'.\n"},
-      {"a.tpx3 -o a.kovraphot --photon-time last", 2,
-       "kovra_import: option --photon-time needs strongest or earliest, not \"last\"\nTry 'kovra_import --help'.\n"},
       {"a.tpx3 -o a.kovraphot --min-tot x", 2,
        "kovra_import: option --min-tot needs a number of nanoseconds, at least 0, not \"x\"\n"
        "Try 'kovra_import --help'.\n"},
