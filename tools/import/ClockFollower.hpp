@@ -52,7 +52,7 @@ class Clock_Follower {
     const std::uint64_t period = std::uint64_t{1} << bits;
     difference &= period - 1;
     return difference >= period / 2 ? static_cast<Ticks>(difference) - static_cast<Ticks>(period)
-                                     : static_cast<Ticks>(difference);
+                                    : static_cast<Ticks>(difference);
   }
 
   Ticks place(std::uint64_t raw, int bits) {

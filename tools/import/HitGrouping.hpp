@@ -17,9 +17,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <queue>
 #include <vector>
@@ -69,8 +69,13 @@ class Hit_Grouping {
   using Photon = kovra::tpx3spidr::PhotonEvent;
 
   Hit_Grouping(unsigned width_, unsigned height_, unsigned radius_, Ticks window_, Photon_Time photonTime_)
-      : width(width_), height(height_), radius(static_cast<int>(radius_)), window(window_),
-        photonTime(photonTime_), lastHitAt(std::size_t{width_} * height_, 0), ring(1024) {}
+      : width(width_),
+        height(height_),
+        radius(static_cast<int>(radius_)),
+        window(window_),
+        photonTime(photonTime_),
+        lastHitAt(std::size_t{width_} * height_, 0),
+        ring(1024) {}
 
   /// Takes the next hit (times never decrease from one call to the next); hands finished photons to
   /// `sink(const Photon&)`.
@@ -190,8 +195,7 @@ class Hit_Grouping {
     Photon photon;
     std::uint64_t seq;
     bool operator>(const Closed_Photon& other) const {
-      return photon.toa.value != other.photon.toa.value ? photon.toa.value > other.photon.toa.value
-                                                        : seq > other.seq;
+      return photon.toa.value != other.photon.toa.value ? photon.toa.value > other.photon.toa.value : seq > other.seq;
     }
   };
 
@@ -246,7 +250,7 @@ class Hit_Grouping {
   std::vector<Hit_Memo> ring;            ///< the latest hits, hit i at i modulo the (power-of-two) size
   std::uint64_t nextHit = 0;
   std::uint64_t ringMask = 1023;
-  std::uint64_t firstKept = 0;  ///< hits before this index were not carried over when the ring last grew
+  std::uint64_t firstKept = 0;          ///< hits before this index were not carried over when the ring last grew
   detail::Fifo_Ring<Open_Photon> open;  ///< in opening order; the first has sequence number frontSeq
   std::uint64_t frontSeq = 0;
   std::priority_queue<Closed_Photon, std::vector<Closed_Photon>, std::greater<>> closed;

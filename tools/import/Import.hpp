@@ -25,16 +25,16 @@ namespace kovra::import {
 struct Import_Summary {
   std::array<std::uint64_t, packet_kinds> packets{};  ///< by Packet_Kind
   std::uint64_t chunks = 0;
-  std::uint64_t droppedTot = 0;      ///< hits below --min-tot
-  std::uint64_t droppedLate = 0;     ///< hits older than the reorder window allows
-  std::uint64_t tdcRepeats = 0;      ///< TDC packets that repeat an edge already read (one per further chip)
-  std::uint64_t lateTriggers = 0;    ///< trigger edges older than the reorder window allows
+  std::uint64_t droppedTot = 0;    ///< hits below --min-tot
+  std::uint64_t droppedLate = 0;   ///< hits older than the reorder window allows
+  std::uint64_t tdcRepeats = 0;    ///< TDC packets that repeat an edge already read (one per further chip)
+  std::uint64_t lateTriggers = 0;  ///< trigger edges older than the reorder window allows
   std::uint64_t triggers = 0;
   std::uint64_t photons = 0;
-  std::uint64_t rollovers = 0;       ///< of the hits' 26.8 s counter, followed by the clock
-  std::optional<Ticks> firstTime;    ///< of the clock, when any time-carrying packet came
+  std::uint64_t rollovers = 0;     ///< of the hits' 26.8 s counter, followed by the clock
+  std::optional<Ticks> firstTime;  ///< of the clock, when any time-carrying packet came
   Ticks lastTime = 0;
-  std::size_t mostHeld = 0;          ///< largest number of items the reorder window held
+  std::size_t mostHeld = 0;  ///< largest number of items the reorder window held
 };
 
 namespace detail {

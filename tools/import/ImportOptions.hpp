@@ -28,7 +28,7 @@ struct Import_Options {
   Ticks window = 160;  ///< 250 ns
   double minTot_ns = 0.0;
   Photon_Time photonTime = Photon_Time::strongest;
-  int triggerEdge = 0xF;  ///< the TDC edge nibble kept as triggers; -1 for none
+  int triggerEdge = 0xF;          ///< the TDC edge nibble kept as triggers; -1 for none
   Ticks reorderWindow = 3200000;  ///< 5 ms
   int logLevel = 2;
   bool helpRequested = false;
@@ -80,8 +80,8 @@ inline double parse_seconds(const char* name, const char* text, double high) {
   const auto [ptr, error] = std::from_chars(text, end, value);
   if (error != std::errc() || ptr != end || text == end || !(value >= 0.0) || !(value <= high)) {
     throw std::invalid_argument(std::string("option --") + name + " needs a number of seconds from 0 to " +
-                                (high >= 1.0 ? std::to_string(static_cast<int>(high)) : std::string("1")) +
-                                ", not \"" + text + "\"");
+                                (high >= 1.0 ? std::to_string(static_cast<int>(high)) : std::string("1")) + ", not \"" +
+                                text + "\"");
   }
   return value;
 }
@@ -93,14 +93,19 @@ inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(s
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Import_Options parse_importOptions(int argc, char* argv[]) {
   enum : int { layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, version };
-  static const option longOptions[] = {
-      {"output", required_argument, nullptr, 'o'},         {"layout", required_argument, nullptr, layout},
-      {"hits-as-photons", no_argument, nullptr, hitsAsPhotons}, {"radius", required_argument, nullptr, radius},
-      {"window", required_argument, nullptr, window},      {"min-tot", required_argument, nullptr, minTot},
-      {"photon-time", required_argument, nullptr, photonTime}, {"trigger", required_argument, nullptr, trigger},
-      {"reorder-window", required_argument, nullptr, reorder}, {"verbose", required_argument, nullptr, verbose},
-      {"help", no_argument, nullptr, 'h'},                 {"version", no_argument, nullptr, version},
-      {nullptr, 0, nullptr, 0}};
+  static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
+                                       {"layout", required_argument, nullptr, layout},
+                                       {"hits-as-photons", no_argument, nullptr, hitsAsPhotons},
+                                       {"radius", required_argument, nullptr, radius},
+                                       {"window", required_argument, nullptr, window},
+                                       {"min-tot", required_argument, nullptr, minTot},
+                                       {"photon-time", required_argument, nullptr, photonTime},
+                                       {"trigger", required_argument, nullptr, trigger},
+                                       {"reorder-window", required_argument, nullptr, reorder},
+                                       {"verbose", required_argument, nullptr, verbose},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, version},
+                                       {nullptr, 0, nullptr, 0}};
 
   Import_Options options;
   optind = 0;
@@ -125,8 +130,8 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
         unsigned r = 0;
         const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), r);
         if (error != std::errc() || ptr != value.data() + value.size() || value.empty() || r > 16) {
-          throw std::invalid_argument("option --radius needs a whole number of pixels from 0 to 16, not \"" +
-                                      value + "\"");
+          throw std::invalid_argument("option --radius needs a whole number of pixels from 0 to 16, not \"" + value +
+                                      "\"");
         }
         options.radius_px = r;
         break;
@@ -162,8 +167,10 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
           }
         }
         if (!known) {
-          throw std::invalid_argument("option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, "
-                                      "tdc2-falling or none, not \"" + value + "\"");
+          throw std::invalid_argument(
+              "option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, "
+              "tdc2-falling or none, not \"" +
+              value + "\"");
         }
         break;
       }

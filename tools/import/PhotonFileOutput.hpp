@@ -40,9 +40,7 @@ class PhotonFile_Output {
     writer.begin_block(kovra::detail::make_identifier("photons"));
   }
 
-  void add_photons(const Photon* photons, std::size_t count) {
-    writer.append(std::span<const Photon>(photons, count));
-  }
+  void add_photons(const Photon* photons, std::size_t count) { writer.append(std::span<const Photon>(photons, count)); }
 
   void add_trigger(long time) {
     if (withTriggers && std::fwrite(&time, sizeof time, 1, triggers.get()) != 1) {

@@ -50,8 +50,7 @@ inline constexpr Packet_Kind get_packetKind(std::uint64_t p) {
 }
 
 inline constexpr const char* get_packetKindName(Packet_Kind kind) {
-  constexpr const char* names[packet_kinds] = {"hit", "counting-mode hit", "TDC", "global time", "heartbeat",
-                                               "other"};
+  constexpr const char* names[packet_kinds] = {"hit", "counting-mode hit", "TDC", "global time", "heartbeat", "other"};
   return names[static_cast<int>(kind)];
 }
 
@@ -98,7 +97,7 @@ inline constexpr std::uint64_t get_heartbeatTicks(std::uint64_t p) { return (p &
 /// A hit packet at chip pixel (column, row) with ToT (raw 25 ns units) at `ticks` (taken modulo 2^34).
 inline constexpr std::uint64_t make_hitPacket(unsigned column, unsigned row, unsigned tot, std::uint64_t ticks) {
   ticks &= (std::uint64_t{1} << hit_clock_bits) - 1;
-  const std::uint64_t coarse = (ticks + 15) >> 4;  // 30 bits of stamp and ToA, rounded up ...
+  const std::uint64_t coarse = (ticks + 15) >> 4;    // 30 bits of stamp and ToA, rounded up ...
   const std::uint64_t fine = (coarse << 4) - ticks;  // ... and the fine ToA counted back from there
   const std::uint64_t pixel = ((column & 1u) << 2) | (row & 3u);
   return (std::uint64_t{0xB} << 60) | (std::uint64_t{column >> 1} << 53) | (std::uint64_t{row >> 2} << 47) |

@@ -84,7 +84,8 @@ inline bool parse_number(const std::string& text, double& value) {
 
 /// Reads the command line. getopt_long keeps global state: callers that parse more than once set optind = 0.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
-  enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth, raw };
+  enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth };
+  enum : int { raw = truth + 1 };
   static const option longOptions[] = {
       {"output", required_argument, nullptr, 'o'},        {"duration", required_argument, nullptr, 'd'},
       {"event-rate", required_argument, nullptr, 'r'},    {"photons", required_argument, nullptr, 'n'},

@@ -51,7 +51,8 @@ inline std::vector<Reference_Photon> group_byRule(std::vector<Reference_Hit> hit
     for (const auto& h : p) best = h.tot > best->tot ? &h : best;
     // The sums are small integers, exact in a double; halves round up.
     result.push_back({static_cast<int>(std::floor(wx * 65536 / weight + 0.5)),
-                      static_cast<int>(std::floor(wy * 65536 / weight + 0.5)), strongest ? best->time : p.front().time});
+                      static_cast<int>(std::floor(wy * 65536 / weight + 0.5)),
+                      strongest ? best->time : p.front().time});
   }
   std::stable_sort(result.begin(), result.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
   return result;

@@ -1,5 +1,7 @@
 // The hit grouping against hand-worked cases and against the rule written the plain way.
 
+#include "import/HitGrouping.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -7,7 +9,6 @@
 #include <vector>
 
 #include "GroupingReference.hpp"
-#include "import/HitGrouping.hpp"
 
 using namespace kovra::import;
 
@@ -36,16 +37,16 @@ TEST(HitGroupingTest, HandWorkedCases) {
   };
   const Case cases[] = {
       {"one hit is one photon at its pixel", {{10, 3, 4, 7}}, {{3 * px, 4 * px, 10}}},
-      {"ToT-weighted mean, time of the strongest hit",
-       {{10, 3, 4, 1}, {12, 4, 4, 3}},
-       {{3 * px + 49152, 4 * px, 12}}},
+      {"ToT-weighted mean, time of the strongest hit", {{10, 3, 4, 1}, {12, 4, 4, 3}}, {{3 * px + 49152, 4 * px, 12}}},
       {"the earliest of equal ToTs", {{10, 3, 4, 5}, {12, 4, 4, 5}}, {{3 * px + 32768, 4 * px, 10}}},
       {"a mean of a third rounds to the nearest unit", {{0, 0, 0, 2}, {1, 1, 0, 1}}, {{21845, 0, 0}}},
       {"a half rounds up", {{0, 0, 0, 1}, {1, 1, 0, 0}, {2, 0, 0, 0}, {3, 1, 1, 1}}, {{32768, 32768, 0}}},
       {"all ToTs zero: the plain mean", {{0, 0, 0, 0}, {1, 1, 1, 0}}, {{32768, 32768, 0}}},
       {"two pixels away is another photon", {{0, 0, 0, 1}, {1, 2, 0, 1}}, {{0, 0, 0}, {2 * px, 0, 1}}},
       {"exactly the window after the first hit still joins", {{0, 5, 5, 1}, {100, 6, 6, 1}}, {{360448, 360448, 0}}},
-      {"one tick later opens a new photon", {{0, 5, 5, 1}, {101, 6, 6, 1}}, {{5 * px, 5 * px, 0}, {6 * px, 6 * px, 101}}},
+      {"one tick later opens a new photon",
+       {{0, 5, 5, 1}, {101, 6, 6, 1}},
+       {{5 * px, 5 * px, 0}, {6 * px, 6 * px, 101}}},
       {"a chain of neighbours grows one photon",
        {{0, 0, 0, 1}, {1, 1, 0, 1}, {2, 2, 0, 1}, {3, 3, 0, 1}},
        {{98304, 0, 0}}},
@@ -84,8 +85,8 @@ TEST(HitGroupingTest, AgreesWithThePlainRuleOnCrowdedRandomHits) {
     }
     for (const bool strongest : {true, false}) {
       const auto expected = group_byRule(hits, static_cast<int>(s.radius), s.window, strongest);
-      const auto got = group(hits, s.radius, s.window, strongest ? Photon_Time::strongest : Photon_Time::earliest,
-                             s.size);
+      const auto got =
+          group(hits, s.radius, s.window, strongest ? Photon_Time::strongest : Photon_Time::earliest, s.size);
       ASSERT_EQ(got.size(), expected.size());
       EXPECT_EQ(got, expected);
     }

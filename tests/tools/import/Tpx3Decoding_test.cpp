@@ -61,10 +61,14 @@ TEST(Tpx3PacketsTest, TdcFieldsAndFineRounding) {
     return (top << 56) | (std::uint64_t{0xABC} << 44) | (coarse << 9) | (std::uint64_t{fine} << 5);
   };
   const Case cases[] = {
-      {tdc(0x6F, 1), 0xF, 0xABC, coarse, 2 * coarse},      {tdc(0x6A, 3), 0xA, 0xABC, coarse, 2 * coarse},
-      {tdc(0x6E, 4), 0xE, 0xABC, coarse, 2 * coarse + 1},  {tdc(0x6B, 9), 0xB, 0xABC, coarse, 2 * coarse + 1},
-      {tdc(0x6F, 10), 0xF, 0xABC, coarse, 2 * coarse + 2}, {tdc(0x6F, 12), 0xF, 0xABC, coarse, 2 * coarse + 2},
-      {tdc(0x6F, 0), 0xF, 0xABC, coarse, 2 * coarse},      {tdc(0x6F, 15), 0xF, 0xABC, coarse, 2 * coarse + 2},
+      {tdc(0x6F, 1), 0xF, 0xABC, coarse, 2 * coarse},
+      {tdc(0x6A, 3), 0xA, 0xABC, coarse, 2 * coarse},
+      {tdc(0x6E, 4), 0xE, 0xABC, coarse, 2 * coarse + 1},
+      {tdc(0x6B, 9), 0xB, 0xABC, coarse, 2 * coarse + 1},
+      {tdc(0x6F, 10), 0xF, 0xABC, coarse, 2 * coarse + 2},
+      {tdc(0x6F, 12), 0xF, 0xABC, coarse, 2 * coarse + 2},
+      {tdc(0x6F, 0), 0xF, 0xABC, coarse, 2 * coarse},
+      {tdc(0x6F, 15), 0xF, 0xABC, coarse, 2 * coarse + 2},
       // The largest coarse time with the largest fine part wraps at 2^36 ticks.
       {(std::uint64_t{0x6F} << 56) | (((std::uint64_t{1} << 35) - 1) << 9) | (std::uint64_t{12} << 5), 0xF, 0,
        (std::uint64_t{1} << 35) - 1, 0},
@@ -119,7 +123,7 @@ constexpr Ticks tdcPeriod = Ticks{1} << 36;
 TEST(ClockFollowerTest, StartsAtTheFirstRawValueAndFollowsRollOvers) {
   Clock_Follower clock;
   EXPECT_EQ(clock.place_hitClock(hitPeriod - 100), hitPeriod - 100);
-  EXPECT_EQ(clock.place_hitClock(50), hitPeriod + 50);            // rolled over
+  EXPECT_EQ(clock.place_hitClock(50), hitPeriod + 50);                // rolled over
   EXPECT_EQ(clock.place_hitClock(hitPeriod - 120), hitPeriod - 120);  // a little late, before the roll-over
   EXPECT_EQ(clock.get_latest(), hitPeriod + 50);
   EXPECT_EQ(clock.get_hitRollovers(), 1u);

@@ -49,7 +49,9 @@ struct Photon {
   long t;
   bool operator==(const Photon&) const = default;
 };
-std::ostream& operator<<(std::ostream& os, const Photon& p) { return os << '(' << p.x << ", " << p.y << ", " << p.t << ')'; }
+std::ostream& operator<<(std::ostream& os, const Photon& p) {
+  return os << '(' << p.x << ", " << p.y << ", " << p.t << ')';
+}
 
 /// A photon file's content, read with the library's reader.
 struct PhotonFile {
@@ -67,7 +69,9 @@ PhotonFile load(const std::string& name) {
   return file;
 }
 
-std::uint64_t hit(unsigned c, unsigned r, unsigned tot, std::uint64_t ticks) { return make_hitPacket(c, r, tot, ticks); }
+std::uint64_t hit(unsigned c, unsigned r, unsigned tot, std::uint64_t ticks) {
+  return make_hitPacket(c, r, tot, ticks);
+}
 constexpr std::uint64_t heartbeat(std::uint64_t ticks) { return make_heartbeatPacket(ticks); }
 
 class ImportTest : public ::testing::Test {
@@ -87,7 +91,8 @@ class ImportTest : public ::testing::Test {
 
 TEST_F(ImportTest, CommandLine) {
   write_bytes(dir.file("a.tpx3"), RawBytes().chunk(0, {heartbeat(0)}).data);
-  const std::tuple<std::string, int, std::string> cases[] = {  // arguments, exit status, standard error
+  const std::tuple<std::string, int, std::string> cases[] = {
+      // arguments, exit status, standard error
       {"a.tpx3 -o a.kovraphot --bogus", 2, "kovra_import: unknown option --bogus\nTry 'kovra_import --help'.\n"},
       {"a.tpx3", 2, "kovra_import: no output file given (-o OUT.kovraphot)\nTry 'kovra_import --help'.\n"},
       {"-o a.kovraphot", 2, "kovra_import: no raw file given\nTry 'kovra_import --help'.\n"},
@@ -162,8 +167,9 @@ TEST_F(ImportTest, EveryPacketTypeInAQuadFile) {
 
   // One chip's frame cannot hold four.
   EXPECT_EQ(run("q.tpx3 -o single.kovraphot"), 1);
-  EXPECT_EQ(err, "kovra_import: q.tpx3: chunk at byte offset 64 is of chip 1 after chunks of chip 0: the file holds "
-                 "several chips, which --layout single cannot place (try --layout quad)\n");
+  EXPECT_EQ(err,
+            "kovra_import: q.tpx3: chunk at byte offset 64 is of chip 1 after chunks of chip 0: the file holds "
+            "several chips, which --layout single cannot place (try --layout quad)\n");
   EXPECT_FALSE(std::filesystem::exists(dir.file("single.kovraphot")));
 }
 
@@ -245,8 +251,9 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffset) {
   write_bytes(dir.file("out.kovraphot"), "earlier");
   write_bytes(name, std::get<0>(cases[2]));
   EXPECT_EQ(run("bad.tpx3 -o out.kovraphot"), 1);
-  EXPECT_EQ(err, "kovra_import: bad.tpx3: chunk at byte offset 24 has a size of 16 bytes but only 8 are left in the "
-                 "file\n");
+  EXPECT_EQ(err,
+            "kovra_import: bad.tpx3: chunk at byte offset 24 has a size of 16 bytes but only 8 are left in the "
+            "file\n");
   EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
   EXPECT_EQ(run("missing.tpx3 -o out.kovraphot"), 1);
   EXPECT_EQ(err, "kovra_import: missing.tpx3: cannot open: No such file or directory\n");
@@ -311,8 +318,8 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
       std::stable_sort(hits.begin(), hits.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
       for (const auto& h : hits) expected.push_back({h.x * px, h.y * px, h.time});
     } else {
-      for (const auto& p : group_byRule(hits, c.radius, c.window, std::string(c.options).find("earliest") ==
-                                                                       std::string::npos)) {
+      for (const auto& p :
+           group_byRule(hits, c.radius, c.window, std::string(c.options).find("earliest") == std::string::npos)) {
         expected.push_back({p.x, p.y, p.time});
       }
     }
@@ -325,7 +332,8 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
     EXPECT_THAT(out, HasSubstr("0 dropped as late"));
   }
   // And on to events.
-  const std::string command = "cd '" + dir.path().string() + "' && '" KOVRA_BRANTEL_PATH
+  const std::string command = "cd '" + dir.path().string() +
+                              "' && '" KOVRA_BRANTEL_PATH
                               "' -s 2 -t 1e-7 -i sim.kovraphot -o sim.kovraevent --verbose -1";
   EXPECT_EQ(std::system(command.c_str()), 0);
   EXPECT_TRUE(std::filesystem::exists(dir.file("sim.kovraevent")));
