@@ -149,8 +149,9 @@ TEST(ClockFollowerTest, SparseHitsFollowedThroughHeartbeatsAndTdcs) {
   EXPECT_EQ(triggers.place_tdc(7), 7);
   EXPECT_EQ(triggers.place_tdc(static_cast<std::uint64_t>((7 + 50 * second) % tdcPeriod)), 7 + 50 * second);
   EXPECT_EQ(triggers.place_tdc(static_cast<std::uint64_t>((7 + 100 * second) % tdcPeriod)), 7 + 100 * second);
-  EXPECT_EQ(triggers.place_hitClock(static_cast<std::uint64_t>((9 + 100 * second) % hitPeriod)), 9 + 100 * second);
-  EXPECT_EQ(triggers.get_hitRollovers(), 3u);
+  EXPECT_EQ(triggers.place_tdc(static_cast<std::uint64_t>((7 + 150 * second) % tdcPeriod)), 7 + 150 * second);
+  EXPECT_EQ(triggers.place_hitClock(static_cast<std::uint64_t>((9 + 150 * second) % hitPeriod)), 9 + 150 * second);
+  EXPECT_EQ(triggers.get_hitRollovers(), 5u);  // and the TDC's own counter rolled over at 107 s
 }
 
 TEST(ReorderWindowTest, ShuffledItemsComeOutInTimeOrderEqualTimesInArrivalOrder) {
