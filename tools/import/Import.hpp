@@ -7,9 +7,11 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "import/ClockFollower.hpp"
@@ -49,20 +51,25 @@ struct Chip_Placement {
 inline constexpr std::array<Chip_Placement, 4> quad_placements = {
     {{256, 1, 0, 1}, {511, -1, 511, -1}, {255, -1, 511, -1}, {0, 1, 0, 1}}};
 
-/// Recognises a TDC packet the readout repeats once per chip: the same 64-bit word as one of the latest edges.
+/// Recognises a TDC packet the readout repeats once per chip: the same 64-bit word as one of the latest 4096
+/// distinct edges (a word holds the edge's 35-bit time and 12-bit counter, so two edges never share one).
 class Tdc_Repeats {
  public:
+  static constexpr std::size_t kept = 4096;
+
   bool is_repeat(std::uint64_t word) {
-    for (const auto w : recent) {
-      if (w == word) return true;
+    if (!seen.insert(word).second) return true;
+    order.push_back(word);
+    if (order.size() > kept) {
+      seen.erase(order.front());
+      order.pop_front();
     }
-    recent[next++ % recent.size()] = word;
     return false;
   }
 
  private:
-  std::array<std::uint64_t, 32> recent{};  // 0 is never a TDC packet
-  std::size_t next = 0;
+  std::unordered_set<std::uint64_t> seen;
+  std::deque<std::uint64_t> order;  ///< the words in `seen`, oldest first
 };
 
 }  // namespace detail

@@ -301,7 +301,7 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
     settings.eventRate_Hz = 2e4;
     settings.width_px = settings.height_px = c.width;
     settings.triggerMode = kovra::simulate::Trigger_Mode::periodic;
-    settings.triggerFrequency_Hz = 150000;  // 4500 edges: the 12-bit trigger counter rolls over
+    settings.triggerFrequency_Hz = 3e5;  // 9000 edges, 60 per chunk: more than the trigger counter holds
     const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
     std::vector<Reference_Hit> hits;
     std::FILE* file = std::fopen(dir.file("sim.tpx3").c_str(), "wb");
