@@ -2,9 +2,14 @@
 # First run: installs what is missing, builds, simulates a small sample photon file, reconstructs its events and
 # shows what came out.
 #
+# With --raw it starts from the camera's raw data instead: the simulator also writes the Timepix3 packets, and
+# kovra_import turns them into the photon file that is reconstructed.
+#
 # KOVRA_BUILD_DIR  use the programs of an existing build instead of building into build/
 # KOVRA_DEMO_DIR   where the sample files go (default: sample/)
 set -euo pipefail
+raw=0
+if [ "${1:-}" = "--raw" ]; then raw=1; fi
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 if [ -n "${KOVRA_BUILD_DIR:-}" ]; then
   bin="$KOVRA_BUILD_DIR"
@@ -16,7 +21,16 @@ sample="${KOVRA_DEMO_DIR:-$root/sample}"
 mkdir -p "$sample"
 
 echo "== Simulating 10 ms of a scintillator (about 1000 flashes of 20 photons) with external triggers at 10 kHz"
-"$bin/kovra_simulate" --output "$sample/sample.kovraphot" --duration 1e-2 --triggers 1e4 --seed 1 --truth
+if [ "$raw" -eq 1 ]; then
+  "$bin/kovra_simulate" --output "$sample/simulated.kovraphot" --duration 1e-2 --triggers 1e4 --seed 1 --truth \
+    --raw "$sample/sample.tpx3"
+  mv "$sample/simulated.truth.csv" "$sample/sample.truth.csv"
+  echo
+  echo "== Importing the raw data: hits grouped into photons, TDC 1 rising edges as triggers"
+  "$bin/kovra_import" "$sample/sample.tpx3" -o "$sample/sample.kovraphot"
+else
+  "$bin/kovra_simulate" --output "$sample/sample.kovraphot" --duration 1e-2 --triggers 1e4 --seed 1 --truth
+fi
 
 echo
 echo "== Reconstructing events: photons within 5 pixels and 0.5 microseconds, events at most 2 microseconds long"

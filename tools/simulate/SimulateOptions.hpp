@@ -20,6 +20,7 @@ struct Simulate_Options {
   Simulation_Settings settings;
   std::string outputPath;
   bool writeTruth = false;
+  std::string rawPath;  ///< also the raw form (Timepix3 packets) to this file, when given
   bool helpRequested = false;
   std::string error;  ///< empty when the command line is usable
 };
@@ -56,6 +57,9 @@ inline std::string get_simulateHelp() {
                 "      --truth             also write the true flashes beside the photon file, run.kovraphot\n"
                 "                          giving run.truth.csv (columns t_s, x_px, y_px, nPhotons, class), and\n"
                 "                          the flash of each photon in run.truth.kovraflash (for kovra_evaluate)\n"
+                "      --raw FILE          also write what a Timepix3 readout would record (hits with ToT and time\n"
+                "                          walk, chunks per chip, triggers as TDC edges), for kovra_import;\n"
+                "                          a frame up to 256 x 256 is one chip, up to 512 x 512 a quad\n"
                 "  -h, --help              print this help and exit\n"
                 "\n"
                 "Exit status: 0 on success, 2 for a bad command line, 1 when the file cannot be written.\n",
@@ -82,6 +86,7 @@ inline bool parse_number(const std::string& text, double& value) {
 /// Reads the command line. getopt_long keeps global state: callers that parse more than once set optind = 0.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
   enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth };
+  enum : int { raw = truth + 1 };
   static const option longOptions[] = {
       {"output", required_argument, nullptr, 'o'},        {"duration", required_argument, nullptr, 'd'},
       {"event-rate", required_argument, nullptr, 'r'},    {"photons", required_argument, nullptr, 'n'},
@@ -91,6 +96,7 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       {"class", required_argument, nullptr, particleClass}, {"dark-rate", required_argument, nullptr, darkRate},
       {"triggers", required_argument, nullptr, triggers}, {"seed", required_argument, nullptr, seed},
       {"truth", no_argument, nullptr, truth},             {"help", no_argument, nullptr, 'h'},
+      {"raw", required_argument, nullptr, raw},
       {nullptr, 0, nullptr, 0}};
 
   Simulate_Options options;
@@ -209,6 +215,9 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       case truth:
         options.writeTruth = true;
         break;
+      case raw:
+        options.rawPath = optarg;
+        break;
       case 'h':
         options.helpRequested = true;
         return options;
@@ -225,6 +234,8 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
   if (options.outputPath.size() <= suffix.size() ||
       options.outputPath.compare(options.outputPath.size() - suffix.size(), suffix.size(), suffix) != 0)
     return fail("the output file must end in .kovraphot, got '" + options.outputPath + "'");
+  if (!options.rawPath.empty() && (s.width_px > 512 || s.height_px > 512))
+    return fail("--raw: a raw file holds at most 512 x 512 pixels");
   if (s.triggerMode == Trigger_Mode::periodic && s.triggerFrequency_Hz * s.duration_s > 1.0e8)
     return fail("--triggers: more than 1e8 triggers in the acquisition");
   if (s.get_expectedPhotons() > max_expectedPhotons) {

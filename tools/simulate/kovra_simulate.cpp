@@ -11,6 +11,7 @@
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
+#include "simulate/RawExport.hpp"
 #include "simulate/SimulateOptions.hpp"
 
 int main(int argc, char* argv[]) {
@@ -79,5 +80,19 @@ int main(int argc, char* argv[]) {
   std::cout << ") to " << options.outputPath << "\n";
   if (options.writeTruth) std::cout << "kovra_simulate: true flashes in " << truthPath << "\n";
   if (flashes) std::cout << "kovra_simulate: the flash of each photon in " << flashes->get_path() << "\n";
+  if (!options.rawPath.empty()) {
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> raw(std::fopen(options.rawPath.c_str(), "wb"), &std::fclose);
+    std::uint64_t nHits = 0;
+    try {
+      if (!raw) throw std::invalid_argument("cannot write");
+      write_raw(result.photons, options.settings.width_px, options.settings.height_px, options.settings.seed,
+                raw.get(), [&](const Raw_Hit&) { ++nHits; });
+      if (std::fclose(raw.release()) != 0) throw std::invalid_argument("cannot write");
+    } catch (const std::invalid_argument& e) {
+      std::cerr << "kovra_simulate: '" << options.rawPath << "': " << e.what() << "\n";
+      return 1;
+    }
+    std::cout << "kovra_simulate: wrote the raw form, " << nHits << " hits, to " << options.rawPath << "\n";
+  }
   return 0;
 }

@@ -1,0 +1,92 @@
+#!/usr/bin/env bash
+# Benchmark of kovra_import on a large simulated raw file, run by hand (never as a test).
+#
+# Simulates an intensified camera (single photons, 4 million per second, each a blob of a few pixel hits) and
+# writes its raw form, then measures, each the fastest of N runs, with /usr/bin/time:
+#   floor            kovra_import_floor: read in 4 MiB blocks, decode every hit, write 16 bytes per hit
+#   decode only      kovra_import_floor with the output discarded: reading and decoding alone
+#   hits-as-photons  kovra_import --hits-as-photons (clock, reorder window, one photon per hit)
+#   grouping         kovra_import with the default grouping
+# and prints a Markdown table: wall time, packets per second, peak resident memory, time over the floor's.
+#
+#   bench/run_import_benchmark.sh [--seconds S] [--repeat N] [--build-dir DIR] [--data-dir DIR] [--keep]
+#
+#   --seconds S   length of the simulated acquisition (default 16: about 3 GB of raw data, 390 million hits)
+#   --repeat N    runs per measurement, the fastest counts (default 3; memory is the largest seen)
+#   --build-dir   where the programs are built (default build/)
+#   --data-dir    where the raw and output files go (default $TMPDIR/kovra_import_bench; needs about 4 x the
+#                 raw file's size)
+#   --keep        keep the raw file for the next run (the outputs are always removed)
+set -euo pipefail
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+build="$root/build"
+data="${TMPDIR:-/tmp}/kovra_import_bench"
+seconds=16
+repeat=3
+keep=0
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --seconds) seconds="$2"; shift ;;
+    --repeat) repeat="$2"; shift ;;
+    --build-dir) build="$2"; shift ;;
+    --data-dir) data="$2"; shift ;;
+    --keep) keep=1 ;;
+    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "run_import_benchmark: unknown argument '$1' (see --help)" >&2; exit 2 ;;
+  esac
+  shift
+done
+for program in kovra_import kovra_import_floor kovra_simulate; do
+  if [ ! -x "$build/$program" ]; then echo "run_import_benchmark: $build/$program is missing" >&2; exit 1; fi
+done
+mkdir -p "$data"
+raw="$data/camera_${seconds}s.tpx3"
+if [ ! -f "$raw" ]; then
+  "$build/kovra_simulate" -o "$data/camera.kovraphot" --duration "$seconds" --event-rate 4e6 --photons 1 \
+    --dark-rate 0 --triggers 60 --seed 21 --raw "$raw" >/dev/null
+  rm -f "$data/camera.kovraphot"
+fi
+raw_bytes=$(stat -c %s "$raw")
+packets=$(( raw_bytes / 8 ))  # packets and chunk headers: within 0.1 per cent of the packet count
+
+# Runs a command `repeat` times; sets best_s (fastest wall time) and peak_kb (largest resident set).
+measure() {
+  best_s=""
+  peak_kb=0
+  local i log wall kb
+  for ((i = 0; i < repeat; i++)); do
+    log="$data/time.log"
+    sync  # start each run with no dirty pages of an earlier one still being written back
+    /usr/bin/time -v -o "$log" "$@" >"$data/run.out"
+    wall=$(awk -F': ' '/Elapsed \(wall clock\)/ { n = split($2, p, ":"); s = 0; for (j = 1; j <= n; j++) s = s * 60 + p[j]; print s }' "$log")
+    kb=$(awk -F': ' '/Maximum resident set size/ { print $2 }' "$log")
+    if [ -z "$best_s" ] || awk -v a="$wall" -v b="$best_s" 'BEGIN { exit !(a < b) }'; then best_s=$wall; fi
+    if [ "$kb" -gt "$peak_kb" ]; then peak_kb=$kb; fi
+  done
+}
+
+echo "raw file: $raw, $raw_bytes bytes; load average at the start: $(cut -d' ' -f1-3 /proc/loadavg)"
+echo
+echo "| Run | Wall (s) | Packets/s (M) | Peak RSS (MiB) | Wall / floor |"
+echo "|---|---:|---:|---:|---:|"
+measure "$build/kovra_import_floor" "$raw" "$data/floor.bin"
+floor_s=$best_s
+rm -f "$data/floor.bin"
+row() {
+  awk -v name="$1" -v s="$best_s" -v kb="$peak_kb" -v n="$packets" -v f="$floor_s" \
+    'BEGIN { printf "| %s | %.2f | %.0f | %.1f | %.2f |\n", name, s, n / s / 1e6, kb / 1024, s / f }'
+}
+row "floor (read, decode, write 16 B per hit)"
+measure "$build/kovra_import_floor" "$raw" -
+row "read and decode only, output discarded"
+measure "$build/kovra_import" "$raw" -o "$data/hits.kovraphot" --hits-as-photons
+row "kovra_import --hits-as-photons"
+rm -f "$data/hits.kovraphot"
+measure "$build/kovra_import" "$raw" -o "$data/photons.kovraphot"
+row "kovra_import (grouping, defaults)"
+echo
+echo "Summary of the last grouping run:"
+sed 's/^/    /' "$data/run.out"
+rm -f "$data/photons.kovraphot" "$data/run.out" "$data/time.log"
+if [ "$keep" -eq 0 ]; then rm -f "$raw"; fi

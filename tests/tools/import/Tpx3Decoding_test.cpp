@@ -1,0 +1,228 @@
+// The packet fields, the clock through roll-overs, and the reorder window's rule.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "import/ClockFollower.hpp"
+#include "import/ReorderWindow.hpp"
+#include "import/Tpx3Packets.hpp"
+
+using namespace kovra::import;
+
+namespace {
+
+TEST(Tpx3PacketsTest, HitFieldsFromHandBuiltWords) {
+  struct Case {
+    std::uint64_t word;
+    unsigned column, row, toa, tot, fine, stamp;
+    std::uint64_t ticks;
+  };
+  // Fields set bit by bit: dcol 53-59, spix 47-52, pix 44-46, ToA 30-43, ToT 20-29, fine 16-19, stamp 0-15.
+  const Case cases[] = {
+      {0xB000000000000000, 0, 0, 0, 0, 0, 0, 0},
+      {0xB000000000000000 | (std::uint64_t{127} << 53) | (std::uint64_t{63} << 47) | (std::uint64_t{7} << 44), 255, 255,
+       0, 0, 0, 0, 0},
+      {0xB000000000000000 | (std::uint64_t{5} << 53) | (std::uint64_t{9} << 47) | (std::uint64_t{6} << 44), 11, 38, 0,
+       0, 0, 0, 0},
+      {0xB000000000000000 | (std::uint64_t{0x3FFF} << 30) | (std::uint64_t{0x3FF} << 20), 0, 0, 0x3FFF, 0x3FF, 0, 0,
+       std::uint64_t{0x3FFF} << 4},
+      {0xB000000000000000 | (std::uint64_t{1} << 30) | (std::uint64_t{3} << 16) | 2, 0, 0, 1, 0, 3, 2,
+       ((std::uint64_t{2} << 14 | 1) << 4) - 3},
+      // Stamp and ToA all zero with a fine part: the time wraps to just below 2^34.
+      {0xB000000000000000 | (std::uint64_t{15} << 16), 0, 0, 0, 0, 15, 0, (std::uint64_t{1} << 34) - 15},
+      {0xB000000000000000 | 0xFFFF | (std::uint64_t{0x3FFF} << 30), 0, 0, 0x3FFF, 0, 0, 0xFFFF,
+       (std::uint64_t{1} << 34) - 16},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << std::hex << c.word);
+    EXPECT_EQ(get_packetKind(c.word), Packet_Kind::hit);
+    EXPECT_EQ(get_hitColumn(c.word), c.column);
+    EXPECT_EQ(get_hitRow(c.word), c.row);
+    EXPECT_EQ(get_hitToa(c.word), c.toa);
+    EXPECT_EQ(get_hitTot(c.word), c.tot);
+    EXPECT_EQ(get_hitFineToa(c.word), c.fine);
+    EXPECT_EQ(get_hitStamp(c.word), c.stamp);
+    EXPECT_EQ(get_hitTicks(c.word), c.ticks);
+  }
+}
+
+TEST(Tpx3PacketsTest, TdcFieldsAndFineRounding) {
+  struct Case {
+    std::uint64_t word;
+    unsigned edge, counter;
+    std::uint64_t coarse;
+    std::uint64_t ticks;
+  };
+  const std::uint64_t coarse = std::uint64_t{0x123456789};
+  const auto tdc = [&](std::uint64_t top, unsigned fine) {
+    return (top << 56) | (std::uint64_t{0xABC} << 44) | (coarse << 9) | (std::uint64_t{fine} << 5);
+  };
+  const Case cases[] = {
+      {tdc(0x6F, 1), 0xF, 0xABC, coarse, 2 * coarse},
+      {tdc(0x6A, 3), 0xA, 0xABC, coarse, 2 * coarse},
+      {tdc(0x6E, 4), 0xE, 0xABC, coarse, 2 * coarse + 1},
+      {tdc(0x6B, 9), 0xB, 0xABC, coarse, 2 * coarse + 1},
+      {tdc(0x6F, 10), 0xF, 0xABC, coarse, 2 * coarse + 2},
+      {tdc(0x6F, 12), 0xF, 0xABC, coarse, 2 * coarse + 2},
+      {tdc(0x6F, 0), 0xF, 0xABC, coarse, 2 * coarse},
+      {tdc(0x6F, 15), 0xF, 0xABC, coarse, 2 * coarse + 2},
+      // The largest coarse time with the largest fine part wraps at 2^36 ticks.
+      {(std::uint64_t{0x6F} << 56) | (((std::uint64_t{1} << 35) - 1) << 9) | (std::uint64_t{12} << 5), 0xF, 0,
+       (std::uint64_t{1} << 35) - 1, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << std::hex << c.word);
+    EXPECT_EQ(get_packetKind(c.word), Packet_Kind::tdc);
+    EXPECT_EQ(get_tdcEdge(c.word), c.edge);
+    EXPECT_EQ(get_tdcCounter(c.word), c.counter);
+    EXPECT_EQ(get_tdcCoarse(c.word), c.coarse);
+    EXPECT_EQ(get_tdcTicks(c.word), c.ticks);
+  }
+}
+
+TEST(Tpx3PacketsTest, PacketKindsAndChunkHeaders) {
+  const std::pair<std::uint64_t, Packet_Kind> kinds[] = {
+      {0xB0ull << 56, Packet_Kind::hit},        {0xA0ull << 56, Packet_Kind::countingHit},
+      {0x6Full << 56, Packet_Kind::tdc},        {0x6Cull << 56, Packet_Kind::other},
+      {0x44ull << 56, Packet_Kind::globalTime}, {0x45ull << 56, Packet_Kind::globalTime},
+      {0x71ull << 56, Packet_Kind::heartbeat},  {0x72ull << 56, Packet_Kind::heartbeat},
+      {0x73ull << 56, Packet_Kind::other},      {0x50ull << 56, Packet_Kind::other},
+      {0x00ull << 56, Packet_Kind::other},      {0xFFull << 56, Packet_Kind::other}};
+  for (const auto& [word, kind] : kinds) EXPECT_EQ(get_packetKind(word), kind) << std::hex << word;
+
+  const std::uint64_t header = 0x1FF8'00'02'33585054;  // "TPX3", chip 2, 8184 bytes
+  EXPECT_TRUE(is_chunkHeader(header));
+  EXPECT_EQ(get_chunkChip(header), 2u);
+  EXPECT_EQ(get_chunkBytes(header), 0x1FF8u);
+  EXPECT_FALSE(is_chunkHeader(header ^ 1));
+  EXPECT_EQ(make_chunkHeader(2, 0x1FF8), header);
+  EXPECT_EQ(get_heartbeatTicks(0x7100000000001234), std::uint64_t{0x1234} << 18);
+}
+
+TEST(Tpx3PacketsTest, BuildersAreTheReadersInverse) {
+  for (std::uint64_t ticks : {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{15}, std::uint64_t{16},
+                              std::uint64_t{123456789}, (std::uint64_t{1} << 34) - 1}) {
+    for (unsigned column : {0u, 1u, 200u, 255u}) {
+      const std::uint64_t p = make_hitPacket(column, 255 - column, 517, ticks);
+      EXPECT_EQ(get_hitTicks(p), ticks);
+      EXPECT_EQ(get_hitColumn(p), column);
+      EXPECT_EQ(get_hitRow(p), 255 - column);
+      EXPECT_EQ(get_hitTot(p), 517u);
+    }
+    EXPECT_EQ(get_tdcTicks(make_tdcPacket(0xE, 77, ticks)), ticks);
+  }
+  EXPECT_EQ(get_tdcTicks(make_tdcPacket(0xF, 0, (std::uint64_t{1} << 36) - 1)), (std::uint64_t{1} << 36) - 1);
+}
+
+constexpr Ticks hitPeriod = Ticks{1} << 34;
+constexpr Ticks tdcPeriod = Ticks{1} << 36;
+
+TEST(ClockFollowerTest, StartsAtTheFirstRawValueAndFollowsRollOvers) {
+  Clock_Follower clock;
+  EXPECT_EQ(clock.place_hitClock(hitPeriod - 100), hitPeriod - 100);
+  EXPECT_EQ(clock.place_hitClock(50), hitPeriod + 50);                // rolled over
+  EXPECT_EQ(clock.place_hitClock(hitPeriod - 120), hitPeriod - 120);  // a little late, before the roll-over
+  EXPECT_EQ(clock.get_latest(), hitPeriod + 50);
+  EXPECT_EQ(clock.get_hitRollovers(), 1u);
+  EXPECT_EQ(clock.get_start(), hitPeriod - 100);
+  // A TDC agrees with hits only modulo 2^34: its own upper bits say nothing.
+  EXPECT_EQ(clock.place_tdc(3 * hitPeriod + 60), hitPeriod + 60);
+}
+
+TEST(ClockFollowerTest, SparseHitsFollowedThroughHeartbeatsAndTdcs) {
+  // Hits 40 s apart (more than half the 26.8 s period) with a heartbeat every 10 s in between.
+  Clock_Follower clock;
+  const Ticks second = 640000000;
+  EXPECT_EQ(clock.place_hitClock(1000), 1000);
+  for (Ticks t = 10 * second; t < 40 * second; t += 10 * second) {
+    clock.place_hitClock(static_cast<std::uint64_t>(t % hitPeriod) >> 18 << 18);
+  }
+  EXPECT_EQ(clock.place_hitClock(static_cast<std::uint64_t>((40 * second) % hitPeriod)), 40 * second);
+  EXPECT_EQ(clock.get_hitRollovers(), 1u);
+
+  // Only TDCs for 50 s: each 36-bit reading measures its distance from the previous one.
+  Clock_Follower triggers;
+  EXPECT_EQ(triggers.place_hitClock(7), 7);
+  EXPECT_EQ(triggers.place_tdc(7), 7);
+  EXPECT_EQ(triggers.place_tdc(static_cast<std::uint64_t>((7 + 50 * second) % tdcPeriod)), 7 + 50 * second);
+  EXPECT_EQ(triggers.place_tdc(static_cast<std::uint64_t>((7 + 100 * second) % tdcPeriod)), 7 + 100 * second);
+  EXPECT_EQ(triggers.place_tdc(static_cast<std::uint64_t>((7 + 150 * second) % tdcPeriod)), 7 + 150 * second);
+  EXPECT_EQ(triggers.place_hitClock(static_cast<std::uint64_t>((9 + 150 * second) % hitPeriod)), 9 + 150 * second);
+  EXPECT_EQ(triggers.get_hitRollovers(), 5u);  // and the TDC's own counter rolled over at 107 s
+}
+
+TEST(ReorderWindowTest, ShuffledItemsComeOutInTimeOrderEqualTimesInArrivalOrder) {
+  Reorder_Window window(1000);
+  std::vector<Timed_Item> out;
+  const auto sink = [&](const Timed_Item* items, std::size_t n) { out.insert(out.end(), items, items + n); };
+  // Times step back by up to the window; equal times carry their arrival rank in x.
+  std::vector<Timed_Item> in;
+  Ticks latest = 0;
+  std::uint16_t rank = 0;
+  for (Ticks base = 0; base < 2000000; base += 700) {
+    for (const Ticks d : {Ticks{900}, Ticks{0}, Ticks{500}, Ticks{0}, Ticks{999}}) {
+      const Timed_Item item{base + d, rank++, 0, 0, 0};
+      latest = std::max(latest, item.time);
+      ASSERT_TRUE(window.push(item, latest, sink));
+      in.push_back(item);
+    }
+  }
+  window.finish(sink);
+  ASSERT_EQ(out.size(), in.size());
+  std::stable_sort(in.begin(), in.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    ASSERT_EQ(out[i].time, in[i].time) << i;
+    ASSERT_EQ(out[i].x, in[i].x) << i;
+  }
+}
+
+TEST(ReorderWindowTest, JumpsFarBeyondTheWindowKeepEveryHeldItemInOrder) {
+  // A window of 16 buckets; items spread over it, then the clock jumps by far more than the ring spans, twice.
+  const Ticks window = Ticks{1} << 20;
+  Reorder_Window reorder(window);
+  std::vector<Ticks> out;
+  const auto sink = [&](const Timed_Item* items, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) out.push_back(items[i].time);
+  };
+  // The first items step back, before the first one's time and below zero.
+  std::vector<Ticks> in = {70000, 500, -300, -200};
+  Ticks latest = 70000;
+  for (const Ticks t : in) ASSERT_TRUE(reorder.push({t, 0, 0, 0, 0}, latest, sink));
+  for (const Ticks base : {Ticks{0}, Ticks{1} << 40, (Ticks{1} << 40) + (Ticks{1} << 22)}) {
+    for (Ticks i = 0; i < 200; ++i) {
+      const Ticks t = base + (i * 7919 % 200) * 5000;  // shuffled within one window
+      latest = std::max(latest, t);
+      ASSERT_TRUE(reorder.push({t, 0, 0, 0, 0}, latest, sink));
+      in.push_back(t);
+    }
+  }
+  // Exactly at the cut, behind a bucket that went out already.
+  latest = (((latest >> 16) + 40) << 16) + window - 1;  // the cut is a bucket's last tick
+  ASSERT_TRUE(reorder.push({latest, 0, 0, 0, 0}, latest, sink));
+  ASSERT_TRUE(reorder.push({latest - window, 0, 0, 0, 0}, latest, sink));
+  in.push_back(latest);
+  in.push_back(latest - window);
+  reorder.finish(sink);
+  std::sort(in.begin(), in.end());
+  EXPECT_EQ(out, in);
+}
+
+TEST(ReorderWindowTest, AnItemMoreThanTheWindowBehindTheLatestTimeIsDropped) {
+  Reorder_Window window(100);
+  std::vector<Ticks> out;
+  const auto sink = [&](const Timed_Item* items, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) out.push_back(items[i].time);
+  };
+  EXPECT_TRUE(window.push({1000000, 0, 0, 0, 0}, 1000000, sink));
+  EXPECT_TRUE(window.push({999900, 0, 0, 0, 0}, 1000000, sink));   // exactly the window behind: kept
+  EXPECT_FALSE(window.push({999899, 0, 0, 0, 0}, 1000000, sink));  // one tick more: dropped
+  EXPECT_TRUE(window.push({5000000, 0, 0, 0, 0}, 5000000, sink));
+  EXPECT_FALSE(window.push({1000001, 0, 0, 0, 0}, 5000000, sink));
+  window.finish(sink);
+  EXPECT_EQ(out, (std::vector<Ticks>{999900, 1000000, 5000000}));
+}
+
+}  // namespace

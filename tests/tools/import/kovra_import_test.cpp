@@ -1,0 +1,342 @@
+// kovra_import run on raw files built packet by packet and on the simulator's raw output: what it writes, what
+// it says, and what it refuses.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "FileBytes.hpp"
+#include "GroupingReference.hpp"
+#include "TempDir.hpp"
+#include "import/Import.hpp"
+#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "simulate/PhotonSimulation.hpp"
+#include "simulate/RawExport.hpp"
+
+namespace {
+
+using namespace kovra::import;
+using testing::HasSubstr;
+constexpr int px = 65536;
+
+/// A raw file built chunk by chunk; packets are given as words.
+struct RawBytes {
+  RawBytes& chunk(unsigned chip, const std::vector<std::uint64_t>& packets) {
+    return word(make_chunkHeader(chip, 8 * packets.size())).words(packets);
+  }
+  RawBytes& word(std::uint64_t w) {
+    char bytes[8];
+    std::memcpy(bytes, &w, 8);
+    data.append(bytes, 8);
+    return *this;
+  }
+  RawBytes& words(const std::vector<std::uint64_t>& ws) {
+    for (const auto w : ws) word(w);
+    return *this;
+  }
+  std::string data;
+};
+
+struct Photon {
+  int x, y;
+  long t;
+  bool operator==(const Photon&) const = default;
+};
+std::ostream& operator<<(std::ostream& os, const Photon& p) {
+  return os << '(' << p.x << ", " << p.y << ", " << p.t << ')';
+}
+
+/// A photon file's content, read with the library's reader.
+struct PhotonFile {
+  std::vector<Photon> photons;
+  std::optional<std::vector<long>> triggers;
+};
+PhotonFile load(const std::string& name) {
+  const auto data = kovra::tpx3spidr::FileHandler_PhotonEvents().load_file(name);
+  PhotonFile file;
+  for (const auto& p : data.photonEvents) file.photons.push_back({p.x.value, p.y.value, p.toa.value});
+  if (data.extTriggers) {
+    file.triggers.emplace();
+    for (const auto& t : *data.extTriggers) file.triggers->push_back(t.value);
+  }
+  return file;
+}
+
+std::uint64_t hit(unsigned c, unsigned r, unsigned tot, std::uint64_t ticks) {
+  return make_hitPacket(c, r, tot, ticks);
+}
+constexpr std::uint64_t heartbeat(std::uint64_t ticks) { return make_heartbeatPacket(ticks); }
+
+class ImportTest : public ::testing::Test {
+ protected:
+  /// Runs the built program in the test's directory; returns its exit status, its output in `out` and `err`.
+  int run(const std::string& arguments) {
+    const std::string command = "cd '" + dir.path().string() + "' && '" KOVRA_IMPORT_PATH "' " + arguments;
+    const int status = std::system((command + " > out.txt 2> err.txt").c_str());
+    out = read_bytes(dir.file("out.txt"));
+    err = read_bytes(dir.file("err.txt"));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  const TempDir dir;
+  std::string out, err;
+};
+
+TEST_F(ImportTest, CommandLine) {
+  write_bytes(dir.file("a.tpx3"), RawBytes().chunk(0, {heartbeat(0)}).data);
+  const std::tuple<std::string, int, std::string> cases[] = {
+      // arguments, exit status, standard error
+      {"a.tpx3 -o a.kovraphot --bogus", 2, "kovra_import: unknown option --bogus\nTry 'kovra_import --help'.\n"},
+      {"a.tpx3", 2, "kovra_import: no output file given (-o OUT.kovraphot)\nTry 'kovra_import --help'.\n"},
+      {"-o a.kovraphot", 2, "kovra_import: no raw file given\nTry 'kovra_import --help'.\n"},
+      {"a.tpx3 -o a.txt", 2,
+       "kovra_import: the output file must end in .kovraphot, not \"a.txt\"\nTry 'kovra_import --help'.\n"},
+      {"a.tpx3 -o a.kovraphot --radius 17", 2,
+       "kovra_import: option --radius needs a whole number of pixels from 0 to 16, not \"17\"\n"
+       "Try 'kovra_import --help'.\n"},
+      {"a.tpx3 -o a.kovraphot --window -1e-9", 2,
+       "kovra_import: option --window needs a number of seconds from 0 to 1, not \"-1e-9\"\n"
+       "Try 'kovra_import --help'.\n"},
+      {"a.tpx3 -o a.kovraphot --trigger tdc3-rising", 2,
+       "kovra_import: option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, tdc2-falling or none, not "
+       "\"tdc3-rising\"\nTry 'kovra_import --help'.\n"},
+      {"a.tpx3 -o a.kovraphot --min-tot x", 2,
+       "kovra_import: option --min-tot needs a number of nanoseconds, at least 0, not \"x\"\n"
+       "Try 'kovra_import --help'.\n"},
+      {"a.tpx3 b.tpx3 -o a.kovraphot", 2, "kovra_import: more than one raw file: b.tpx3\nTry 'kovra_import --help'.\n"},
+      {"--version", 0, ""},
+      {"--help", 0, ""},
+  };
+  for (const auto& [arguments, status, message] : cases) {
+    SCOPED_TRACE(arguments);
+    EXPECT_EQ(run(arguments), status);
+    EXPECT_EQ(err, message);
+  }
+  run("--version");
+  EXPECT_EQ(out, "kovra_import 1.0.0\n");
+  run("--help");
+  EXPECT_THAT(out, HasSubstr("(default 250e-9)"));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("a.kovraphot")));
+}
+
+TEST_F(ImportTest, EveryPacketTypeInAQuadFile) {
+  const std::uint64_t edge1 = make_tdcPacket(0xF, 1, 3000);
+  const std::uint64_t edge1b = make_tdcPacket(0xF, 2, 5001);
+  RawBytes raw;
+  raw.chunk(0, {std::uint64_t{0x50} << 56, heartbeat(0), hit(1, 2, 10, 2000), std::uint64_t{0x44} << 56,
+                std::uint64_t{0x45} << 56, edge1, hit(0, 0, 3, 1000)})
+      .chunk(1, {std::uint64_t{0xA} << 60, edge1, hit(1, 2, 10, 2500), make_tdcPacket(0xE, 1, 4000)})
+      .chunk(2, {edge1, std::uint64_t{0x73} << 56, hit(1, 2, 10, 1500), edge1b})
+      .chunk(3, {edge1, hit(1, 2, 10, 2000), edge1b, std::uint64_t{0}, make_tdcPacket(0xA, 1, 3500)});
+  write_bytes(dir.file("q.tpx3"), raw.data);
+
+  ASSERT_EQ(run("q.tpx3 -o q.kovraphot --layout quad --hits-as-photons"), 0) << err;
+  const PhotonFile file = load(dir.file("q.kovraphot"));
+  // Chip 0 at (c + 256, r), 1 at (511 - c, 511 - r), 2 at (255 - c, 511 - r), 3 at (c, r); equal times keep
+  // file order.
+  EXPECT_EQ(file.photons, (std::vector<Photon>{{256 * px, 0, 1000},
+                                               {254 * px, 509 * px, 1500},
+                                               {257 * px, 2 * px, 2000},
+                                               {1 * px, 2 * px, 2000},
+                                               {510 * px, 509 * px, 2500}}));
+  EXPECT_EQ(file.triggers, (std::vector<long>{3000, 5001}));
+  EXPECT_EQ(out,
+            "info:    packets: 5 hit, 1 counting-mode hit, 8 TDC, 2 global time, 1 heartbeat, 3 other in 4 chunks\n"
+            "info:    hits: 5 read, 0 dropped below the ToT threshold, 0 dropped as late\n"
+            "info:    photons: 5 written (one per hit)\n"
+            "info:    triggers: 2 written, 0 dropped as late; 4 repeated TDC packets merged\n"
+            "info:    clock: 0 roll-overs of the hit counter followed, time span 0.000008 s (ticks 0 to 5001)\n");
+  EXPECT_EQ(err, "");
+
+  ASSERT_EQ(run("q.tpx3 -o falling.kovraphot --layout quad --trigger tdc1-falling --min-tot 250 --verbose 0"), 0);
+  EXPECT_EQ(out, "");
+  const PhotonFile falling = load(dir.file("falling.kovraphot"));
+  EXPECT_EQ(falling.triggers, (std::vector<long>{3500}));
+  // ToT 10 (250 ns) passes the threshold, ToT 3 does not; the four hits at pixel (1, 2) make one photon each
+  // on their chips.
+  EXPECT_EQ(falling.photons.size(), 4u);
+  ASSERT_EQ(run("q.tpx3 -o none.kovraphot --layout quad --trigger none"), 0);
+  EXPECT_EQ(load(dir.file("none.kovraphot")).triggers, std::nullopt);
+
+  // One chip's frame cannot hold four.
+  EXPECT_EQ(run("q.tpx3 -o single.kovraphot"), 1);
+  EXPECT_EQ(err,
+            "kovra_import: q.tpx3: chunk at byte offset 64 is of chip 1 after chunks of chip 0: the file holds "
+            "several chips, which --layout single cannot place (try --layout quad)\n");
+  EXPECT_FALSE(std::filesystem::exists(dir.file("single.kovraphot")));
+}
+
+TEST_F(ImportTest, AFileWithoutHitsGivesAnEmptyPhotonFile) {
+  write_bytes(dir.file("quiet.tpx3"), RawBytes().chunk(0, {heartbeat(0), heartbeat(1 << 18)}).chunk(0, {}).data);
+  ASSERT_EQ(run("quiet.tpx3 -o quiet.kovraphot"), 0) << err;
+  const FileBytes expected = FileBytes::file(2, FileBytes().block("photons", {}).block("extTrigs", {}));
+  EXPECT_EQ(read_bytes(dir.file("quiet.kovraphot")), expected.data);
+}
+
+TEST_F(ImportTest, SparseHitsAcrossRollOversAndLatePackets) {
+  // Hits 40 s apart, heartbeats every 10 s: the hit counter rolls over once between them.
+  const long second = 640000000;
+  const long hitPeriod = 1L << 34;
+  RawBytes raw;
+  raw.chunk(0, {hit(5, 5, 1, 100)});
+  for (long t = 10 * second; t < 40 * second; t += 10 * second) {
+    raw.chunk(0, {heartbeat(static_cast<std::uint64_t>(t % hitPeriod))});
+  }
+  // Then one hit 2 ms behind the latest (kept by the default 5 ms window) and one 6 ms behind (dropped).
+  const long last = 40 * second;
+  raw.chunk(0, {hit(6, 6, 1, static_cast<std::uint64_t>(last % hitPeriod)),
+                hit(7, 7, 1, static_cast<std::uint64_t>((last - 1280000) % hitPeriod)),
+                hit(8, 8, 1, static_cast<std::uint64_t>((last - 3840000) % hitPeriod))});
+  write_bytes(dir.file("sparse.tpx3"), raw.data);
+  ASSERT_EQ(run("sparse.tpx3 -o sparse.kovraphot --trigger none"), 0) << err;
+  EXPECT_EQ(load(dir.file("sparse.kovraphot")).photons,
+            (std::vector<Photon>{{5 * px, 5 * px, 100}, {7 * px, 7 * px, last - 1280000}, {6 * px, 6 * px, last}}));
+  EXPECT_EQ(err,
+            "warning: 1 hits and 0 trigger edges came later than the reorder window allows (0.005000 s) and were "
+            "dropped; a larger --reorder-window keeps them\n");
+  EXPECT_THAT(out, HasSubstr("1 dropped as late"));
+  EXPECT_THAT(out, HasSubstr("clock: 1 roll-overs of the hit counter followed"));
+}
+
+/// Collects what an import writes, for runs inside the test.
+struct Collected {
+  std::vector<Hit_Grouping::Photon> photons;
+  std::vector<long> triggers;
+  void add_photons(const Hit_Grouping::Photon* p, std::size_t n) { photons.insert(photons.end(), p, p + n); }
+  void add_trigger(long t) { triggers.push_back(t); }
+};
+
+std::string message_of(const std::string& rawFile, Frame_Layout layout = Frame_Layout::single) try {
+  Import_Options options;
+  options.inputFile = rawFile;
+  options.layout = layout;
+  Collected output;
+  run_import(options, output, [](std::uint64_t, std::uint64_t) {});
+  return "(none)";
+} catch (const std::invalid_argument& e) {
+  return e.what();
+}
+
+TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffset) {
+  const RawBytes good = RawBytes().chunk(0, {heartbeat(0), hit(1, 1, 1, 10)}).chunk(0, {hit(2, 2, 2, 20)});
+  const std::string mid = good.data.substr(0, 24);  // the first chunk, whole
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "not Timepix3 raw data: the file is empty"},
+      {"TPX4 and some text", "not Timepix3 raw data: no chunk header at byte offset 0"},
+      {mid + RawBytes().word(make_chunkHeader(0, 16)).word(hit(0, 0, 0, 0)).data,
+       "chunk at byte offset 24 has a size of 16 bytes but only 8 are left in the file"},
+      {mid + RawBytes().word(make_chunkHeader(0, 12)).word(0).word(0).data,
+       "chunk at byte offset 24 has a size of 12 bytes, not a multiple of 8"},
+      {good.data.substr(0, good.data.size() - 3),
+       "chunk at byte offset 24 has a size of 8 bytes but only 5 are left in the file"},
+      {mid + "TPX", "truncated chunk header at byte offset 24 (3 bytes left)"},
+      {mid + RawBytes().word(hit(0, 0, 0, 0)).data, "no chunk header at byte offset 24 where the previous chunk ends"},
+  };
+  const std::string name = dir.file("bad.tpx3");
+  for (const auto& [bytes, message] : cases) {
+    write_bytes(name, bytes);
+    EXPECT_EQ(message_of(name), message);
+  }
+  write_bytes(name, RawBytes().chunk(4, {}).data);
+  EXPECT_EQ(message_of(name, Frame_Layout::quad), "chunk at byte offset 0 is of chip 4, but a quad has chips 0 to 3");
+
+  // The program: a message with the file name, status 1, and an existing output left as it was.
+  write_bytes(dir.file("out.kovraphot"), "earlier");
+  write_bytes(name, std::get<0>(cases[2]));
+  EXPECT_EQ(run("bad.tpx3 -o out.kovraphot"), 1);
+  EXPECT_EQ(err,
+            "kovra_import: bad.tpx3: chunk at byte offset 24 has a size of 16 bytes but only 8 are left in the "
+            "file\n");
+  EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
+  EXPECT_EQ(run("missing.tpx3 -o out.kovraphot"), 1);
+  EXPECT_EQ(err, "kovra_import: missing.tpx3: cannot open: No such file or directory\n");
+  EXPECT_EQ(std::filesystem::directory_iterator(dir.path()) != std::filesystem::directory_iterator(), true);
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+    EXPECT_THAT(entry.path().filename().string(), testing::Not(HasSubstr("kovraphot.")));  // no temporary left
+  }
+}
+
+TEST_F(ImportTest, EveryCutOfAFileIsEitherAShorterFileOrDamage) {
+  RawBytes raw;
+  std::vector<std::size_t> boundaries{0};
+  for (unsigned i = 0; i < 4; ++i) {
+    raw.chunk(0, {heartbeat(0), hit(i, i, 5, 100 * i), make_tdcPacket(0xF, i, 100 * i + 1)});
+    boundaries.push_back(raw.data.size());
+  }
+  const std::string name = dir.file("cut.tpx3");
+  for (std::size_t n = 1; n < raw.data.size(); ++n) {
+    write_bytes(name, raw.data.substr(0, n));
+    const std::string message = message_of(name);
+    if (std::find(boundaries.begin(), boundaries.end(), n) != boundaries.end()) {
+      EXPECT_EQ(message, "(none)") << n;
+    } else {
+      EXPECT_THAT(message, HasSubstr("byte offset")) << n;
+    }
+  }
+}
+
+/// The simulator's raw output read back: photons exactly as the rule makes them from the hits it wrote.
+TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
+  struct Case {
+    int width;
+    const char* options;
+    bool hitsAsPhotons;
+    int radius;
+    long window;
+  };
+  const Case cases[] = {{256, "", false, 1, 160},
+                        {256, "--hits-as-photons", true, 0, 0},
+                        {512, "--layout quad --radius 2 --window 1e-7 --photon-time earliest", false, 2, 64}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.options);
+    kovra::simulate::Simulation_Settings settings;
+    settings.duration_s = 0.03;
+    settings.eventRate_Hz = 2e4;
+    settings.width_px = settings.height_px = c.width;
+    settings.triggerMode = kovra::simulate::Trigger_Mode::periodic;
+    settings.triggerFrequency_Hz = 3e5;  // 9000 edges, 60 per chunk: more than the trigger counter holds
+    const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
+    std::vector<Reference_Hit> hits;
+    std::FILE* file = std::fopen(dir.file("sim.tpx3").c_str(), "wb");
+    ASSERT_NE(file, nullptr);
+    kovra::simulate::write_raw(simulated.photons, c.width, c.width, 5, file, [&](const kovra::simulate::Raw_Hit& h) {
+      hits.push_back({h.time, static_cast<int>(h.x), static_cast<int>(h.y), h.tot});
+    });
+    std::fclose(file);
+
+    ASSERT_EQ(run(std::string("sim.tpx3 -o sim.kovraphot ") + c.options), 0) << err;
+    const PhotonFile imported = load(dir.file("sim.kovraphot"));
+    std::vector<Photon> expected;
+    if (c.hitsAsPhotons) {
+      std::stable_sort(hits.begin(), hits.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+      for (const auto& h : hits) expected.push_back({h.x * px, h.y * px, h.time});
+    } else {
+      for (const auto& p :
+           group_byRule(hits, c.radius, c.window, std::string(c.options).find("earliest") == std::string::npos)) {
+        expected.push_back({p.x, p.y, p.time});
+      }
+    }
+    ASSERT_GT(hits.size(), 10000u);
+    ASSERT_EQ(imported.photons.size(), expected.size());
+    EXPECT_EQ(imported.photons, expected);
+    std::vector<long> triggers;
+    for (const auto& t : *simulated.photons.extTriggers) triggers.push_back(t.value);
+    EXPECT_EQ(imported.triggers, triggers);
+    EXPECT_THAT(out, HasSubstr("0 dropped as late"));
+  }
+  // And on to events.
+  const std::string command = "cd '" + dir.path().string() +
+                              "' && '" KOVRA_BRANTEL_PATH
+                              "' -s 2 -t 1e-7 -i sim.kovraphot -o sim.kovraevent --verbose -1";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  EXPECT_TRUE(std::filesystem::exists(dir.file("sim.kovraevent")));
+}
+
+}  // namespace

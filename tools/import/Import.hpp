@@ -1,0 +1,195 @@
+#pragma once
+
+// One import run: raw packets through the clock, the reorder window and (unless hits are photons) the hit
+// grouping, into a photon file. docs/raw-data.md describes every step and the summary it reports.
+
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "import/ClockFollower.hpp"
+#include "import/HitGrouping.hpp"
+#include "import/ImportOptions.hpp"
+#include "import/RawReader.hpp"
+#include "import/ReorderWindow.hpp"
+#include "import/Tpx3Packets.hpp"
+
+namespace kovra::import {
+
+/// What a run read, dropped and wrote: the summary's figures.
+struct Import_Summary {
+  std::array<std::uint64_t, packet_kinds> packets{};  ///< by Packet_Kind
+  std::uint64_t chunks = 0;
+  std::uint64_t droppedTot = 0;    ///< hits below --min-tot
+  std::uint64_t droppedLate = 0;   ///< hits older than the reorder window allows
+  std::uint64_t tdcRepeats = 0;    ///< TDC packets that repeat an edge already read (one per further chip)
+  std::uint64_t lateTriggers = 0;  ///< trigger edges older than the reorder window allows
+  std::uint64_t triggers = 0;
+  std::uint64_t photons = 0;
+  std::uint64_t rollovers = 0;     ///< of the hits' 26.8 s counter, followed by the clock
+  std::optional<Ticks> firstTime;  ///< of the clock, when any time-carrying packet came
+  Ticks lastTime = 0;
+  std::size_t mostHeld = 0;  ///< largest number of items the reorder window held
+};
+
+namespace detail {
+
+/// Where a chip's pixel (c, r) lands in the frame: x = xOffset + xSign c, y = yOffset + ySign r.
+struct Chip_Placement {
+  int xOffset, xSign, yOffset, ySign;
+};
+
+/// The 2 x 2 quad without gaps: chip 0 at the lower right, 1 upper right and 2 upper left (both turned half
+/// round), 3 lower left.
+inline constexpr std::array<Chip_Placement, 4> quad_placements = {
+    {{256, 1, 0, 1}, {511, -1, 511, -1}, {255, -1, 511, -1}, {0, 1, 0, 1}}};
+
+/// Recognises a TDC packet the readout repeats once per chip: the same 64-bit word as one of the latest 4096
+/// distinct edges (a word holds the edge's 35-bit time and 12-bit counter, so two edges never share one).
+class Tdc_Repeats {
+ public:
+  static constexpr std::size_t kept = 4096;
+
+  bool is_repeat(std::uint64_t word) {
+    if (!seen.insert(word).second) return true;
+    order.push_back(word);
+    if (order.size() > kept) {
+      seen.erase(order.front());
+      order.pop_front();
+    }
+    return false;
+  }
+
+ private:
+  std::unordered_set<std::uint64_t> seen;
+  std::deque<std::uint64_t> order;  ///< the words in `seen`, oldest first
+};
+
+}  // namespace detail
+
+/// Imports `options.inputFile` into `output`, which takes `add_photons(const Photon*, count)` and
+/// `add_trigger(Ticks)`; `onProgress(bytesDone, fileBytes)` follows the reading. Damage and settings the file
+/// does not fit throw std::invalid_argument.
+template <typename Output_Type, typename OnProgress_Type>
+Import_Summary run_import(const Import_Options& options, Output_Type& output, OnProgress_Type&& onProgress) {
+  using Photon = Hit_Grouping::Photon;
+  Import_Summary summary;
+  Raw_Reader reader(options.inputFile);
+  Clock_Follower clock;
+  detail::Tdc_Repeats repeats;
+  Reorder_Window window(options.reorderWindow);
+  const unsigned frameSize = options.layout == Frame_Layout::quad ? 512 : 256;
+  Hit_Grouping grouping(frameSize, frameSize, options.radius_px, options.window, options.photonTime);
+
+  std::vector<Photon> photons;
+  photons.reserve(1 << 16);
+  const auto flush_photons = [&] {
+    output.add_photons(static_cast<const Photon*>(photons.data()), photons.size());
+    summary.photons += photons.size();
+    photons.clear();
+  };
+  const auto take_photon = [&](const Photon& photon) {
+    photons.push_back(photon);
+    if (photons.size() == photons.capacity()) flush_photons();
+  };
+  const auto on_released = [&](const Timed_Item* items, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      const Timed_Item& item = items[i];
+      if (item.kind != 0) {
+        output.add_trigger(item.time);
+        ++summary.triggers;
+      } else if (options.hitsAsPhotons) {
+        take_photon(Photon{{item.x * 65536}, {item.y * 65536}, {item.time}});
+      } else {
+        grouping.add_hit(item, take_photon);
+      }
+    }
+  };
+
+  // Hits below the threshold are dropped: ToT counts 25 ns steps, so the threshold is a whole step count.
+  const double minTotSteps = std::ceil(options.minTot_ns / 25.0);
+  const std::uint64_t minTot = minTotSteps > 1024.0 ? 1024 : static_cast<std::uint64_t>(minTotSteps);
+  detail::Chip_Placement placement{0, 1, 0, 1};
+  std::optional<unsigned> singleChip;
+
+  const auto on_chunk = [&](unsigned chip, std::uint64_t offset) {
+    ++summary.chunks;
+    if (options.layout == Frame_Layout::quad) {
+      if (chip > 3) {
+        throw std::invalid_argument("chunk at byte offset " + std::to_string(offset) + " is of chip " +
+                                    std::to_string(chip) + ", but a quad has chips 0 to 3");
+      }
+      placement = detail::quad_placements[chip];
+    } else if (!singleChip) {
+      singleChip = chip;
+    } else if (*singleChip != chip) {
+      throw std::invalid_argument("chunk at byte offset " + std::to_string(offset) + " is of chip " +
+                                  std::to_string(chip) + " after chunks of chip " + std::to_string(*singleChip) +
+                                  ": the file holds several chips, which --layout single cannot place (try "
+                                  "--layout quad)");
+    }
+  };
+
+  const auto on_packets = [&](const std::uint64_t* words, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::uint64_t p = words[i];
+      const Packet_Kind kind = get_packetKind(p);
+      ++summary.packets[static_cast<std::size_t>(kind)];
+      switch (kind) {
+        case Packet_Kind::hit: {
+          const Ticks t = clock.place_hitClock(get_hitTicks(p));
+          const unsigned tot = get_hitTot(p);
+          if (tot < minTot) {
+            ++summary.droppedTot;
+            break;
+          }
+          const int c = static_cast<int>(get_hitColumn(p));
+          const int r = static_cast<int>(get_hitRow(p));
+          const Timed_Item item{t, static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c),
+                                static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r),
+                                static_cast<std::uint16_t>(tot), 0};
+          if (!window.push(item, clock.get_latest(), on_released)) ++summary.droppedLate;
+          break;
+        }
+        case Packet_Kind::tdc: {
+          if (repeats.is_repeat(p)) {
+            ++summary.tdcRepeats;
+            break;
+          }
+          const Ticks t = clock.place_tdc(get_tdcTicks(p));
+          const auto edge = static_cast<int>(get_tdcEdge(p));
+          if (edge != options.triggerEdge) break;
+          const Timed_Item item{t, 0, 0, 0, static_cast<std::uint16_t>(edge)};
+          if (!window.push(item, clock.get_latest(), on_released)) ++summary.lateTriggers;
+          break;
+        }
+        case Packet_Kind::heartbeat:
+          clock.place_hitClock(get_heartbeatTicks(p));
+          break;
+        default:
+          break;
+      }
+    }
+  };
+
+  reader.read_all(on_chunk, on_packets,
+                  [&](std::uint64_t bytesDone) { onProgress(bytesDone, reader.get_fileBytes()); });
+  window.finish(on_released);
+  grouping.finish(take_photon);
+  flush_photons();
+
+  if (clock.is_started()) summary.firstTime = clock.get_start();
+  summary.rollovers = clock.get_hitRollovers();
+  summary.lastTime = clock.get_latest();
+  summary.mostHeld = window.get_mostHeld();
+  return summary;
+}
+
+}  // namespace kovra::import

@@ -1,0 +1,210 @@
+#pragma once
+
+// The command line of kovra_import: every option, its default, and the checks of its value.
+
+#include <getopt.h>
+
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "import/HitGrouping.hpp"
+
+namespace kovra::import {
+
+enum class Frame_Layout { single, quad };
+
+/// The settings of one run. Times are in ticks of 1.5625 ns, rounded to the nearest tick from the seconds given.
+struct Import_Options {
+  std::string inputFile;
+  std::string outputFile;
+  Frame_Layout layout = Frame_Layout::single;
+  bool hitsAsPhotons = false;
+  unsigned radius_px = 1;
+  Ticks window = 160;  ///< 250 ns
+  double minTot_ns = 0.0;
+  Photon_Time photonTime = Photon_Time::strongest;
+  int triggerEdge = 0xF;          ///< the TDC edge nibble kept as triggers; -1 for none
+  Ticks reorderWindow = 3200000;  ///< 5 ms
+  int logLevel = 2;
+  bool helpRequested = false;
+  bool versionRequested = false;
+};
+
+inline const char* get_importVersion() { return "kovra_import 1.0.0\n"; }
+
+inline std::string get_importHelp() {
+  return "Usage: kovra_import RAW.tpx3 -o OUT.kovraphot [options]\n"
+         "Turns a Timepix3 raw data file into a photon file for kovra_brantel: photons in time order and the\n"
+         "trigger times of one TDC edge.\n"
+         "\n"
+         "  -o, --output FILE         photon file to write; must end in .kovraphot (required)\n"
+         "      --layout single|quad  how chips map into the frame: one chip as 256 x 256 (the default; a file\n"
+         "                            with chunks of several chips is refused), or a 2 x 2 quad as 512 x 512\n"
+         "      --hits-as-photons     every hit becomes a photon at its pixel, at the hit's time (no grouping)\n"
+         "      --radius PX           grouping: a hit joins a photon holding a hit at most PX pixels away in x\n"
+         "                            and in y, 0 to 16 (default 1)\n"
+         "      --window SECONDS      grouping: a photon takes hits up to this long after its first hit\n"
+         "                            (default 250e-9)\n"
+         "      --min-tot NS          hits whose time over threshold is below NS nanoseconds are dropped and\n"
+         "                            counted (default 0)\n"
+         "      --photon-time strongest|earliest\n"
+         "                            a photon's time: that of its largest-ToT hit (the default) or its first\n"
+         "      --trigger EDGE        TDC edges that become trigger times: tdc1-rising (the default),\n"
+         "                            tdc1-falling, tdc2-rising, tdc2-falling, or none for no trigger list\n"
+         "      --reorder-window SECONDS\n"
+         "                            packets more than this much older than the latest time read are dropped\n"
+         "                            and counted; the rest are put in time order (default 5e-3, at most 10)\n"
+         "      --verbose N           log level: -1 errors only, 0 adds warnings, 2 (default) adds the summary\n"
+         "                            and other info lines, 4 adds trace lines\n"
+         "  -h, --help                print this help and exit\n"
+         "      --version             print the version and exit\n"
+         "\n"
+         "Memory stays bounded whatever the file size; a progress line is shown on standard error when it is a\n"
+         "terminal. The output appears whole or not at all: an existing file is replaced only after a complete\n"
+         "run.\n"
+         "\n"
+         "Exit status: 0 on success, 1 when the raw file is damaged or unreadable or the output cannot be\n"
+         "written, 2 for a bad command line.\n";
+}
+
+namespace detail {
+
+inline double parse_seconds(const char* name, const char* text, double high) {
+  double value = 0.0;
+  const char* end = text + std::char_traits<char>::length(text);
+  const auto [ptr, error] = std::from_chars(text, end, value);
+  if (error != std::errc() || ptr != end || text == end || !(value >= 0.0) || !(value <= high)) {
+    throw std::invalid_argument(std::string("option --") + name + " needs a number of seconds from 0 to " +
+                                (high >= 1.0 ? std::to_string(static_cast<int>(high)) : std::string("1")) + ", not \"" +
+                                text + "\"");
+  }
+  return value;
+}
+
+inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(seconds / 1.5625e-9)); }
+
+}  // namespace detail
+
+/// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
+inline Import_Options parse_importOptions(int argc, char* argv[]) {
+  enum : int { layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, version };
+  static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
+                                       {"layout", required_argument, nullptr, layout},
+                                       {"hits-as-photons", no_argument, nullptr, hitsAsPhotons},
+                                       {"radius", required_argument, nullptr, radius},
+                                       {"window", required_argument, nullptr, window},
+                                       {"min-tot", required_argument, nullptr, minTot},
+                                       {"photon-time", required_argument, nullptr, photonTime},
+                                       {"trigger", required_argument, nullptr, trigger},
+                                       {"reorder-window", required_argument, nullptr, reorder},
+                                       {"verbose", required_argument, nullptr, verbose},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, version},
+                                       {nullptr, 0, nullptr, 0}};
+
+  Import_Options options;
+  optind = 0;
+  opterr = 0;
+  int c = 0;
+  while ((c = getopt_long(argc, argv, ":o:h", longOptions, nullptr)) != -1) {
+    const std::string value = optarg != nullptr ? optarg : "";
+    switch (c) {
+      case 'o':
+        options.outputFile = value;
+        break;
+      case layout:
+        if (value != "single" && value != "quad") {
+          throw std::invalid_argument("option --layout needs single or quad, not \"" + value + "\"");
+        }
+        options.layout = value == "quad" ? Frame_Layout::quad : Frame_Layout::single;
+        break;
+      case hitsAsPhotons:
+        options.hitsAsPhotons = true;
+        break;
+      case radius: {
+        unsigned r = 0;
+        const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), r);
+        if (error != std::errc() || ptr != value.data() + value.size() || value.empty() || r > 16) {
+          throw std::invalid_argument("option --radius needs a whole number of pixels from 0 to 16, not \"" + value +
+                                      "\"");
+        }
+        options.radius_px = r;
+        break;
+      }
+      case window:
+        options.window = detail::to_ticks(detail::parse_seconds("window", optarg, 1.0));
+        break;
+      case minTot: {
+        double ns = 0.0;
+        const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), ns);
+        if (error != std::errc() || ptr != value.data() + value.size() || value.empty() || !(ns >= 0.0) ||
+            !std::isfinite(ns)) {
+          throw std::invalid_argument("option --min-tot needs a number of nanoseconds, at least 0, not \"" + value +
+                                      "\"");
+        }
+        options.minTot_ns = ns;
+        break;
+      }
+      case photonTime:
+        if (value != "strongest" && value != "earliest") {
+          throw std::invalid_argument("option --photon-time needs strongest or earliest, not \"" + value + "\"");
+        }
+        options.photonTime = value == "earliest" ? Photon_Time::earliest : Photon_Time::strongest;
+        break;
+      case trigger: {
+        const std::vector<std::pair<std::string, int>> edges = {
+            {"tdc1-rising", 0xF}, {"tdc1-falling", 0xA}, {"tdc2-rising", 0xE}, {"tdc2-falling", 0xB}, {"none", -1}};
+        bool known = false;
+        for (const auto& [name, edge] : edges) {
+          if (value == name) {
+            options.triggerEdge = edge;
+            known = true;
+          }
+        }
+        if (!known) {
+          throw std::invalid_argument(
+              "option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, "
+              "tdc2-falling or none, not \"" +
+              value + "\"");
+        }
+        break;
+      }
+      case reorder:
+        options.reorderWindow = detail::to_ticks(detail::parse_seconds("reorder-window", optarg, 10.0));
+        break;
+      case verbose: {
+        const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), options.logLevel);
+        if (error != std::errc() || ptr != value.data() + value.size() || value.empty()) {
+          throw std::invalid_argument("option --verbose needs a whole number, not \"" + value + "\"");
+        }
+        break;
+      }
+      case 'h':
+        options.helpRequested = true;
+        return options;
+      case version:
+        options.versionRequested = true;
+        return options;
+      case ':':
+        throw std::invalid_argument(std::string("option ") + argv[optind - 1] + " needs a value");
+      default:
+        if (optopt != 0) throw std::invalid_argument(std::string("unknown option -") + static_cast<char>(optopt));
+        throw std::invalid_argument(std::string("unknown option ") + argv[optind - 1]);
+    }
+  }
+  if (optind == argc) throw std::invalid_argument("no raw file given");
+  if (argc - optind > 1) throw std::invalid_argument(std::string("more than one raw file: ") + argv[optind + 1]);
+  options.inputFile = argv[optind];
+  if (options.outputFile.empty()) throw std::invalid_argument("no output file given (-o OUT.kovraphot)");
+  if (!options.outputFile.ends_with(".kovraphot")) {
+    throw std::invalid_argument("the output file must end in .kovraphot, not \"" + options.outputFile + "\"");
+  }
+  return options;
+}
+
+}  // namespace kovra::import

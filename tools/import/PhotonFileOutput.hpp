@@ -1,0 +1,97 @@
+#pragma once
+
+// A photon file written as a stream through the library's container writer: photons are appended to an open
+// "photons" block as they come, trigger times wait in an anonymous scratch file (so memory stays bounded
+// however many there are) and become the "extTrigs" block at the end. The file appears whole at `commit`, or
+// not at all: an existing file at the target stays as it was when the run fails.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "kovra/ContainerFile_Writer.hpp"
+#include "kovra/detail/RecordIO.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+
+namespace kovra::import {
+
+/// One photon file being written. Throws std::invalid_argument when it cannot be written.
+class PhotonFile_Output {
+ public:
+  using Photon = kovra::tpx3spidr::PhotonEvent;
+
+  PhotonFile_Output(const std::string& target, bool withTriggers_)
+      : writer((check_writable(target), target)), withTriggers(withTriggers_) {
+    if (withTriggers) {
+      triggers.reset(std::tmpfile());
+      if (!triggers) throw std::invalid_argument("cannot create a scratch file for the trigger times");
+    }
+    writer.begin_block(kovra::detail::make_identifier("photons"));
+  }
+
+  void add_photons(const Photon* photons, std::size_t count) { writer.append(std::span<const Photon>(photons, count)); }
+
+  void add_trigger(long time) {
+    if (withTriggers && std::fwrite(&time, sizeof time, 1, triggers.get()) != 1) {
+      throw std::invalid_argument("cannot keep the trigger times in a scratch file");
+    }
+  }
+
+  /// Ends the photons, writes the triggers and moves the file into place.
+  void commit() {
+    writer.end_block();
+    if (withTriggers) {
+      writer.begin_block(kovra::detail::make_identifier("extTrigs"));
+      if (std::fflush(triggers.get()) != 0 || std::fseek(triggers.get(), 0, SEEK_SET) != 0) {
+        throw std::invalid_argument("cannot read back the trigger times");
+      }
+      std::vector<char> copy(std::size_t{1} << 16);
+      for (std::size_t n = 0; (n = std::fread(copy.data(), 1, copy.size(), triggers.get())) > 0;) {
+        writer.append_bytes(copy.data(), n);
+      }
+      writer.end_block();
+    }
+    try {
+      writer.commit();
+    } catch (const std::runtime_error& e) {
+      throw std::invalid_argument(e.what());
+    }
+  }
+
+ private:
+  /// The container writer stops on an assertion when its file cannot be written; say so plainly first.
+  static void check_writable(const std::string& target) {
+    struct stat status {};
+    const auto parent = std::filesystem::path(target).parent_path();
+    const std::string directory = parent.empty() ? "." : parent.string();
+    if (::stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+      throw std::invalid_argument("cannot write \"" + target + "\": not a regular file");
+    }
+    errno = 0;
+    if ((::stat(target.c_str(), &status) == 0 && ::access(target.c_str(), W_OK) != 0) ||
+        ::access(directory.c_str(), W_OK) != 0) {
+      throw std::invalid_argument("cannot write \"" + target + "\": " + std::strerror(errno != 0 ? errno : EACCES));
+    }
+  }
+
+  struct Close_File {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+  };
+
+  kovra::ContainerFile_Writer<2> writer;
+  const bool withTriggers;
+  std::unique_ptr<std::FILE, Close_File> triggers;
+};
+
+}  // namespace kovra::import

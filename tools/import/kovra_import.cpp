@@ -1,0 +1,123 @@
+// kovra_import: turns a Timepix3 raw data file into a photon file that kovra_brantel reads.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "import/Import.hpp"
+#include "import/ImportOptions.hpp"
+#include "import/PhotonFileOutput.hpp"
+#include "inspect/Progress.hpp"
+
+namespace {
+
+using namespace kovra::import;
+
+std::string format_seconds(Ticks ticks) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.6f s", static_cast<double>(ticks) * 1.5625e-9);
+  return text;
+}
+
+/// The summary lines, one string each.
+std::vector<std::string> get_summaryLines(const Import_Options& options, const Import_Summary& s) {
+  std::vector<std::string> lines;
+  std::ostringstream packets;
+  packets << "packets:";
+  for (int k = 0; k < packet_kinds; ++k) {
+    packets << (k == 0 ? " " : ", ") << s.packets[static_cast<std::size_t>(k)] << ' '
+            << get_packetKindName(static_cast<Packet_Kind>(k));
+  }
+  packets << " in " << s.chunks << " chunks";
+  lines.push_back(packets.str());
+  const std::uint64_t hits = s.packets[static_cast<std::size_t>(Packet_Kind::hit)];
+  lines.push_back("hits: " + std::to_string(hits) + " read, " + std::to_string(s.droppedTot) +
+                  " dropped below the ToT threshold, " + std::to_string(s.droppedLate) + " dropped as late");
+  lines.push_back("photons: " + std::to_string(s.photons) + " written (" +
+                  (options.hitsAsPhotons ? std::string("one per hit") : std::string("grouped hits")) + ")");
+  if (options.triggerEdge < 0) {
+    lines.push_back("triggers: none kept (--trigger none); " + std::to_string(s.tdcRepeats) +
+                    " repeated TDC packets merged");
+  } else {
+    lines.push_back("triggers: " + std::to_string(s.triggers) + " written, " + std::to_string(s.lateTriggers) +
+                    " dropped as late; " + std::to_string(s.tdcRepeats) + " repeated TDC packets merged");
+  }
+  if (s.firstTime) {
+    lines.push_back("clock: " + std::to_string(s.rollovers) + " roll-overs of the hit counter followed, time span " +
+                    format_seconds(s.lastTime - *s.firstTime) + " (ticks " + std::to_string(*s.firstTime) + " to " +
+                    std::to_string(s.lastTime) + ")");
+  } else {
+    lines.push_back("clock: no time-carrying packet");
+  }
+  return lines;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  Import_Options options;
+  try {
+    options = parse_importOptions(argc, argv);
+  } catch (const std::invalid_argument& e) {
+    std::cerr << "kovra_import: " << e.what() << "\nTry 'kovra_import --help'.\n";
+    return 2;
+  }
+  if (options.helpRequested) {
+    std::cout << get_importHelp();
+    return 0;
+  }
+  if (options.versionRequested) {
+    std::cout << get_importVersion();
+    return 0;
+  }
+
+  kovra::inspect::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
+  progress.set_label("importing");
+  std::optional<PhotonFile_Output> output;
+  try {
+    output.emplace(options.outputFile, options.triggerEdge >= 0);
+  } catch (const std::invalid_argument& e) {
+    std::cerr << "kovra_import: " << e.what() << '\n';
+    return 1;
+  }
+  Import_Summary summary;
+  try {
+    progress.start(100);
+    std::uint64_t shownPercent = 0;
+    summary = run_import(options, *output, [&](std::uint64_t done, std::uint64_t total) {
+      const std::uint64_t percent = total == 0 ? 100 : done * 100 / total;
+      if (percent > shownPercent) progress.advance(percent - std::exchange(shownPercent, percent));
+    });
+    progress.finish();
+  } catch (const std::exception& e) {
+    progress.finish();
+    std::cerr << "kovra_import: " << options.inputFile << ": " << e.what() << '\n';
+    return 1;
+  }
+  try {
+    output->commit();
+  } catch (const std::invalid_argument& e) {
+    std::cerr << "kovra_import: " << e.what() << '\n';
+    return 1;
+  }
+
+  if (options.logLevel >= 0 && summary.droppedLate + summary.lateTriggers > 0) {
+    std::cerr << "warning: " << summary.droppedLate << " hits and " << summary.lateTriggers
+              << " trigger edges came later than the reorder window allows (" << format_seconds(options.reorderWindow)
+              << ") and were dropped; a larger --reorder-window keeps them\n";
+  }
+  if (options.logLevel >= 2) {
+    for (const auto& line : get_summaryLines(options, summary)) std::cout << "info:    " << line << '\n';
+  }
+  if (options.logLevel >= 4) {
+    std::cout << "trace:   the reorder window held at most " << summary.mostHeld << " items\n";
+  }
+  std::cout.flush();
+  return 0;
+}
