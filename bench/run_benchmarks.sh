@@ -8,9 +8,11 @@
 # BENCHMARKS.md.
 #
 #   bench/run_benchmarks.sh [--quick] [--repeat N] [--build-dir DIR] [--data-dir DIR] [--results FILE] [--no-build]
-#                           [--commit TEXT]
+#                           [--commit TEXT] [--scale N]
 #
 #   --quick       datasets of about 1 million photons and one run each, results only printed (a smoke run)
+#   --scale N     with --quick, shorten the acquisitions N times instead of 20 (.ci/run uses 4000: a few
+#                 thousand photons per dataset, seconds in all, to check that the script still works)
 #   --repeat N    runs per measurement, the fastest counts (default 3; memory is the largest seen)
 #   --build-dir   where the programs are built (default build/)
 #   --data-dir    where the photon and event files go (default $TMPDIR/kovra_bench, about 1.5 GB; kept)
@@ -26,6 +28,7 @@ data="${TMPDIR:-/tmp}/kovra_bench"
 results=""
 repeat=3
 quick=0
+scale=20
 do_build=1
 commit=""
 while [ $# -gt 0 ]; do
@@ -37,7 +40,8 @@ while [ $# -gt 0 ]; do
     --results) results="$2"; shift ;;
     --no-build) do_build=0 ;;
     --commit) commit="$2"; shift ;;
-    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --scale) scale="$2"; shift ;;
+    -h|--help) sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "run_benchmarks: unknown argument '$1' (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -64,9 +68,9 @@ datasets=(
   "nominal|--event-rate 2e6 --photons 20 --duration 0.5 --seed 12"
   "dense|--event-rate 1e7 --photons 40 --duration 0.05 --seed 13"
 )
-scale_duration() {  # the quick run keeps the rates and shortens the acquisition 20 times
+scale_duration() {  # the quick run keeps the rates and shortens the acquisition `scale` times
   if [ "$quick" -eq 1 ]; then
-    echo "$1" | awk '{ for (i = 1; i <= NF; i++) if ($(i-1) == "--duration") $i = $i / 20; print }'
+    echo "$1" | awk -v s="$scale" '{ for (i = 1; i <= NF; i++) if ($(i-1) == "--duration") $i = $i / s; print }'
   else
     echo "$1"
   fi

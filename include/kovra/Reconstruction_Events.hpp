@@ -1,7 +1,7 @@
 #pragma once
 
-// Event reconstruction: the search settings and the four algorithms that group a time-ordered photon list into
-// events. Each algorithm lives in its own header under kovra/reconstruction/ and runs over a photon source
+// Event reconstruction: the search settings and the four algorithms that group a photon list into events
+// (input in time order takes a faster path; see Reconstruction_Pass.hpp). Each algorithm lives in its own header under kovra/reconstruction/ and runs over a photon source
 // (a file read a chunk at a time, or a list in memory) through a sliding window, handing each event to an
 // output as soon as it is complete; the functions here run them over a list in memory or over any source.
 
