@@ -47,6 +47,8 @@ struct Reconstruction_Events {
   Time_Type durationMax;
   /// Told, once per call, when a setting is ignored by the chosen algorithm; the library prints nothing itself.
   std::function<void(const std::string&)> warn = {};
+  /// Told, at most once per call, why a run takes longer than it might: the input is not in time order.
+  std::function<void(const std::string&)> inform = {};
 
   // Each algorithm comes in three forms. Over a list in memory it returns the events; a second form also calls
   // membership(eventIndex, photonIndex) once for every photon of every emitted event (a ghost photon for both of
