@@ -57,7 +57,7 @@ inline std::string get_inspectHelp() {
          "command line.\n";
 }
 
-namespace detail {
+namespace options_detail {
 
 template <typename Number_Type>
 Number_Type parse_number(const char* name, const char* text) {
@@ -70,7 +70,7 @@ Number_Type parse_number(const char* name, const char* text) {
   return value;
 }
 
-}  // namespace detail
+}  // namespace options_detail
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
@@ -94,13 +94,13 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
         options.imageFile = optarg;
         break;
       case 'b':
-        options.binning = detail::parse_number<double>("binning", optarg);
+        options.binning = options_detail::parse_number<double>("binning", optarg);
         if (!(options.binning * 65536.0 >= 1.0) || !(options.binning <= 1e9)) {
           throw std::invalid_argument("option --binning must be between 1/65536 and 1e9 pixels");
         }
         break;
       case 'S':
-        options.size_px = detail::parse_number<int>("size", optarg);
+        options.size_px = options_detail::parse_number<int>("size", optarg);
         if (options.size_px < 1 || options.size_px > 32768) {
           throw std::invalid_argument("option --size must be between 1 and 32768 pixels");
         }

@@ -66,7 +66,7 @@ inline std::string get_simulateHelp() {
   return text;
 }
 
-namespace detail {
+namespace options_detail {
 
 /// The whole of `text` as a finite number, or false.
 inline bool parse_number(const std::string& text, double& value) {
@@ -77,7 +77,7 @@ inline bool parse_number(const std::string& text, double& value) {
   return errno == 0 && *endOfNumber == '\0' && std::isfinite(value);
 }
 
-}  // namespace detail
+}  // namespace options_detail
 
 /// Reads the command line. getopt_long keeps global state: callers that parse more than once set optind = 0.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
@@ -107,7 +107,7 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
     const std::string text = optarg;
     char bounds[160];
     std::snprintf(bounds, sizeof bounds, "%s %g", lowOpen ? "greater than" : "at least", low);
-    if (!detail::parse_number(text, value) || value < low || (lowOpen && value == low) || value > high) {
+    if (!options_detail::parse_number(text, value) || value < low || (lowOpen && value == low) || value > high) {
       options.error = std::string("--") + name + ": expected " + unit + " " + bounds +
                       (std::isinf(high) ? "" : " and at most " + std::to_string(static_cast<long long>(high))) +
                       ", got '" + text + "'";
@@ -167,9 +167,9 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
         if (colon2 == std::string::npos) return fail(bad);
         pc.name = text.substr(0, colon1);
         if (pc.name.empty() || pc.name.find_first_of(",\"\n") != std::string::npos) return fail(bad);
-        if (!detail::parse_number(text.substr(colon1 + 1, colon2 - colon1 - 1), pc.weight) || !(pc.weight > 0.0))
+        if (!options_detail::parse_number(text.substr(colon1 + 1, colon2 - colon1 - 1), pc.weight) || !(pc.weight > 0.0))
           return fail(bad);
-        if (!detail::parse_number(text.substr(colon2 + 1), pc.slowFraction) || pc.slowFraction < 0.0 ||
+        if (!options_detail::parse_number(text.substr(colon2 + 1), pc.slowFraction) || pc.slowFraction < 0.0 ||
             pc.slowFraction > 1.0)
           return fail(bad);
         if (!classesGiven) s.classes.clear();
@@ -186,7 +186,7 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
           s.triggerMode = Trigger_Mode::absent;
         } else if (text == "empty") {
           s.triggerMode = Trigger_Mode::empty;
-        } else if (detail::parse_number(text, value) && value > 0.0) {
+        } else if (options_detail::parse_number(text, value) && value > 0.0) {
           s.triggerMode = Trigger_Mode::periodic;
           s.triggerFrequency_Hz = value;
         } else {
