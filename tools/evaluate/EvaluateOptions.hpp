@@ -15,6 +15,8 @@
 #include <system_error>
 #include <vector>
 
+#include "common/CommandLine.hpp"
+
 namespace kovra::evaluate {
 
 /// The algorithm names kovra_brantel accepts.
@@ -45,6 +47,7 @@ struct Evaluate_Options {
   std::optional<std::string> csvFile;
   std::optional<std::string> plotDir;
   bool helpRequested = false;
+  bool versionRequested = false;
 };
 
 inline std::string get_evaluateHelp() {
@@ -71,6 +74,7 @@ inline std::string get_evaluateHelp() {
          "      --plots DIR           write heat maps over the grid and the pulse-shape histograms of the best\n"
          "                            setting as PNG files into DIR (needs Debian's python3-matplotlib)\n"
          "  -h, --help                print this help and exit\n"
+         "      --version             print the version and exit\n"
          "\n"
          "Exit status: 0 on success, 1 when a file cannot be read or written or does not match the photon file,\n"
          "2 for a bad command line.\n";
@@ -141,6 +145,7 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
                                        {"csv", required_argument, nullptr, csv},
                                        {"plots", required_argument, nullptr, plots},
                                        {"help", no_argument, nullptr, 'h'},
+                                       tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
   Evaluate_Options options;
   auto& grid = options.grid;
@@ -228,16 +233,14 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
       case 'h':
         options.helpRequested = true;
         return options;
-      case ':':
-        throw std::invalid_argument(std::string("option ") + argv[optind - 1] + " needs a value");
+      case tools::versionOption:
+        options.versionRequested = true;
+        return options;
       default:
-        if (optopt != 0) throw std::invalid_argument(std::string("unknown option -") + static_cast<char>(optopt));
-        throw std::invalid_argument(std::string("unknown option ") + argv[optind - 1]);
+        tools::throw_getoptError(c, argv);
     }
   }
-  if (optind == argc) throw std::invalid_argument("no input file given");
-  if (argc - optind > 1) throw std::invalid_argument(std::string("more than one input file: ") + argv[optind + 1]);
-  options.inputFile = argv[optind];
+  options.inputFile = tools::take_singleInput(argc, argv);
   if (!options.inputFile.ends_with(".kovraphot")) {
     throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot");
   }

@@ -8,9 +8,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "common/CommandLine.hpp"
 #include "simulate/PhotonSimulation.hpp"
 
 namespace kovra::simulate {
@@ -21,7 +23,7 @@ struct Simulate_Options {
   std::string outputPath;
   bool writeTruth = false;
   bool helpRequested = false;
-  std::string error;  ///< empty when the command line is usable
+  bool versionRequested = false;
 };
 
 /// Most photons one run may be expected to produce (16 bytes each are held in memory).
@@ -57,6 +59,7 @@ inline std::string get_simulateHelp() {
                 "                          giving run.truth.csv (columns t_s, x_px, y_px, nPhotons, class), and\n"
                 "                          the flash of each photon in run.truth.kovraflash (for kovra_evaluate)\n"
                 "  -h, --help              print this help and exit\n"
+                "      --version           print the version and exit\n"
                 "\n"
                 "Exit status: 0 on success, 2 for a bad command line, 1 when the file cannot be written.\n",
                 d.duration_s, d.eventRate_Hz, d.photonsPerEvent, d.sigma_px, d.width_px, d.height_px, d.tauFast_s,
@@ -79,7 +82,7 @@ inline bool parse_number(const std::string& text, double& value) {
 
 }  // namespace options_detail
 
-/// Reads the command line. getopt_long keeps global state: callers that parse more than once set optind = 0.
+/// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
   enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth };
   static const option longOptions[] = {
@@ -91,16 +94,13 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       {"class", required_argument, nullptr, particleClass}, {"dark-rate", required_argument, nullptr, darkRate},
       {"triggers", required_argument, nullptr, triggers}, {"seed", required_argument, nullptr, seed},
       {"truth", no_argument, nullptr, truth},             {"help", no_argument, nullptr, 'h'},
-      {nullptr, 0, nullptr, 0}};
+      tools::versionLongOption,                           {nullptr, 0, nullptr, 0}};
 
   Simulate_Options options;
   auto& s = options.settings;
   bool classesGiven = false;
-  const auto fail = [&](const std::string& message) {
-    options.error = message;
-    return options;
-  };
-  // A number from the option's argument within [low, high] (an open low end when lowOpen), or an error.
+  const auto fail = [](const std::string& message) -> Simulate_Options { throw std::invalid_argument(message); };
+  // A number from the option's argument within [low, high] (an open low end when lowOpen); throws otherwise.
   const auto read_number = [&](const char* name, const char* unit, double low, bool lowOpen, double high,
                                double& target) {
     double value = 0.0;
@@ -108,16 +108,16 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
     char bounds[160];
     std::snprintf(bounds, sizeof bounds, "%s %g", lowOpen ? "greater than" : "at least", low);
     if (!options_detail::parse_number(text, value) || value < low || (lowOpen && value == low) || value > high) {
-      options.error = std::string("--") + name + ": expected " + unit + " " + bounds +
-                      (std::isinf(high) ? "" : " and at most " + std::to_string(static_cast<long long>(high))) +
-                      ", got '" + text + "'";
-      return false;
+      fail(std::string("--") + name + ": expected " + unit + " " + bounds +
+           (std::isinf(high) ? "" : " and at most " + std::to_string(static_cast<long long>(high))) + ", got '" +
+           text + "'");
     }
     target = value;
     return true;
   };
   const double inf = INFINITY;
 
+  optind = 0;
   opterr = 0;
   int c = 0;
   while ((c = getopt_long(argc, argv, ":o:d:r:n:h", longOptions, nullptr)) != -1) {
@@ -212,10 +212,11 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       case 'h':
         options.helpRequested = true;
         return options;
-      case ':':
-        return fail(std::string("option '") + argv[optind - 1] + "' needs a value");
+      case tools::versionOption:
+        options.versionRequested = true;
+        return options;
       default:
-        return fail(std::string("unknown option '") + argv[optind - 1] + "'");
+        tools::throw_getoptError(c, argv);
     }
   }
   if (optind < argc) return fail(std::string("unexpected argument '") + argv[optind] + "'");
