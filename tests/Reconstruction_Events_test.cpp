@@ -180,6 +180,21 @@ TEST(ReconstructionTest, CoordinatesAtTheEdgesOfTheRange) {
   });
 }
 
+// A chain notes, on each photon that was its last, how far past it it looked (a resume mark, at most 255); a
+// ghost chain seeded later by that photon starts looking there. Between B and C lie `gap` far photons, so B's
+// mark reaches the cap when gap > 254: the ghost chain of B must still look past C and find D, near B only.
+TEST(ReconstructionTest, GhostSeedResumesWhereItsChainLookedUpToTheCap) {
+  for (const int gap : {10, 253, 254, 255, 300, 600}) {
+    std::vector<PhotonEvent> photons = {photon(0, 0, 0), photon(6 * px, 0, 1)};  // A, B
+    for (int k = 0; k < gap; ++k) photons.push_back(photon(100 * px * (k + 1), 0, 2 + k));
+    photons.push_back(photon(12 * px, 0, 2 + gap));  // C: near B, joins A's chain
+    photons.push_back(photon(0, 0, 3 + gap));        // D: near B, 12 px from C, so left free by A's chain
+    std::vector<Summary> expected = {{6 * px, 0, 0, 3}, {3 * px, 0, 1, 2}};
+    for (int k = 0; k < gap; ++k) expected.emplace_back(100 * px * (k + 1), 0, 2 + k, 1);
+    EXPECT_EQ(run(settings(10 * px, 10000), photons, G), expected) << gap << " far photons between B and C";
+  }
+}
+
 TEST(ReconstructionTest, EmptyInputAndTriggersCarriedThrough) {
   for (const auto& name : {F, W, N, G}) {
     using Triggers = std::optional<std::vector<Time>>;
