@@ -10,9 +10,12 @@
 #include <cstdint>
 #include <fstream>
 #include <ios>
+#include <istream>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "kovra/detail/RecordIO.hpp"
 
@@ -36,9 +39,15 @@ struct File_Layout {
 template <detail::RawRecord Entry_Type>
 class RecordCursor {
  public:
+  /// Reads from a file of its own.
   RecordCursor(const std::string& file_name, Block_Location where_)
-      : stream(file_name, std::ios::binary), where(where_) {
-    if (!stream.is_open()) throw std::invalid_argument("file \"" + file_name + "\" could not be opened!");
+      : owned(std::make_unique<std::ifstream>(file_name, std::ios::binary)), stream(*owned), where(where_) {
+    if (!owned->is_open()) throw std::invalid_argument("file \"" + file_name + "\" could not be opened!");
+    stream.seekg(static_cast<std::streamoff>(where.offset));
+  }
+
+  /// Reads from a stream the caller keeps open, which it then uses alone.
+  RecordCursor(std::istream& stream_, Block_Location where_) : stream(stream_), where(where_) {
     stream.seekg(static_cast<std::streamoff>(where.offset));
   }
 
@@ -56,6 +65,17 @@ class RecordCursor {
     return n;
   }
 
+  /// The remaining entries appended to `entries`, room reserved once, read a chunk of 1 MiB at a time.
+  void read_all(std::vector<Entry_Type>& entries) {
+    const std::uint64_t left = where.count - done;
+    detail::reserve_records(entries, static_cast<std::size_t>(left));
+    std::vector<Entry_Type> chunk(static_cast<std::size_t>(
+        std::min<std::uint64_t>(left, std::max<std::size_t>(1, detail::io_block_bytes / sizeof(Entry_Type)))));
+    while (const std::size_t n = read(chunk.data(), chunk.size())) {
+      entries.insert(entries.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(n));
+    }
+  }
+
   /// Back to the first entry.
   void rewind() {
     stream.clear();
@@ -64,7 +84,8 @@ class RecordCursor {
   }
 
  private:
-  std::ifstream stream;
+  std::unique_ptr<std::ifstream> owned;
+  std::istream& stream;
   Block_Location where;
   std::uint64_t done = 0;
 };

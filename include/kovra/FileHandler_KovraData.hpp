@@ -229,13 +229,9 @@ class FileHandler_KovraData {
   static std::pair<std::vector<Record_Type>, std::optional<std::vector<Time_Type>>> read_lists(
       std::istream& stream, const File_Layout& layout) {
     std::vector<Record_Type> records;
-    stream.seekg(static_cast<std::streamoff>(layout.records.offset));
-    detail::read_records(stream, layout.records.count, records);
+    RecordCursor<Record_Type>(stream, layout.records).read_all(records);
     std::optional<std::vector<Time_Type>> extTriggers;
-    if (layout.extTriggers) {
-      stream.seekg(static_cast<std::streamoff>(layout.extTriggers->offset));
-      detail::read_records(stream, layout.extTriggers->count, extTriggers.emplace());
-    }
+    if (layout.extTriggers) RecordCursor<Time_Type>(stream, *layout.extTriggers).read_all(extTriggers.emplace());
     return {std::move(records), std::move(extTriggers)};
   }
 

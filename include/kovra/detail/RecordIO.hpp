@@ -58,23 +58,6 @@ void reserve_records(std::vector<Record_Type>& records, std::size_t count) {
   advise_huge_pages(records.data() + records.size(), count * sizeof(Record_Type));
 }
 
-/// Appends `count` records read from the stream to `records`, reserving once. Throws "Read Error!" when the
-/// stream ends early or fails.
-template <RawRecord Record_Type>
-void read_records(std::istream& stream, std::uint64_t count, std::vector<Record_Type>& records) {
-  reserve_records(records, static_cast<std::size_t>(count));
-  const std::uint64_t per_chunk = std::max<std::uint64_t>(1, io_block_bytes / sizeof(Record_Type));
-  std::vector<Record_Type> chunk(static_cast<std::size_t>(std::min(count, per_chunk)));
-  for (std::uint64_t done = 0; done < count;) {
-    const auto n = static_cast<std::size_t>(std::min(count - done, per_chunk));
-    const auto bytes = static_cast<std::streamsize>(n * sizeof(Record_Type));
-    stream.read(reinterpret_cast<char*>(chunk.data()), bytes);
-    if (!stream || stream.gcount() != bytes) throw std::invalid_argument("Read Error!");
-    records.insert(records.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(n));
-    done += n;
-  }
-}
-
 template <RawRecord Record_Type>
 void write_records(std::ostream& stream, const std::vector<Record_Type>& records) {
   stream.write(reinterpret_cast<const char*>(records.data()),
