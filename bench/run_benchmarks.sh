@@ -7,10 +7,12 @@
 # buffered I/O and nothing else. Prints a Markdown table and writes it, with the command, commit and machine, to
 # BENCHMARKS.md.
 #
-#   bench/run_benchmarks.sh [--quick] [--repeat N] [--large GB] [--build-dir DIR] [--data-dir DIR] [--results FILE]
-#                           [--no-build] [--commit TEXT]
+#   bench/run_benchmarks.sh [--quick] [--scale N] [--repeat N] [--large GB] [--build-dir DIR] [--data-dir DIR]
+#                           [--results FILE] [--no-build] [--commit TEXT]
 #
 #   --quick       datasets of about 1 million photons and one run each, results only printed (a smoke run)
+#   --scale N     with --quick, shorten the acquisitions N times instead of 20 (.ci/run uses 4000: a few
+#                 thousand photons per dataset, seconds in all, to check that the script still works)
 #   --repeat N    runs per measurement, the fastest counts (default 3; memory is the largest seen)
 #   --large GB    also a photon file of about GB gigabytes at the nominal rates, each algorithm run once on it
 #   --build-dir   where the programs are built (default build/)
@@ -27,6 +29,7 @@ data="${TMPDIR:-/tmp}/kovra_bench"
 results=""
 repeat=3
 quick=0
+scale=20
 do_build=1
 commit=""
 large_gb=0
@@ -40,7 +43,8 @@ while [ $# -gt 0 ]; do
     --results) results="$2"; shift ;;
     --no-build) do_build=0 ;;
     --commit) commit="$2"; shift ;;
-    -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --scale) scale="$2"; shift ;;
+    -h|--help) sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "run_benchmarks: unknown argument '$1' (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -71,9 +75,9 @@ if awk -v g="$large_gb" 'BEGIN { exit !(g > 0) }'; then
   # 16 bytes a photon, 4e7 photons a second at the nominal rates.
   datasets+=("large|--event-rate 2e6 --photons 20 --duration $(awk -v g="$large_gb" 'BEGIN { printf "%.3f", g * 1e9 / 16 / 4e7 }') --seed 14")
 fi
-scale_duration() {  # the quick run keeps the rates and shortens the acquisition 20 times
+scale_duration() {  # the quick run keeps the rates and shortens the acquisition `scale` times
   if [ "$quick" -eq 1 ]; then
-    echo "$1" | awk '{ for (i = 1; i <= NF; i++) if ($(i-1) == "--duration") $i = $i / 20; print }'
+    echo "$1" | awk -v s="$scale" '{ for (i = 1; i <= NF; i++) if ($(i-1) == "--duration") $i = $i / s; print }'
   else
     echo "$1"
   fi

@@ -58,7 +58,8 @@ int main(int argc, char** argv) {
   if (!outputDirectory.empty()) std::filesystem::create_directories(outputDirectory);
 
   const tpx::Reconstruction_Events reconstruction{tpx::Length::from_pixels(*parameters.d_space_px), dTime,
-                                                  parameters.d_time_ext, durationMax, print_warning};
+                                                  parameters.d_time_ext, durationMax, print_warning,
+                                                  logging<LogLevel::info>};
 
   logging<LogLevel::trace>("Processing file: " + inputFile);
   // The whole file's structure is checked before the first photon is read; the photons are then read in

@@ -16,7 +16,7 @@ enum class LogLevel : int { error = -1, info = 2, trace = 4 };
 /// Threshold: a line prints when logLevel >= its level. Set by --verbose; any integer is allowed.
 extern LogLevel logLevel;
 
-namespace detail {
+namespace kovra::logging_detail {
 
 /// The label of a level, padded with blanks to 9 characters.
 template <LogLevel level>
@@ -27,7 +27,7 @@ constexpr std::string_view get_logPrefix() {
   return "trace:   ";
 }
 
-}  // namespace detail
+}  // namespace kovra::logging_detail
 
 /// Writes "WARNING: <message>" as one flushed line on standard output, whatever the log level: a warning that
 /// must always be seen, with no time stamp.
@@ -45,7 +45,7 @@ void logging(const std::string& message) {
   localtime_r(&seconds, &localTime);
 
   std::ostream& stream = level == LogLevel::error ? std::cerr : std::cout;
-  stream << detail::get_logPrefix<level>() << std::put_time(&localTime, "%Y-%m-%d %X UTC%z") << ": " << message
+  stream << kovra::logging_detail::get_logPrefix<level>() << std::put_time(&localTime, "%Y-%m-%d %X UTC%z") << ": " << message
          << '\n'
          << std::flush;
 }

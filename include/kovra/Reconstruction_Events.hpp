@@ -1,7 +1,7 @@
 #pragma once
 
-// Event reconstruction: the search settings and the four algorithms that group a time-ordered photon list into
-// events. Each algorithm lives in its own header under kovra/reconstruction/ and runs over a photon source
+// Event reconstruction: the search settings and the four algorithms that group a photon list into events
+// (input in time order takes a faster path; see Reconstruction_Pass.hpp). Each algorithm lives in its own header under kovra/reconstruction/ and runs over a photon source
 // (a file read a chunk at a time, or a list in memory) through a sliding window, handing each event to an
 // output as soon as it is complete; the functions here run them over a list in memory or over any source.
 
@@ -30,7 +30,7 @@ namespace kovra {
 template <typename Length_Type, typename Time_Type, typename PSD_Type>
 struct Reconstruction_Events {
   using PhotonEvent_Type = PhotonEvent<Length_Type, Time_Type>;
-  using Event_Type = Event<Length_Type, Time_Type, PSD_Type>;
+  using Event_Type = Event<Length_Type, Time_Type>;
   using PhotonEventChain_Type = PhotonEventChain<Length_Type, Time_Type, PSD_Type>;
   using Data_PhotonEvents_Type = Data_PhotonEvents<PhotonEvent_Type>;
   using Data_Events_Type = Data_Events<Event_Type>;
@@ -47,6 +47,8 @@ struct Reconstruction_Events {
   Time_Type durationMax;
   /// Told, once per call, when a setting is ignored by the chosen algorithm; the library prints nothing itself.
   std::function<void(const std::string&)> warn = {};
+  /// Told, at most once per call, why a run takes longer than it might: the input is not in time order.
+  std::function<void(const std::string&)> inform = {};
 
   // Each algorithm comes in three forms. Over a list in memory it returns the events; a second form also calls
   // membership(eventIndex, photonIndex) once for every photon of every emitted event (a ghost photon for both of

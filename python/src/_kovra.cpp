@@ -136,7 +136,8 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
                                                   [&warnings](const std::string& w) { warnings.push_back(w); }};
 
   const tpx::Data_PhotonEvents input{to_vector<tpx::PhotonEvent>(photons), to_triggers(triggers)};
-  // The algorithms assert time order; in a Python session that would end the interpreter.
+  // Out of order, a photon that would join an event starting after it stops the algorithms on an assertion;
+  // in a Python session that would end the interpreter, so such lists are refused whole.
   const auto& list = input.photonEvents;
   if (!std::is_sorted(list.begin(), list.end(), [](const auto& a, const auto& b) { return a.toa < b.toa; })) {
     throw std::invalid_argument("photons must be in non-decreasing time of arrival");

@@ -15,6 +15,8 @@
 #include <system_error>
 #include <vector>
 
+#include "common/CommandLine.hpp"
+
 namespace kovra::evaluate {
 
 /// The algorithm names kovra_brantel accepts.
@@ -45,6 +47,7 @@ struct Evaluate_Options {
   std::optional<std::string> csvFile;
   std::optional<std::string> plotDir;
   bool helpRequested = false;
+  bool versionRequested = false;
 };
 
 inline std::string get_evaluateHelp() {
@@ -71,12 +74,13 @@ inline std::string get_evaluateHelp() {
          "      --plots DIR           write heat maps over the grid and the pulse-shape histograms of the best\n"
          "                            setting as PNG files into DIR (needs Debian's python3-matplotlib)\n"
          "  -h, --help                print this help and exit\n"
+         "      --version             print the version and exit\n"
          "\n"
          "Exit status: 0 on success, 1 when a file cannot be read or written or does not match the photon file,\n"
          "2 for a bad command line.\n";
 }
 
-namespace detail {
+namespace options_detail {
 
 inline double parse_value(const std::string& option, const std::string& text, bool allowInfinity) {
   double value = 0;
@@ -118,7 +122,7 @@ inline std::string check_algorithm(const std::string& option, const std::string&
   throw std::invalid_argument("option " + option + ": unknown algorithm \"" + name + "\"");
 }
 
-}  // namespace detail
+}  // namespace options_detail
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
@@ -141,6 +145,7 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
                                        {"csv", required_argument, nullptr, csv},
                                        {"plots", required_argument, nullptr, plots},
                                        {"help", no_argument, nullptr, 'h'},
+                                       tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
   Evaluate_Options options;
   auto& grid = options.grid;
@@ -162,15 +167,15 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
     switch (c) {
       case 's':
         once(dSpaceFrom, "--dSpace");
-        grid.dSpace_px = {detail::parse_value("--dSpace", value, false)};
+        grid.dSpace_px = {options_detail::parse_value("--dSpace", value, false)};
         break;
       case 't':
         once(dTimeFrom, "--dTime");
-        grid.dTime_s = {detail::parse_value("--dTime", value, false)};
+        grid.dTime_s = {options_detail::parse_value("--dTime", value, false)};
         break;
       case 'D':
         once(durationFrom, "--durationMax");
-        grid.durationMax_s = {detail::parse_value("--durationMax", value, true)};
+        grid.durationMax_s = {options_detail::parse_value("--durationMax", value, true)};
         break;
       case dTimeExt: {
         double factor = 0;
@@ -183,32 +188,32 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
       }
       case algorithm:
         once(algorithmFrom, "--algorithm");
-        grid.algorithms = {detail::check_algorithm("--algorithm", value)};
+        grid.algorithms = {options_detail::check_algorithm("--algorithm", value)};
         break;
       case dSpaceGrid:
         once(dSpaceFrom, "--dSpace-grid");
-        grid.dSpace_px = detail::parse_grid("--dSpace-grid", value, false);
+        grid.dSpace_px = options_detail::parse_grid("--dSpace-grid", value, false);
         break;
       case dTimeGrid:
         once(dTimeFrom, "--dTime-grid");
-        grid.dTime_s = detail::parse_grid("--dTime-grid", value, false);
+        grid.dTime_s = options_detail::parse_grid("--dTime-grid", value, false);
         break;
       case algorithmGrid:
         once(algorithmFrom, "--algorithm-grid");
         grid.algorithms.clear();
-        for (const auto& name : detail::split_list("--algorithm-grid", value)) {
-          grid.algorithms.push_back(detail::check_algorithm("--algorithm-grid", name));
+        for (const auto& name : options_detail::split_list("--algorithm-grid", value)) {
+          grid.algorithms.push_back(options_detail::check_algorithm("--algorithm-grid", name));
         }
         break;
       case durationMaxGrid:
         once(durationFrom, "--durationMax-grid");
-        grid.durationMax_s = detail::parse_grid("--durationMax-grid", value, true);
+        grid.durationMax_s = options_detail::parse_grid("--durationMax-grid", value, true);
         break;
       case truth:
         options.truthFile = value;
         break;
       case fomPhotons: {
-        const double n = detail::parse_value("--fom-photons", value, false);
+        const double n = options_detail::parse_value("--fom-photons", value, false);
         if (n < 1 || n != std::floor(n) || n > 1e9) {
           throw std::invalid_argument("option --fom-photons needs a whole number from 1 to 1e9, not \"" + value + "\"");
         }
@@ -216,7 +221,7 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
         break;
       }
       case mergeMax:
-        options.mergeMax = detail::parse_value("--merge-max", value, false);
+        options.mergeMax = options_detail::parse_value("--merge-max", value, false);
         if (options.mergeMax > 1) throw std::invalid_argument("option --merge-max must be from 0 to 1");
         break;
       case csv:
@@ -228,16 +233,14 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
       case 'h':
         options.helpRequested = true;
         return options;
-      case ':':
-        throw std::invalid_argument(std::string("option ") + argv[optind - 1] + " needs a value");
+      case tools::versionOption:
+        options.versionRequested = true;
+        return options;
       default:
-        if (optopt != 0) throw std::invalid_argument(std::string("unknown option -") + static_cast<char>(optopt));
-        throw std::invalid_argument(std::string("unknown option ") + argv[optind - 1]);
+        tools::throw_getoptError(c, argv);
     }
   }
-  if (optind == argc) throw std::invalid_argument("no input file given");
-  if (argc - optind > 1) throw std::invalid_argument(std::string("more than one input file: ") + argv[optind + 1]);
-  options.inputFile = argv[optind];
+  options.inputFile = tools::take_singleInput(argc, argv);
   if (!options.inputFile.ends_with(".kovraphot")) {
     throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot");
   }

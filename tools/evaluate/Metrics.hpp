@@ -71,7 +71,7 @@ struct Event_Class {
   int classIndex;
 };
 
-namespace detail {
+namespace metrics_detail {
 
 /// The q-quantile (0..1) by nearest rank; NaN for no values. Reorders `values`.
 inline double get_quantile(std::vector<double>& values, double q) {
@@ -102,13 +102,13 @@ inline Peak get_peak(std::vector<double> values) {
   return {median, 2.3548200450309493 * 1.482602218505602 * get_quantile(values, 0.5)};
 }
 
-}  // namespace detail
+}  // namespace metrics_detail
 
 /// FoM = |peak_1 - peak_2| / (FWHM_1 + FWHM_2) of two samples; NaN with fewer than two values in either.
 inline double get_figureOfMerit(const std::vector<double>& a, const std::vector<double>& b) {
   if (a.size() < 2 || b.size() < 2) return std::numeric_limits<double>::quiet_NaN();
-  const auto pa = detail::get_peak(a);
-  const auto pb = detail::get_peak(b);
+  const auto pa = metrics_detail::get_peak(a);
+  const auto pb = metrics_detail::get_peak(b);
   return std::abs(pa.position - pb.position) / (pa.fwhm + pb.fwhm);
 }
 
@@ -260,11 +260,11 @@ class Evaluator {
     m.purity = share(nPure, eventPhotons.size());
     m.completeness = share(nComplete, nFlashPhotons);
     m.iou = m.nFlashes == 0 ? std::numeric_limits<double>::quiet_NaN() : iouSum / static_cast<double>(m.nFlashes);
-    m.centroid_rms_px = detail::get_rms(centroidErrors);
-    m.centroid_p95_px = detail::get_quantile(centroidErrors, 0.95);
-    m.time_rms_ns = detail::get_rms(timeErrors);
+    m.centroid_rms_px = metrics_detail::get_rms(centroidErrors);
+    m.centroid_p95_px = metrics_detail::get_quantile(centroidErrors, 0.95);
+    m.time_rms_ns = metrics_detail::get_rms(timeErrors);
     for (double& t : timeErrors) t = std::abs(t);
-    m.time_p95_ns = detail::get_quantile(timeErrors, 0.95);
+    m.time_p95_ns = metrics_detail::get_quantile(timeErrors, 0.95);
     m.fom = get_figureOfMerit(psd[0], psd[1]);
     m.fomEvents = psd[0].size() + psd[1].size();
     return m;

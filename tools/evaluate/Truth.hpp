@@ -51,7 +51,7 @@ inline std::string get_flashPath(const std::string& truthCsvPath) {
          ".kovraflash";
 }
 
-namespace detail {
+namespace truth_detail {
 
 template <typename Number_Type>
 bool parse_field(std::string_view text, Number_Type& value) {
@@ -59,7 +59,7 @@ bool parse_field(std::string_view text, Number_Type& value) {
   return error == std::errc() && ptr == text.data() + text.size() && !text.empty();
 }
 
-}  // namespace detail
+}  // namespace truth_detail
 
 /// Reads the flash list and the flash file and checks them against each other and the photons. Throws
 /// std::invalid_argument with one line saying what is wrong.
@@ -80,9 +80,9 @@ inline Truth read_truth(const std::string& csvPath, const std::vector<kovra::tpx
     }
     fields.push_back(rest);
     True_Flash flash{};
-    if (fields.size() != 5 || !detail::parse_field(fields[0], flash.t_s) ||
-        !detail::parse_field(fields[1], flash.x_px) || !detail::parse_field(fields[2], flash.y_px) ||
-        !detail::parse_field(fields[3], flash.nPhotons) || fields[4].empty()) {
+    if (fields.size() != 5 || !truth_detail::parse_field(fields[0], flash.t_s) ||
+        !truth_detail::parse_field(fields[1], flash.x_px) || !truth_detail::parse_field(fields[2], flash.y_px) ||
+        !truth_detail::parse_field(fields[3], flash.nPhotons) || fields[4].empty()) {
       throw std::invalid_argument("truth file '" + csvPath + "' line " + std::to_string(lineNumber) +
                                   ": expected time, x, y, photon count and class, got '" + line + "'");
     }

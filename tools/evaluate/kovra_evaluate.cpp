@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "common/CommandLine.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
 #include "evaluate/Scan.hpp"
@@ -96,20 +97,7 @@ void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& pro
   }
 }
 
-}  // namespace
-
-int main(int argc, char* argv[]) {
-  Evaluate_Options options;
-  try {
-    options = parse_evaluateOptions(argc, argv);
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "kovra_evaluate: " << e.what() << "\nTry 'kovra_evaluate --help'.\n";
-    return 2;
-  }
-  if (options.helpRequested) {
-    std::cout << get_evaluateHelp();
-    return 0;
-  }
+int run(const Evaluate_Options& options) {
 
   kovra::inspect::Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   try {
@@ -117,12 +105,18 @@ int main(int argc, char* argv[]) {
   } catch (const std::exception& e) {
     progress.finish();
     std::cerr << "kovra_evaluate: " << options.inputFile << ": " << e.what() << '\n';
-    return 1;
+    return kovra::tools::exit_failure;
   }
   std::cout.flush();
   if (!std::cout) {
     std::cerr << "kovra_evaluate: writing to standard output failed\n";
-    return 1;
+    return kovra::tools::exit_failure;
   }
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  return kovra::tools::run_tool("kovra_evaluate", get_evaluateHelp(), argc, argv, parse_evaluateOptions, run);
 }

@@ -67,7 +67,7 @@ std::vector<H5_FieldUnit> get_h5FieldUnits() {
   }
 }
 
-namespace detail {
+namespace hdf5_detail {
 
 class H5_Writer {
  public:
@@ -139,7 +139,7 @@ class H5_Writer {
   const std::string fileName;
 };
 
-}  // namespace detail
+}  // namespace hdf5_detail
 
 /// Writes the whole file as HDF5 to `fileName` (replacing it), one chunk of records at a time; throws
 /// std::runtime_error when HDF5 reports a failure.
@@ -147,7 +147,7 @@ template <typename Record_Type>
 void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file, Progress* progress = nullptr) {
   static_assert(sizeof(Length) == 4 && sizeof(Time) == 8);
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);  // failures become one exception, not a printed error stack
-  const detail::H5_Writer writer(fileName);
+  const hdf5_detail::H5_Writer writer(fileName);
 
   const H5_Handle h5File =
       writer.handle(H5Fcreate(fileName.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);

@@ -11,6 +11,8 @@
 #include <system_error>
 #include <vector>
 
+#include "common/CommandLine.hpp"
+
 namespace kovra::inspect {
 
 /// The settings of one run. Without an export option the summary is printed; `--summary` prints it as well.
@@ -18,6 +20,7 @@ struct Inspect_Options {
   std::string inputFile;
   bool summary = false;
   bool helpRequested = false;
+  bool versionRequested = false;
   std::optional<std::string> csvFile;  ///< "-" for standard output
   std::optional<std::string> hdf5File;
   std::optional<std::string> imageFile;
@@ -30,7 +33,8 @@ inline const std::vector<option>& get_inspectLongOptions() {
       {"summary", no_argument, nullptr, 's'},       {"csv", required_argument, nullptr, 'c'},
       {"hdf5", required_argument, nullptr, 'H'},    {"image", required_argument, nullptr, 'i'},
       {"binning", required_argument, nullptr, 'b'}, {"size", required_argument, nullptr, 'S'},
-      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
+      {"help", no_argument, nullptr, 'h'},          tools::versionLongOption,
+      {nullptr, 0, nullptr, 0}};
   return options;
 }
 
@@ -49,6 +53,7 @@ inline std::string get_inspectHelp() {
          "  -b, --binning PX        detector pixels per image pixel, at least 1/65536 (default 1)\n"
          "      --size PX           detector width and height in pixels covered by the image (default 256)\n"
          "  -h, --help              print this help and exit\n"
+         "      --version           print the version and exit\n"
          "\n"
          "Files are read in blocks of records, so memory stays bounded whatever the file size; a progress line\n"
          "is shown on standard error when it is a terminal. All numbers are written the same in every locale.\n"
@@ -57,7 +62,7 @@ inline std::string get_inspectHelp() {
          "command line.\n";
 }
 
-namespace detail {
+namespace options_detail {
 
 template <typename Number_Type>
 Number_Type parse_number(const char* name, const char* text) {
@@ -70,7 +75,7 @@ Number_Type parse_number(const char* name, const char* text) {
   return value;
 }
 
-}  // namespace detail
+}  // namespace options_detail
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
@@ -94,13 +99,13 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
         options.imageFile = optarg;
         break;
       case 'b':
-        options.binning = detail::parse_number<double>("binning", optarg);
+        options.binning = options_detail::parse_number<double>("binning", optarg);
         if (!(options.binning * 65536.0 >= 1.0) || !(options.binning <= 1e9)) {
           throw std::invalid_argument("option --binning must be between 1/65536 and 1e9 pixels");
         }
         break;
       case 'S':
-        options.size_px = detail::parse_number<int>("size", optarg);
+        options.size_px = options_detail::parse_number<int>("size", optarg);
         if (options.size_px < 1 || options.size_px > 32768) {
           throw std::invalid_argument("option --size must be between 1 and 32768 pixels");
         }
@@ -108,16 +113,14 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
       case 'h':
         options.helpRequested = true;
         return options;
-      case ':':
-        throw std::invalid_argument(std::string("option ") + argv[optind - 1] + " needs a value");
+      case tools::versionOption:
+        options.versionRequested = true;
+        return options;
       default:
-        if (optopt != 0) throw std::invalid_argument(std::string("unknown option -") + static_cast<char>(optopt));
-        throw std::invalid_argument(std::string("unknown option ") + argv[optind - 1]);
+        tools::throw_getoptError(c, argv);
     }
   }
-  if (optind == argc) throw std::invalid_argument("no input file given");
-  if (argc - optind > 1) throw std::invalid_argument(std::string("more than one input file: ") + argv[optind + 1]);
-  options.inputFile = argv[optind];
+  options.inputFile = tools::take_singleInput(argc, argv);
   if (!options.csvFile && !options.hdf5File && !options.imageFile) options.summary = true;
   if (options.summary && options.csvFile == "-") {
     throw std::invalid_argument("the summary and --csv - cannot share standard output");

@@ -6,23 +6,16 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "common/CommandLine.hpp"
 #include "inspect/Inspect.hpp"
 #include "inspect/InspectOptions.hpp"
 #include "inspect/Progress.hpp"
 
-int main(int argc, char* argv[]) {
-  using namespace kovra::inspect;
-  Inspect_Options options;
-  try {
-    options = parse_inspectOptions(argc, argv);
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "kovra_inspect: " << e.what() << "\nTry 'kovra_inspect --help'.\n";
-    return 2;
-  }
-  if (options.helpRequested) {
-    std::cout << get_inspectHelp();
-    return 0;
-  }
+namespace {
+
+using namespace kovra::inspect;
+
+int run(const Inspect_Options& options) {
 
   Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   try {
@@ -30,12 +23,18 @@ int main(int argc, char* argv[]) {
   } catch (const std::exception& e) {
     progress.finish();
     std::cerr << "kovra_inspect: " << options.inputFile << ": " << e.what() << '\n';
-    return 1;
+    return kovra::tools::exit_failure;
   }
   std::cout.flush();
   if (!std::cout) {
     std::cerr << "kovra_inspect: writing to standard output failed\n";
-    return 1;
+    return kovra::tools::exit_failure;
   }
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  return kovra::tools::run_tool("kovra_inspect", get_inspectHelp(), argc, argv, parse_inspectOptions, run);
 }

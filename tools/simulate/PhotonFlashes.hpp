@@ -61,7 +61,7 @@ inline std::uint64_t fingerprint_photons(const std::vector<kovra::tpx3spidr::Pho
   return h ^ (h >> 31);
 }
 
-namespace detail {
+namespace flashes_detail {
 
 inline void put_le(std::string& bytes, std::uint64_t value, int width) {
   for (int i = 0; i < width; ++i) bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
@@ -73,7 +73,7 @@ inline std::uint64_t get_le(const unsigned char* bytes, int width) {
   return value;
 }
 
-}  // namespace detail
+}  // namespace flashes_detail
 
 /// Streams the entries to a temporary file beside the target; `finish` writes the header and renames it into
 /// place, so the file appears whole or not at all. Throws std::runtime_error when a write fails.
@@ -105,7 +105,7 @@ class PhotonFlashes_Writer {
       if (width == 4 && f > std::numeric_limits<std::int32_t>::max()) {
         throw std::runtime_error("flash index beyond the 4-byte entries of '" + path + "'");
       }
-      detail::put_le(buffer, static_cast<std::uint64_t>(f), width);
+      flashes_detail::put_le(buffer, static_cast<std::uint64_t>(f), width);
     }
     file.write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     nPhotons += flashes.size();
@@ -113,11 +113,11 @@ class PhotonFlashes_Writer {
 
   void finish(std::uint64_t nFlashes, std::uint64_t fingerprint) {
     std::string header(photonFlashes_magic, sizeof photonFlashes_magic);
-    detail::put_le(header, photonFlashes_version, 4);
-    detail::put_le(header, static_cast<std::uint64_t>(width), 4);
-    detail::put_le(header, nPhotons, 8);
-    detail::put_le(header, nFlashes, 8);
-    detail::put_le(header, fingerprint, 8);
+    flashes_detail::put_le(header, photonFlashes_version, 4);
+    flashes_detail::put_le(header, static_cast<std::uint64_t>(width), 4);
+    flashes_detail::put_le(header, nPhotons, 8);
+    flashes_detail::put_le(header, nFlashes, 8);
+    flashes_detail::put_le(header, fingerprint, 8);
     file.seekp(0);
     file.write(header.data(), static_cast<std::streamsize>(header.size()));
     file.close();
@@ -159,12 +159,12 @@ inline Photon_Flashes read_photonFlashes(const std::string& path,
   if (bytes.size() < photonFlashes_headerBytes || bytes.compare(0, 8, photonFlashes_magic, 8) != 0) {
     throw std::invalid_argument(where + "not a photon flash file");
   }
-  if (detail::get_le(data + 8, 4) != photonFlashes_version) throw std::invalid_argument(where + "unknown version");
-  const auto width = static_cast<int>(detail::get_le(data + 12, 4));
+  if (flashes_detail::get_le(data + 8, 4) != photonFlashes_version) throw std::invalid_argument(where + "unknown version");
+  const auto width = static_cast<int>(flashes_detail::get_le(data + 12, 4));
   if (width != 4 && width != 8) throw std::invalid_argument(where + "bad entry width");
-  const std::uint64_t nPhotons = detail::get_le(data + 16, 8);
+  const std::uint64_t nPhotons = flashes_detail::get_le(data + 16, 8);
   Photon_Flashes result;
-  result.nFlashes = detail::get_le(data + 24, 8);
+  result.nFlashes = flashes_detail::get_le(data + 24, 8);
   if (nPhotons != photons.size()) {
     throw std::invalid_argument(where + "made for " + std::to_string(nPhotons) + " photons, the photon file has " +
                                 std::to_string(photons.size()));
@@ -173,12 +173,12 @@ inline Photon_Flashes read_photonFlashes(const std::string& path,
       (bytes.size() - photonFlashes_headerBytes) % static_cast<std::size_t>(width) != 0) {
     throw std::invalid_argument(where + "truncated or overlong");
   }
-  if (detail::get_le(data + 32, 8) != fingerprint_photons(photons)) {
+  if (flashes_detail::get_le(data + 32, 8) != fingerprint_photons(photons)) {
     throw std::invalid_argument(where + "made for other photons (another seed or other settings)");
   }
   result.flashOfPhoton.resize(nPhotons);
   for (std::size_t i = 0; i < nPhotons; ++i) {
-    const std::uint64_t raw = detail::get_le(data + photonFlashes_headerBytes + i * static_cast<std::size_t>(width),
+    const std::uint64_t raw = flashes_detail::get_le(data + photonFlashes_headerBytes + i * static_cast<std::size_t>(width),
                                              width);
     // Sign-extend the 4-byte entries.
     const std::int64_t f = width == 4 ? static_cast<std::int32_t>(static_cast<std::uint32_t>(raw))

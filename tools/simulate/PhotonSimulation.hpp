@@ -83,7 +83,7 @@ struct Simulation_Result {
 /// No per-photon flash index wanted.
 struct PhotonFlashes_None {};
 
-namespace detail {
+namespace simulation_detail {
 
 /// A photon of the slice being drawn, with the index of its flash (-1 for a dark count).
 struct Slice_Photon {
@@ -122,7 +122,7 @@ inline void sort_byToa(std::vector<Slice_Photon>& photons, std::vector<Slice_Pho
   }
 }
 
-}  // namespace detail
+}  // namespace simulation_detail
 
 /// Draws the flashes and dark counts of one acquisition and hands each flash to `onEvent` (a `True_Event`,
 /// in time order) once its photons are drawn. `onPhotonFlashes`, unless PhotonFlashes_None, receives the
@@ -166,8 +166,8 @@ Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& s
   double nextEvent = eventGap > 0.0 ? eventRandom.exponential(eventGap) : end;
   double nextDark = darkGap > 0.0 ? darkRandom.exponential(darkGap) : end;
 
-  std::vector<detail::Slice_Photon> buffer;
-  std::vector<detail::Slice_Photon> scratch;
+  std::vector<simulation_detail::Slice_Photon> buffer;
+  std::vector<simulation_detail::Slice_Photon> scratch;
   std::vector<std::int64_t> sliceFlashes;
   auto& output = result.photons.photonEvents;
   for (long sliceBegin = 0; static_cast<double>(sliceBegin) < end; sliceBegin += sliceTicks) {
@@ -210,10 +210,10 @@ Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& s
       ++result.nDarkPhotons;
     }
 
-    detail::sort_byToa(buffer, scratch, sliceBegin);
+    simulation_detail::sort_byToa(buffer, scratch, sliceBegin);
     const long finalBefore = sliceBegin + sliceTicks;
     const auto firstCarried = std::partition_point(
-        buffer.begin(), buffer.end(), [&](const detail::Slice_Photon& p) { return p.photon.toa.value < finalBefore; });
+        buffer.begin(), buffer.end(), [&](const simulation_detail::Slice_Photon& p) { return p.photon.toa.value < finalBefore; });
     sliceFlashes.clear();
     for (auto p = buffer.begin(); p != firstCarried; ++p) {
       output.push_back(p->photon);

@@ -2,7 +2,11 @@
 
 // The simulator's random numbers: a small, fast generator and the few distributions the photon model draws
 // from. All of them are written out here rather than taken from <random>, whose distributions differ between
-// standard libraries: a seed must give the same photon file on every machine we build on.
+// standard libraries. What holds: the integer stream and uniform() are the same on every machine; the
+// exponential, normal and Poisson draws (and the photon model) go through std::log, std::exp and std::sqrt of
+// the C maths library, so a seed gives the same photon file for a given build and C library (Debian's glibc
+// here), while another maths library may round a last bit differently and, rarely, move a photon by a clock
+// tick or change a count.
 
 #include <cassert>
 #include <cmath>

@@ -8,9 +8,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "common/CommandLine.hpp"
 #include "simulate/PhotonSimulation.hpp"
 
 namespace kovra::simulate {
@@ -22,7 +24,7 @@ struct Simulate_Options {
   bool writeTruth = false;
   std::string rawPath;  ///< also the raw form (Timepix3 packets) to this file, when given
   bool helpRequested = false;
-  std::string error;  ///< empty when the command line is usable
+  bool versionRequested = false;
 };
 
 /// Most photons one run may be expected to produce (16 bytes each are held in memory).
@@ -61,6 +63,7 @@ inline std::string get_simulateHelp() {
                 "                          walk, chunks per chip, triggers as TDC edges), for kovra_import;\n"
                 "                          a frame up to 256 x 256 is one chip, up to 512 x 512 a quad\n"
                 "  -h, --help              print this help and exit\n"
+                "      --version           print the version and exit\n"
                 "\n"
                 "Exit status: 0 on success, 2 for a bad command line, 1 when the file cannot be written.\n",
                 d.duration_s, d.eventRate_Hz, d.photonsPerEvent, d.sigma_px, d.width_px, d.height_px, d.tauFast_s,
@@ -70,7 +73,7 @@ inline std::string get_simulateHelp() {
   return text;
 }
 
-namespace detail {
+namespace options_detail {
 
 /// The whole of `text` as a finite number, or false.
 inline bool parse_number(const std::string& text, double& value) {
@@ -81,9 +84,9 @@ inline bool parse_number(const std::string& text, double& value) {
   return errno == 0 && *endOfNumber == '\0' && std::isfinite(value);
 }
 
-}  // namespace detail
+}  // namespace options_detail
 
-/// Reads the command line. getopt_long keeps global state: callers that parse more than once set optind = 0.
+/// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
   enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth };
   enum : int { raw = truth + 1 };
@@ -97,33 +100,30 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       {"triggers", required_argument, nullptr, triggers}, {"seed", required_argument, nullptr, seed},
       {"truth", no_argument, nullptr, truth},             {"help", no_argument, nullptr, 'h'},
       {"raw", required_argument, nullptr, raw},
-      {nullptr, 0, nullptr, 0}};
+      tools::versionLongOption,                           {nullptr, 0, nullptr, 0}};
 
   Simulate_Options options;
   auto& s = options.settings;
   bool classesGiven = false;
-  const auto fail = [&](const std::string& message) {
-    options.error = message;
-    return options;
-  };
-  // A number from the option's argument within [low, high] (an open low end when lowOpen), or an error.
+  const auto fail = [](const std::string& message) -> Simulate_Options { throw std::invalid_argument(message); };
+  // A number from the option's argument within [low, high] (an open low end when lowOpen); throws otherwise.
   const auto read_number = [&](const char* name, const char* unit, double low, bool lowOpen, double high,
                                double& target) {
     double value = 0.0;
     const std::string text = optarg;
     char bounds[160];
     std::snprintf(bounds, sizeof bounds, "%s %g", lowOpen ? "greater than" : "at least", low);
-    if (!detail::parse_number(text, value) || value < low || (lowOpen && value == low) || value > high) {
-      options.error = std::string("--") + name + ": expected " + unit + " " + bounds +
-                      (std::isinf(high) ? "" : " and at most " + std::to_string(static_cast<long long>(high))) +
-                      ", got '" + text + "'";
-      return false;
+    if (!options_detail::parse_number(text, value) || value < low || (lowOpen && value == low) || value > high) {
+      fail(std::string("--") + name + ": expected " + unit + " " + bounds +
+           (std::isinf(high) ? "" : " and at most " + std::to_string(static_cast<long long>(high))) + ", got '" +
+           text + "'");
     }
     target = value;
     return true;
   };
   const double inf = INFINITY;
 
+  optind = 0;
   opterr = 0;
   int c = 0;
   while ((c = getopt_long(argc, argv, ":o:d:r:n:h", longOptions, nullptr)) != -1) {
@@ -173,9 +173,9 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
         if (colon2 == std::string::npos) return fail(bad);
         pc.name = text.substr(0, colon1);
         if (pc.name.empty() || pc.name.find_first_of(",\"\n") != std::string::npos) return fail(bad);
-        if (!detail::parse_number(text.substr(colon1 + 1, colon2 - colon1 - 1), pc.weight) || !(pc.weight > 0.0))
+        if (!options_detail::parse_number(text.substr(colon1 + 1, colon2 - colon1 - 1), pc.weight) || !(pc.weight > 0.0))
           return fail(bad);
-        if (!detail::parse_number(text.substr(colon2 + 1), pc.slowFraction) || pc.slowFraction < 0.0 ||
+        if (!options_detail::parse_number(text.substr(colon2 + 1), pc.slowFraction) || pc.slowFraction < 0.0 ||
             pc.slowFraction > 1.0)
           return fail(bad);
         if (!classesGiven) s.classes.clear();
@@ -192,7 +192,7 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
           s.triggerMode = Trigger_Mode::absent;
         } else if (text == "empty") {
           s.triggerMode = Trigger_Mode::empty;
-        } else if (detail::parse_number(text, value) && value > 0.0) {
+        } else if (options_detail::parse_number(text, value) && value > 0.0) {
           s.triggerMode = Trigger_Mode::periodic;
           s.triggerFrequency_Hz = value;
         } else {
@@ -221,10 +221,11 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       case 'h':
         options.helpRequested = true;
         return options;
-      case ':':
-        return fail(std::string("option '") + argv[optind - 1] + "' needs a value");
+      case tools::versionOption:
+        options.versionRequested = true;
+        return options;
       default:
-        return fail(std::string("unknown option '") + argv[optind - 1] + "'");
+        tools::throw_getoptError(c, argv);
     }
   }
   if (optind < argc) return fail(std::string("unexpected argument '") + argv[optind] + "'");

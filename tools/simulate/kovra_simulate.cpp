@@ -8,28 +8,23 @@
 #include <stdexcept>
 #include <vector>
 
+#include "common/CommandLine.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
 #include "simulate/SimulateOptions.hpp"
 
-int main(int argc, char* argv[]) {
-  using namespace kovra::simulate;
-  const Simulate_Options options = parse_simulateOptions(argc, argv);
-  if (options.helpRequested) {
-    std::cout << get_simulateHelp();
-    return 0;
-  }
-  if (!options.error.empty()) {
-    std::cerr << "kovra_simulate: " << options.error << "\nTry 'kovra_simulate --help'.\n";
-    return 2;
-  }
+namespace {
+
+using namespace kovra::simulate;
+
+int run_simulate(const Simulate_Options& options) {
 
   // The library's writer does not report an unwritable path, so find out before the work is done.
   if (!std::ofstream(options.outputPath, std::ios::binary | std::ios::trunc)) {
     std::cerr << "kovra_simulate: cannot write '" << options.outputPath << "'\n";
-    return 1;
+    return kovra::tools::exit_failure;
   }
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> truth(nullptr, &std::fclose);
   const std::string truthPath = get_truthPath(options.outputPath);
@@ -37,7 +32,7 @@ int main(int argc, char* argv[]) {
     truth.reset(std::fopen(truthPath.c_str(), "w"));
     if (!truth) {
       std::cerr << "kovra_simulate: cannot write '" << truthPath << "'\n";
-      return 1;
+      return kovra::tools::exit_failure;
     }
     std::fputs("t_s,x_px,y_px,nPhotons,class\n", truth.get());
   }
@@ -54,7 +49,7 @@ int main(int argc, char* argv[]) {
     if (options.writeTruth) flashes.emplace(get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
   } catch (const std::runtime_error& e) {
     std::cerr << "kovra_simulate: " << e.what() << "\n";
-    return 1;
+    return kovra::tools::exit_failure;
   }
   const Simulation_Result result =
       options.writeTruth ? simulate_photonEvents_withFlashes(
@@ -63,7 +58,7 @@ int main(int argc, char* argv[]) {
                          : simulate_photonEvents(options.settings, onEvent);
   if (truth && std::fclose(truth.release()) != 0) {
     std::cerr << "kovra_simulate: cannot write '" << truthPath << "'\n";
-    return 1;
+    return kovra::tools::exit_failure;
   }
 
   kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(options.outputPath, result.photons);
@@ -71,7 +66,7 @@ int main(int argc, char* argv[]) {
     if (flashes) flashes->finish(result.nEvents, fingerprint_photons(result.photons.photonEvents));
   } catch (const std::runtime_error& e) {
     std::cerr << "kovra_simulate: " << e.what() << "\n";
-    return 1;
+    return kovra::tools::exit_failure;
   }
 
   std::cout << "kovra_simulate: wrote " << result.photons.size() << " photons (" << result.nEventPhotons
@@ -95,4 +90,10 @@ int main(int argc, char* argv[]) {
     std::cout << "kovra_simulate: wrote the raw form, " << nHits << " hits, to " << options.rawPath << "\n";
   }
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  return kovra::tools::run_tool("kovra_simulate", get_simulateHelp(), argc, argv, parse_simulateOptions, run_simulate);
 }

@@ -44,7 +44,7 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
   std::vector<std::size_t> members;
   members.reserve(64);
 
-  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, [&]<bool ordered>(auto& window) {
+  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
     for (std::size_t s = 0; window.fetch(s); ++s) {
       window.release_before(s);
       if (window.is_taken(s)) continue;

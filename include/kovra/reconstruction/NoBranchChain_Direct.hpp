@@ -143,7 +143,7 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
   using Event_Type = typename PhotonEventChain_Type::Event_Type;
   const auto chains = detail::make_noBranchChain_window(settings);
 
-  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, [&]<bool ordered>(auto& window) {
+  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
     using Window_Type = std::remove_reference_t<decltype(window)>;
     const bool countCells = ordered && detail::is_crowded(window, settings.dTime, detail::noBranchChain_crowdedFrom);
     detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace);

@@ -43,7 +43,7 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
   // The window mark of a photon: how far past it its own chain looked while the photon was its last one; see
   // grow(). Every taken photon was its chain's last one for a while, so its mark is written before it is read
   // as a seed.
-  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, [&]<bool ordered>(auto& window) {
+  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
     using Window_Type = std::remove_reference_t<decltype(window)>;
     // In time order and crowded windows, the free photons from i + 1 on are counted by cell: a taken seed with
     // no free photon near it in its window has no partner and gives no event, without a look at its window,

@@ -11,8 +11,10 @@
 
 #include <cassert>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "kovra/PhotonSource.hpp"
@@ -37,6 +39,14 @@ class EventList {
 
 /// The line reported, once per call, by the algorithms that have no use for a window extension factor.
 inline constexpr const char* extensionFactor_notSupported = "Extension factor is not supported for the chosen algorithm!";
+/// The lines told, at most once per call, when the input is not in time order: found so during the pass (which
+/// then starts over), or known so before it.
+inline constexpr const char* inputOrder_brokenDuringPass =
+    "Photons are not in time order: reconstruction started over from the first photon without the shortcuts for "
+    "ordered input (such a run takes about 4 to 9 times as long)";
+inline constexpr const char* inputOrder_notOrdered =
+    "Photons are not in time order: reconstruction runs without the shortcuts for ordered input (such a run takes "
+    "about 4 to 9 times as long)";
 
 namespace detail {
 
@@ -53,11 +63,12 @@ constexpr Time_Type add_saturating(Time_Type a, Time_Type b) {
 }
 
 /// Runs `pass.template operator()<ordered>(window)` over the source: with the shortcuts for ordered input when
-/// the order holds (or may hold), otherwise, or after the order broke, without. `Mark_Type` is the pass's own
-/// entry per photon in the window. A membership sink cannot take calls back, so it needs a source whose order
-/// is known up front.
+/// the order holds (or may hold), otherwise, or after the order broke, without; `inform` (when set) is told
+/// once why when the pass runs without them. `Mark_Type` is the pass's own entry per photon in the window. A
+/// membership sink cannot take calls back, so it needs a source whose order is known up front.
 template <typename Mark_Type, typename PhotonEvent_Type, typename Out_Type, typename Pass_Type>
-void run_pass(PhotonSource<PhotonEvent_Type>& source, Out_Type& out, bool reportsMembers, Pass_Type&& pass) {
+void run_pass(PhotonSource<PhotonEvent_Type>& source, Out_Type& out, bool reportsMembers,
+              const std::function<void(const std::string&)>& inform, Pass_Type&& pass) {
   const std::optional<bool> knownOrder = source.get_knownOrder();
   assert(!reportsMembers || knownOrder.has_value());
   if (!knownOrder || *knownOrder) {
@@ -68,7 +79,10 @@ void run_pass(PhotonSource<PhotonEvent_Type>& source, Out_Type& out, bool report
     } catch (const PhotonWindow_OrderBroken&) {
       source.rewind();
       out.restart();
+      if (inform) inform(inputOrder_brokenDuringPass);
     }
+  } else if (inform) {
+    inform(inputOrder_notOrdered);
   }
   PhotonWindow<PhotonEvent_Type, Mark_Type> window(source, false);
   pass.template operator()<false>(window);

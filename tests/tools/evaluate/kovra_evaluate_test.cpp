@@ -10,21 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include "RunProgram.hpp"
 #include "TempDir.hpp"
 
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out, err;
-};
-
-Outcome run(const TempDir& dir, const std::string& program, const std::string& args) {
-  const std::string out = dir.file("stdout.txt"), err = dir.file("stderr.txt");
-  const int raw = std::system(("cd '" + dir.path().string() + "' && '" + program + "' " + args + " >'" + out +
-                               "' 2>'" + err + "'")
-                                  .c_str());
-  return {WEXITSTATUS(raw), read_bytes(out), read_bytes(err)};
+Program_Outcome run(const TempDir& dir, const std::string& program, const std::string& args) {
+  return run_program(dir, program, args);
 }
 
 /// A quiet source: few flashes of many photons, far apart.

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 
 #include "FileBytes.hpp"
+#include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "inspect/Inspect.hpp"
 
@@ -71,11 +72,10 @@ class InspectTest : public ::testing::Test {
 
   /// Runs the built program in the test's directory; returns its exit status, its output in `out` and `err`.
   int run(const std::string& arguments) {
-    const std::string command = "cd '" + dir.path().string() + "' && '" KOVRA_INSPECT_PATH "' " + arguments;
-    const int status = std::system((command + " > out.txt 2> err.txt").c_str());
-    out = read_bytes(dir.file("out.txt"));
-    err = read_bytes(dir.file("err.txt"));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    Program_Outcome outcome = run_program(dir, KOVRA_INSPECT_PATH, arguments);
+    out = std::move(outcome.out);
+    err = std::move(outcome.err);
+    return outcome.status;
   }
 
   const TempDir dir;

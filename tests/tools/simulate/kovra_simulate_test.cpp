@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonFlashes.hpp"
@@ -18,13 +19,8 @@
 
 namespace {
 
-struct Outcome { int status; std::string out, err; };
-
-Outcome run_simulate(const TempDir& dir, const std::string& args) {
-  const std::string out = dir.file("stdout.txt"), err = dir.file("stderr.txt");
-  const int raw = std::system(("cd '" + dir.path().string() + "' && '" KOVRA_SIMULATE_PATH "' " + args + " >'" + out +
-                               "' 2>'" + err + "'").c_str());
-  return {WEXITSTATUS(raw), read_bytes(out), read_bytes(err)};
+Program_Outcome run_simulate(const TempDir& dir, const std::string& args) {
+  return run_program(dir, KOVRA_SIMULATE_PATH, args);
 }
 
 }  // namespace
@@ -51,8 +47,8 @@ TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
       {{"--seed=-1"}, seedRule + "-1'"},
       {{"--seed", "18446744073709551616"}, seedRule + "18446744073709551616'"},
       {{"-r", "1e9", "-n", "10"}, "1e+10 photons expected, more than the limit of 1e+09; shorten --duration"},
-      {{"--bogus"}, "unknown option '--bogus'"},
-      {{"--seed"}, "option '--seed' needs a value"},
+      {{"--bogus"}, "unknown option --bogus"},
+      {{"--seed"}, "option --seed needs a value"},
       {{"extra"}, "unexpected argument 'extra'"},
   };
   for (const auto& c : cases) {

@@ -1,0 +1,102 @@
+// The cell counts that let the no-branch chains skip scans: a "no" must be true. Checked against a direct test
+// across the whole 32-bit coordinate range, at cell borders and where the range wraps, for cells from one raw
+// unit to half the range wide.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "kovra/reconstruction/Cells_FreePhotons.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+
+using kovra::tpx3spidr::Length;
+using kovra::tpx3spidr::PhotonEvent;
+using kovra::tpx3spidr::Time;
+
+namespace {
+
+constexpr std::int32_t lowest = std::numeric_limits<std::int32_t>::min();
+constexpr std::int32_t highest = std::numeric_limits<std::int32_t>::max();
+
+/// |a - b| < dSpace on the 32-bit wrapped difference, as the no-branch chains test it.
+bool near(std::int32_t a, std::int32_t b, std::int32_t dSpace) {
+  const auto difference = static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
+  return std::llabs(static_cast<long long>(difference)) < dSpace;
+}
+
+/// Coordinates that matter for cells of width 2^shift: both ends of the range, zero, and each side of cell
+/// borders spread over the range; plus random ones.
+std::vector<std::int32_t> coordinates(int shift, std::mt19937& random) {
+  std::vector<std::int32_t> values = {lowest, lowest + 1, -1, 0, 1, highest - 1, highest};
+  const std::int64_t width = std::int64_t{1} << shift;
+  for (const std::int64_t border : {std::int64_t{lowest}, std::int64_t{-2} * width, -width, width, 2 * width,
+                                    std::int64_t{127} * width, std::int64_t{128} * width, std::int64_t{highest} + 1 - width}) {
+    for (const std::int64_t offset : {std::int64_t{-1}, std::int64_t{0}, std::int64_t{1}}) {
+      const std::int64_t v = border + offset;
+      if (v >= lowest && v <= highest) values.push_back(static_cast<std::int32_t>(v));
+    }
+  }
+  std::uniform_int_distribution<std::int32_t> any(lowest, highest);
+  for (int k = 0; k < 8; ++k) values.push_back(any(random));
+  return values;
+}
+
+}  // namespace
+
+TEST(CellsFreePhotonsTest, NoIsTrueAcrossTheWholeRangeAndAtCellBorders) {
+  std::mt19937 random(17);
+  int nearPairs = 0;
+  int farNo = 0;
+  for (const std::int32_t dSpace : {1, 2, 3, 65536, 5 * 65536, 65537, 1 << 30, highest}) {
+    kovra::detail::Cells_FreePhotons<Length> cells{Length{dSpace}};
+    // The width the cells get: the least power of two not below dSpace.
+    int shift = 0;
+    while ((std::int64_t{1} << shift) < dSpace) ++shift;
+    const std::vector<std::int32_t> values = coordinates(shift, random);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      const PhotonEvent counted{Length{values[i]}, Length{values[(7 * i) % values.size()]}, Time{0}};
+      cells.add(counted);
+      for (const std::int32_t qx : values) {
+        for (const std::int64_t step : {std::int64_t{0}, std::int64_t{dSpace} - 1, -(std::int64_t{dSpace} - 1)}) {
+          const auto qy = static_cast<std::int32_t>(static_cast<std::uint32_t>(counted.y.value) +
+                                                    static_cast<std::uint32_t>(step));
+          const bool isNear = near(qx, counted.x.value, dSpace) && near(qy, counted.y.value, dSpace);
+          const bool maybe = cells.any_near(Length{qx}, Length{qy});
+          if (isNear) {
+            ++nearPairs;
+            EXPECT_TRUE(maybe) << "dSpace " << dSpace << ": photon (" << counted.x.value << ", " << counted.y.value
+                               << "), query (" << qx << ", " << qy << ")";
+          }
+          if (!maybe) ++farNo;
+        }
+      }
+      cells.remove(counted);
+      // Uncounted again: nothing is near anything.
+      EXPECT_FALSE(cells.any_near(counted.x, counted.y)) << "dSpace " << dSpace;
+    }
+  }
+  EXPECT_GT(nearPairs, 1000);
+  EXPECT_GT(farNo, 1000) << "the counts must also say no";
+}
+
+TEST(CellsFreePhotonsTest, TwoCellsApartIsNoOnEitherSideOfZeroAndOfTheWrap) {
+  for (const std::int32_t dSpace : {1, 65536, 5 * 65536}) {
+    int shift = 0;
+    while ((std::int64_t{1} << shift) < dSpace) ++shift;
+    const auto width = static_cast<std::int64_t>(std::int64_t{1} << shift);
+    for (const std::int64_t at : {std::int64_t{0}, std::int64_t{-1}, std::int64_t{lowest}, std::int64_t{highest}}) {
+      kovra::detail::Cells_FreePhotons<Length> cells{Length{dSpace}};
+      cells.add(PhotonEvent{Length{static_cast<std::int32_t>(at)}, Length{0}, Time{0}});
+      for (const std::int64_t cellsAway : {std::int64_t{2}, std::int64_t{-2}, std::int64_t{5}}) {
+        // Moved whole cells from the photon's own cell, wrapping like the coordinates do.
+        const std::int64_t cellStart = (at >> shift) << shift;
+        const auto q = static_cast<std::int32_t>(static_cast<std::uint32_t>(cellStart + cellsAway * width));
+        EXPECT_FALSE(cells.any_near(Length{q}, Length{0})) << dSpace << " at " << at << ", " << cellsAway << " cells";
+      }
+    }
+  }
+}
