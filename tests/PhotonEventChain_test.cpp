@@ -55,7 +55,7 @@ TEST(PhotonEventChainTest, PulseShapeFollowsTheStatedOrderOfOperations) {
 
 TEST(PhotonEventChainDeathTest, PhotonBeforeTheFirstStops) {
   PhotonEventChain chain(photon(0, 0, 100));
-  EXPECT_DEATH(chain.add_photon(photon(0, 0, 99)), "photon.get_toa\\(\\).get_seconds\\(\\) >= t_first_s");
+  EXPECT_DEATH(chain.add_photon(photon(0, 0, 99)), "firstPhoton.get_toa\\(\\).get_seconds\\(\\) >= t_first_abs_s");
   chain.nPhotons = 0;
   EXPECT_DEATH(chain.get_t_first(), "nPhotons != 0");
 }

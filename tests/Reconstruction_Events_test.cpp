@@ -220,7 +220,7 @@ TEST(ReconstructionDeathTest, PhotonsOutOfOrderAbort) {
   // The seed is later than the photon after it, which joins.
   for (const auto& name : {F, W, N, G}) {
     EXPECT_DEATH(run(settings(6 * px, 10), train({100, 95}), name),
-                 "photon\\.get_toa\\(\\)\\.get_seconds\\(\\) >= t_first_s");
+                 "firstPhoton\\.get_toa\\(\\)\\.get_seconds\\(\\) >= t_first_abs_s");
   }
   EXPECT_DEATH(run(settings(6 * px, 10), {photon(0, 0, 100), photon(100 * px, 0, 95)}, W),
                "chains\\.empty\\(\\) \\|\\| chains\\.back\\(\\)\\.get_t_first\\(\\) <= newChain\\.get_t_first\\(\\)");

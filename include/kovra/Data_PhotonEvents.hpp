@@ -26,10 +26,11 @@ struct PhotonEvent {
 
 /// One reconstructed event: integer centroid, time of its first photon, photon count (at least 1) and
 /// pulse-shape value in seconds (0.0 for a one-photon event).
-template <typename Length_Type, typename Time_Type>
+template <typename Length_Type, typename Time_Type, typename PSD_Type>
 struct Event {
   using length_type = Length_Type;
   using time_type = Time_Type;
+  using psd_type = PSD_Type;
 
   Length_Type x;
   Length_Type y;
@@ -42,6 +43,7 @@ struct Event {
 /// (absent when the file has none; an empty list is a different state).
 template <typename PhotonEvent_Type>
 struct Data_PhotonEvents {
+  using photon_type = PhotonEvent_Type;
   using time_type = typename PhotonEvent_Type::time_type;
 
   std::vector<PhotonEvent_Type> photonEvents;
@@ -59,6 +61,7 @@ struct Data_PhotonEvents {
 /// carried through unchanged. Filled only by moving both lists in.
 template <typename Event_Type>
 struct Data_Events {
+  using event_type = Event_Type;
   using time_type = typename Event_Type::time_type;
 
   std::vector<Event_Type> events;

@@ -17,14 +17,14 @@
 namespace kovra {
 
 /// Reads and writes event files; the width arguments are the on-disk bytes of one length and one time value.
-template <typename Length_Type, typename Time_Type, std::size_t length_bytes, std::size_t time_bytes,
-          std::uint64_t file_type_index>
+template <typename Length_Type, typename Time_Type, typename PSD_Type, std::size_t length_bytes,
+          std::size_t time_bytes, std::uint64_t file_type_index>
 class FileHandler_Events
-    : public FileHandler_KovraData<file_type_index, Data_Events<Event<Length_Type, Time_Type>>> {
-  using Base = FileHandler_KovraData<file_type_index, Data_Events<Event<Length_Type, Time_Type>>>;
+    : public FileHandler_KovraData<file_type_index, Data_Events<Event<Length_Type, Time_Type, PSD_Type>>> {
+  using Base = FileHandler_KovraData<file_type_index, Data_Events<Event<Length_Type, Time_Type, PSD_Type>>>;
 
  public:
-  using Event_Type = Event<Length_Type, Time_Type>;
+  using Event_Type = Event<Length_Type, Time_Type, PSD_Type>;
   using Data_Type = Data_Events<Event_Type>;
   using IO_Events = typename Base::template IO_Records<Event_Type, detail::make_identifier("events")>;
   using IO_ExtTriggers = typename Base::template IO_Records<Time_Type, Base::extTrigs_identifier>;

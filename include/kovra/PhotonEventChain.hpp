@@ -13,7 +13,7 @@ namespace kovra {
 /// Keeps no list of its photons; an algorithm that needs the last photon or a window keeps it beside.
 template <typename Length_Type, typename Time_Type, typename PSD_Type>
 struct PhotonEventChain {
-  using Event_Type = Event<Length_Type, Time_Type>;
+  using Event_Type = Event<Length_Type, Time_Type, PSD_Type>;
 
   Length_Type x;
   Length_Type y;
@@ -23,14 +23,16 @@ struct PhotonEventChain {
 
   template <typename PhotonEvent_Type>
   explicit PhotonEventChain(const PhotonEvent_Type& first)
-      : x(first.x), y(first.y), t_first(first.toa), nPhotons(1), psd() {}
+      : x(first.x), y(first.y), t_first(first.toa), nPhotons(1), psd() {
+    psd.add_photon_first(first);
+  }
 
   template <typename PhotonEvent_Type>
   void add_photon(const PhotonEvent_Type& p) {
-    psd.add_photon(p, t_first, nPhotons);
     nPhotons = nPhotons + 1;
     x.add_to_mean(p.x, nPhotons);
     y.add_to_mean(p.y, nPhotons);
+    psd.add_photon_notFirst(p);
   }
 
   Time_Type get_t_first() const {

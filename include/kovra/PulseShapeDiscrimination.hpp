@@ -9,19 +9,26 @@
 namespace kovra {
 
 /// Running mean of the photons' time distances to the first photon, in seconds; `value` is 0.0 for one photon.
-/// Holds only the mean: the event's first time and photon count are the chain's, passed in.
 struct PSD_Parameter_SumTimeDistToFirst {
+  double t_first_abs_s = 0.0;
   double value = 0.0;
+  std::uint64_t nPhotons = 0;
 
-  /// Folds in a further photon of an event whose first photon arrived at `t_first` and which held
-  /// `nPhotonsBefore` photons; it must not be earlier than the first one. The order of operations (multiply, add
-  /// the distance, divide) is part of the result.
-  template <typename PhotonEvent_Type, typename Time_Type>
-  void add_photon(const PhotonEvent_Type& photon, Time_Type t_first, std::uint64_t nPhotonsBefore) {
-    const double t_first_s = t_first.get_seconds();
-    assert(photon.get_toa().get_seconds() >= t_first_s);
-    const double m = static_cast<double>(nPhotonsBefore);
-    value = (value * m + (photon.get_toa().get_seconds() - t_first_s)) / static_cast<double>(nPhotonsBefore + 1);
+  template <typename PhotonEvent_Type>
+  void add_photon_first(const PhotonEvent_Type& firstPhoton) {
+    t_first_abs_s = firstPhoton.get_toa().get_seconds();
+    value = 0.0;
+    nPhotons = 1;
+  }
+
+  /// Folds in a further photon; it must not be earlier than the first one. The order of operations
+  /// (multiply, add the distance, divide) is part of the result.
+  template <typename PhotonEvent_Type>
+  void add_photon_notFirst(const PhotonEvent_Type& firstPhoton) {
+    assert(firstPhoton.get_toa().get_seconds() >= t_first_abs_s);
+    const double m = static_cast<double>(nPhotons);
+    value = (value * m + (firstPhoton.get_toa().get_seconds() - t_first_abs_s)) / static_cast<double>(nPhotons + 1);
+    nPhotons = nPhotons + 1;
   }
 };
 

@@ -30,7 +30,7 @@ namespace kovra {
 template <typename Length_Type, typename Time_Type, typename PSD_Type>
 struct Reconstruction_Events {
   using PhotonEvent_Type = PhotonEvent<Length_Type, Time_Type>;
-  using Event_Type = Event<Length_Type, Time_Type>;
+  using Event_Type = Event<Length_Type, Time_Type, PSD_Type>;
   using PhotonEventChain_Type = PhotonEventChain<Length_Type, Time_Type, PSD_Type>;
   using Data_PhotonEvents_Type = Data_PhotonEvents<PhotonEvent_Type>;
   using Data_Events_Type = Data_Events<Event_Type>;

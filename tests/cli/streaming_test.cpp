@@ -108,7 +108,7 @@ TEST(StreamingFailureTest, AFailedRunLeavesTheOutputAsItWasAndNothingBeside) {
       // A photon earlier than its event's first one stops the program in the middle of the pass.
       {"assertion in the middle of the pass",
        FileBytes::file(2, FileBytes().block("photons", FileBytes(photonList).raw(photon(0, 998990).data))).data,
-       "fullChain_direct", "photon.get_toa().get_seconds() >= t_first_s"},
+       "fullChain_direct", "firstPhoton.get_toa().get_seconds() >= t_first_abs_s"},
   };
   for (const auto& c : cases) {
     TempDir dir;

@@ -55,6 +55,7 @@ struct Record_Traits<Event> {
 template <typename Record_Type>
 class RecordFile {
  public:
+  using record_type = Record_Type;
   using traits = Record_Traits<Record_Type>;
 
   static constexpr std::uint64_t default_chunkRecords = std::uint64_t{1} << 16;

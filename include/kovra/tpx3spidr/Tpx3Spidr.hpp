@@ -24,7 +24,7 @@ using Time = kovra::Time<long, 1.5625e-9>;
 using PSD = kovra::PSD_Parameter_SumTimeDistToFirst;
 
 using PhotonEvent = kovra::PhotonEvent<Length, Time>;
-using Event = kovra::Event<Length, Time>;
+using Event = kovra::Event<Length, Time, PSD>;
 using Data_PhotonEvents = kovra::Data_PhotonEvents<PhotonEvent>;
 using Data_Events = kovra::Data_Events<Event>;
 using PhotonEventChain = kovra::PhotonEventChain<Length, Time, PSD>;
@@ -32,7 +32,7 @@ using Reconstruction_Events = kovra::Reconstruction_Events<Length, Time, PSD>;
 
 /// Photon files (".kovraphot") and event files (".kovraevent").
 using FileHandler_PhotonEvents = kovra::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
-using FileHandler_Events = kovra::FileHandler_Events<Length, Time, 4, 8, 3>;
+using FileHandler_Events = kovra::FileHandler_Events<Length, Time, PSD, 4, 8, 3>;
 
 /// Streaming: photons from a file or a list, events to a file as they are found.
 using PhotonSource = kovra::PhotonSource<PhotonEvent>;
