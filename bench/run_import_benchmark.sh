@@ -7,7 +7,10 @@
 #   decode only      kovra_import_floor with the output discarded: reading and decoding alone
 #   hits-as-photons  kovra_import --hits-as-photons (clock, reorder window, one photon per hit)
 #   grouping         kovra_import with the default grouping
-# and prints a Markdown table: wall time, packets per second, peak resident memory, time over the floor's.
+# and prints a Markdown table: wall time, the processor time of that run (user and system), packets per second,
+# peak resident memory, time over the floor's. Every run starts without the output of the run before: the floor
+# truncates its output when it opens it, while kovra_import replaces its output only when the new one is
+# complete, so a leftover output would keep gigabytes more in the page cache during the run.
 #
 #   bench/run_import_benchmark.sh [--seconds S] [--repeat N] [--build-dir DIR] [--data-dir DIR] [--keep]
 #
@@ -32,7 +35,7 @@ while [ $# -gt 0 ]; do
     --build-dir) build="$2"; shift ;;
     --data-dir) data="$2"; shift ;;
     --keep) keep=1 ;;
-    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "run_import_benchmark: unknown argument '$1' (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -50,43 +53,50 @@ fi
 raw_bytes=$(stat -c %s "$raw")
 packets=$(( raw_bytes / 8 ))  # packets and chunk headers: within 0.1 per cent of the packet count
 
-# Runs a command `repeat` times; sets best_s (fastest wall time) and peak_kb (largest resident set).
+# Runs a command `repeat` times, removing the file `output` (the run's output; "-" for none) before each run;
+# sets best_s (fastest wall time), user_s and sys_s (that run's processor time) and peak_kb (largest resident set).
 measure() {
+  local output="$1"
+  shift
   best_s=""
   peak_kb=0
   local i log wall kb
   for ((i = 0; i < repeat; i++)); do
     log="$data/time.log"
+    if [ "$output" != "-" ]; then rm -f "$output"; fi
     sync  # start each run with no dirty pages of an earlier one still being written back
     /usr/bin/time -v -o "$log" "$@" >"$data/run.out"
     wall=$(awk -F': ' '/Elapsed \(wall clock\)/ { n = split($2, p, ":"); s = 0; for (j = 1; j <= n; j++) s = s * 60 + p[j]; print s }' "$log")
     kb=$(awk -F': ' '/Maximum resident set size/ { print $2 }' "$log")
-    if [ -z "$best_s" ] || awk -v a="$wall" -v b="$best_s" 'BEGIN { exit !(a < b) }'; then best_s=$wall; fi
+    if [ -z "$best_s" ] || awk -v a="$wall" -v b="$best_s" 'BEGIN { exit !(a < b) }'; then
+      best_s=$wall
+      user_s=$(awk -F': ' '/User time \(seconds\)/ { print $2 }' "$log")
+      sys_s=$(awk -F': ' '/System time \(seconds\)/ { print $2 }' "$log")
+    fi
     if [ "$kb" -gt "$peak_kb" ]; then peak_kb=$kb; fi
   done
+  if [ "$output" != "-" ]; then rm -f "$output"; fi
 }
 
 echo "raw file: $raw, $raw_bytes bytes; load average at the start: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo
-echo "| Run | Wall (s) | Packets/s (M) | Peak RSS (MiB) | Wall / floor |"
-echo "|---|---:|---:|---:|---:|"
-measure "$build/kovra_import_floor" "$raw" "$data/floor.bin"
+echo "| Run | Wall (s) | User (s) | System (s) | Packets/s (M) | Peak RSS (MiB) | Wall / floor |"
+echo "|---|---:|---:|---:|---:|---:|---:|"
+measure "$data/floor.bin" "$build/kovra_import_floor" "$raw" "$data/floor.bin"
 floor_s=$best_s
-rm -f "$data/floor.bin"
 row() {
-  awk -v name="$1" -v s="$best_s" -v kb="$peak_kb" -v n="$packets" -v f="$floor_s" \
-    'BEGIN { printf "| %s | %.2f | %.0f | %.1f | %.2f |\n", name, s, n / s / 1e6, kb / 1024, s / f }'
+  awk -v name="$1" -v s="$best_s" -v u="$user_s" -v y="$sys_s" -v kb="$peak_kb" -v n="$packets" -v f="$floor_s" \
+    'BEGIN { printf "| %s | %.2f | %.2f | %.2f | %.0f | %.1f | %.2f |\n", name, s, u, y, n / s / 1e6, kb / 1024, s / f }'
 }
 row "floor (read, decode, write 16 B per hit)"
-measure "$build/kovra_import_floor" "$raw" -
+measure - "$build/kovra_import_floor" "$raw" -
 row "read and decode only, output discarded"
-measure "$build/kovra_import" "$raw" -o "$data/hits.kovraphot" --hits-as-photons
+measure "$data/hits.kovraphot" "$build/kovra_import" "$raw" -o "$data/hits.kovraphot" --hits-as-photons
 row "kovra_import --hits-as-photons"
-rm -f "$data/hits.kovraphot"
-measure "$build/kovra_import" "$raw" -o "$data/photons.kovraphot"
+measure "$data/photons.kovraphot" "$build/kovra_import" "$raw" -o "$data/photons.kovraphot"
 row "kovra_import (grouping, defaults)"
 echo
-echo "Summary of the last grouping run:"
+echo "Summary of the last grouping run; load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
 sed 's/^/    /' "$data/run.out"
-rm -f "$data/photons.kovraphot" "$data/run.out" "$data/time.log"
+rm -f "$data/run.out" "$data/time.log"
 if [ "$keep" -eq 0 ]; then rm -f "$raw"; fi

@@ -138,26 +138,29 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
   };
 
   const auto on_packets = [&](const std::uint64_t* words, std::size_t count) {
+    // Hits, nearly every packet, are counted here and added to the summary once per call.
+    std::uint64_t hits = 0;
     for (std::size_t i = 0; i < count; ++i) {
       const std::uint64_t p = words[i];
+      if (p >> 60 == 0xB) [[likely]] {  // a hit, as get_packetKind says
+        ++hits;
+        const Ticks t = clock.place_hitClock(get_hitTicks(p));
+        const unsigned tot = get_hitTot(p);
+        if (tot < minTot) {
+          ++summary.droppedTot;
+          continue;
+        }
+        const int c = static_cast<int>(get_hitColumn(p));
+        const int r = static_cast<int>(get_hitRow(p));
+        const Timed_Item item{t, static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c),
+                              static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r),
+                              static_cast<std::uint16_t>(tot), 0};
+        if (!window.push(item, clock.get_latest(), on_released)) ++summary.droppedLate;
+        continue;
+      }
       const Packet_Kind kind = get_packetKind(p);
       ++summary.packets[static_cast<std::size_t>(kind)];
       switch (kind) {
-        case Packet_Kind::hit: {
-          const Ticks t = clock.place_hitClock(get_hitTicks(p));
-          const unsigned tot = get_hitTot(p);
-          if (tot < minTot) {
-            ++summary.droppedTot;
-            break;
-          }
-          const int c = static_cast<int>(get_hitColumn(p));
-          const int r = static_cast<int>(get_hitRow(p));
-          const Timed_Item item{t, static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c),
-                                static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r),
-                                static_cast<std::uint16_t>(tot), 0};
-          if (!window.push(item, clock.get_latest(), on_released)) ++summary.droppedLate;
-          break;
-        }
         case Packet_Kind::tdc: {
           if (repeats.is_repeat(p)) {
             ++summary.tdcRepeats;
@@ -177,6 +180,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
           break;
       }
     }
+    summary.packets[static_cast<std::size_t>(Packet_Kind::hit)] += hits;
   };
 
   reader.read_all(on_chunk, on_packets,

@@ -72,7 +72,8 @@ TEST(HitGroupingTest, AgreesWithThePlainRuleOnCrowdedRandomHits) {
     unsigned size;
     int hitsPerTick;  // crowding: several hits per tick on a small frame make long chains and shared pixels
   };
-  const Setting settings[] = {{1, 160, 16, 1}, {0, 50, 8, 2}, {2, 300, 32, 3}, {1, 1000, 512, 1}, {1, 0, 4, 2}};
+  const Setting settings[] = {{1, 160, 16, 1}, {0, 50, 8, 2},     {2, 300, 32, 3},
+                              {1, 1000, 512, 1}, {1, 0, 4, 2}, {16, 200, 64, 4}};
   std::mt19937_64 random(17);
   for (const auto& s : settings) {
     SCOPED_TRACE(testing::Message() << "radius " << s.radius << " window " << s.window << " size " << s.size);
@@ -89,6 +90,22 @@ TEST(HitGroupingTest, AgreesWithThePlainRuleOnCrowdedRandomHits) {
           group(hits, s.radius, s.window, strongest ? Photon_Time::strongest : Photon_Time::earliest, s.size);
       ASSERT_EQ(got.size(), expected.size());
       EXPECT_EQ(got, expected);
+    }
+  }
+}
+
+TEST(HitGroupingTest, HitsBeyondTheFirstSixteenOfAPhotonStillCount) {
+  // A photon keeps its first 16 hits at hand and finds later ones through the hits of each pixel. Photon A opens
+  // first; photon B grows along row 5, one pixel a tick, to 20 hits; a last hit two rows below B's hit number n
+  // lies near B's hits around n only, or (besideA) near A's hit too, which then takes it, having opened first.
+  for (const int n : {8, 9, 15, 16, 17, 20}) {
+    for (const bool besideA : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "below hit " << n << (besideA ? ", and beside photon A" : ""));
+      std::vector<Reference_Hit> hits = {{0, besideA ? n : 100, besideA ? 1 : 100, 1}};
+      for (int i = 1; i <= 20; ++i) hits.push_back({i, i, 5, static_cast<unsigned>(i % 3)});
+      hits.push_back({30, n, 3, 2});
+      EXPECT_EQ(group(hits, 2, 100, Photon_Time::strongest), group_byRule(hits, 2, 100, true));
+      EXPECT_EQ(group(hits, 2, 100, Photon_Time::strongest).size(), 2u);
     }
   }
 }

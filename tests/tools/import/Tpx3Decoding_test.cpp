@@ -210,6 +210,45 @@ TEST(ReorderWindowTest, JumpsFarBeyondTheWindowKeepEveryHeldItemInOrder) {
   EXPECT_EQ(out, in);
 }
 
+TEST(ReorderWindowTest, EveryFieldOfAnItemComesOutAsItWentIn) {
+  // The window holds items packed into one word: each field at its extremes, times at both ends of a bucket,
+  // in a bucket that arrives in order (only unpacked) and in one that must be sorted.
+  const Ticks bucket = Ticks{1} << Reorder_Window::bucket_bits;
+  struct Case {
+    const char* what;
+    std::vector<Timed_Item> items;
+  };
+  const Case cases[] = {
+      {"in order", {{5 * bucket, 0, 0, 0, 0}, {5 * bucket + 1, 65535, 1, 1023, 0}, {6 * bucket - 1, 1, 65535, 1, 0xF}}},
+      {"shuffled, ties in arrival order",
+       {{6 * bucket - 1, 511, 7, 1023, 0},
+        {5 * bucket, 3, 65535, 0, 0xB},
+        {6 * bucket - 1, 65535, 0, 1, 0},
+        {5 * bucket + 256, 9, 9, 512, 0xE},
+        {5 * bucket, 65535, 65535, 1023, 0xA},
+        {-bucket + 255, 4, 4, 4, 0}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Reorder_Window window(8 * bucket);
+    std::vector<Timed_Item> out;
+    const auto sink = [&](const Timed_Item* items, std::size_t n) { out.insert(out.end(), items, items + n); };
+    Ticks latest = 6 * bucket - 1;
+    for (const auto& item : c.items) ASSERT_TRUE(window.push(item, latest, sink));
+    window.finish(sink);
+    auto expected = c.items;
+    std::stable_sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+    ASSERT_EQ(out.size(), expected.size());
+    for (std::size_t i = 0; i < out.size(); ++i) {
+      EXPECT_EQ(out[i].time, expected[i].time) << i;
+      EXPECT_EQ(out[i].x, expected[i].x) << i;
+      EXPECT_EQ(out[i].y, expected[i].y) << i;
+      EXPECT_EQ(out[i].tot, expected[i].tot) << i;
+      EXPECT_EQ(out[i].kind, expected[i].kind) << i;
+    }
+  }
+}
+
 TEST(ReorderWindowTest, AnItemMoreThanTheWindowBehindTheLatestTimeIsDropped) {
   Reorder_Window window(100);
   std::vector<Ticks> out;
