@@ -1,0 +1,145 @@
+#pragma once
+
+// The members of the event a full chain is building, on time-ordered input, with the question the chain asks
+// of them for every photon it offers: does a member not earlier than `lo` lie within dSpace (Euclidean, <=)?
+//
+// The members are kept in the order they joined, which is time order. A crowded event asks through a grid of
+// cells instead of going through all its recent members, so that an offered photon looks only at the members
+// around it; a small one goes through them in order, which is cheaper there.
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "kovra/Quantities.hpp"
+
+namespace kovra::detail {
+
+/// Above this many members not earlier than `lo`, the question goes through the cells. Measured on the dense
+/// benchmark (pile-up, dozens of members in reach): 4, 8 and 16 ran within noise of each other, 64 clearly
+/// slower; on the nominal one the events are small and both ways cost the same.
+inline constexpr std::size_t eventMembers_cellsFrom = 8;
+
+template <typename PhotonEvent_Type>
+class Cells_EventMembers {
+ public:
+  using Length_Type = typename PhotonEvent_Type::length_type;
+  using Time_Type = typename PhotonEvent_Type::time_type;
+
+  /// Cells are wider than 2 |dSpace| on each axis (a power of two of units), so the positions within dSpace of
+  /// a point reach at most one cell further on each axis, on the side the point is near: at most 2 x 2 cells
+  /// hold every member within dSpace of it, with the distances wrapping at 32 bits as the Euclidean test does.
+  /// The cell grid is folded onto 64 x 64 slots (low bits of the cell numbers): cells 64 apart share a slot,
+  /// which only adds members to look at, each of them tested in full. Distances of 2^22 units and more (64
+  /// pixels) leave so few cells that the grid is never used.
+  explicit Cells_EventMembers(Length_Type dSpace_)
+      : dSpace(dSpace_),
+        radius(static_cast<std::uint32_t>(std::min<std::int64_t>(dSpace_.abs(), std::int64_t{1} << 30))),
+        shift(static_cast<int>(std::bit_width(2 * std::uint64_t{radius}))),
+        useCells(shift <= 23),
+        heads(side * side, Slot{}) {}
+
+  /// Starts a new event with one member.
+  void restart(const PhotonEvent_Type& seed) {
+    members.clear();
+    firstRecent = 0;
+    if (++event == 0) {  // the number wrapped: slots stamped by earlier events could look current, so clear all
+      std::fill(heads.begin(), heads.end(), Slot{});
+      event = 1;
+    }
+    add(seed);
+  }
+
+  void add(const PhotonEvent_Type& p) {
+    const std::uint32_t index = static_cast<std::uint32_t>(members.size());
+    std::uint32_t previous = none;
+    if (useCells) {
+      Slot& slot = heads[slot_of(cell_of(p.x), cell_of(p.y))];
+      if (slot.event == event) previous = slot.last;
+      slot = Slot{event, index};
+    }
+    members.push_back(Member{p.x, p.y, p.toa, previous});
+  }
+
+  /// Whether a member not earlier than `lo` lies within dSpace of p. The members must have joined in time
+  /// order and `lo` must not decrease from one call to the next within an event (both hold on ordered input:
+  /// lo is the offered photon's time minus dTime): members earlier than lo are then never asked about again.
+  bool any_within(const PhotonEvent_Type& p, Time_Type lo) {
+    while (firstRecent < members.size() && members[firstRecent].toa < lo) ++firstRecent;
+    if (!useCells || members.size() - firstRecent <= eventMembers_cellsFrom) {
+      for (std::size_t m = firstRecent; m < members.size(); ++m) {
+        if (within_euclidean(members[m].x - p.x, members[m].y - p.y, dSpace)) return true;
+      }
+      return false;
+    }
+    // Each slot's members are linked latest first, so a slot is left at its first member earlier than lo:
+    // all that follow are earlier still. Together the slots of the (up to) 2 x 2 cells hold every member near
+    // p, so exactly the members the loop above would find within dSpace are found here.
+    const auto [x0, x1] = cells_near(p.x);
+    const auto [y0, y1] = cells_near(p.y);
+    for (std::uint32_t cx = x0;; cx = x1) {
+      for (std::uint32_t cy = y0;; cy = y1) {
+        const Slot& slot = heads[slot_of(cx, cy)];
+        if (slot.event == event) {
+          for (std::uint32_t m = slot.last; m != none && members[m].toa >= lo; m = members[m].previous) {
+            if (within_euclidean(members[m].x - p.x, members[m].y - p.y, dSpace)) return true;
+          }
+        }
+        if (cy == y1) break;
+      }
+      if (cx == x1) break;
+    }
+    return false;
+  }
+
+  std::size_t size() const { return members.size(); }
+
+ private:
+  static constexpr std::uint32_t side = 64;  // a power of two: folding keeps neighbouring cells adjacent
+  static constexpr std::uint32_t none = ~std::uint32_t{0};
+
+  struct Member {
+    Length_Type x;
+    Length_Type y;
+    Time_Type toa;
+    std::uint32_t previous;  // the member before it in the same slot, or none
+  };
+  /// The latest member in a slot; valid only when `event` is the current one, so a new event clears nothing.
+  struct Slot {
+    std::uint32_t event = 0;
+    std::uint32_t last = none;
+  };
+
+  /// The cell number along one axis, modulo 2^(32 - shift): wrapping like the 32-bit differences.
+  std::uint32_t cell_of(Length_Type v) const {
+    return static_cast<std::uint32_t>(static_cast<std::uint32_t>(v.value) >> shift);
+  }
+  /// The first and last cell holding positions within dSpace of v along one axis (equal when one does).
+  std::pair<std::uint32_t, std::uint32_t> cells_near(Length_Type v) const {
+    const auto u = static_cast<std::uint32_t>(v.value);
+    const std::uint32_t cell = u >> shift;
+    const std::uint32_t offset = u & ((std::uint32_t{1} << shift) - 1);
+    if (offset < radius) return {cell - 1, cell};
+    if (offset + radius >= (std::uint32_t{1} << shift)) return {cell, cell + 1};
+    return {cell, cell};
+  }
+  /// Cell numbers wrap at 2^(32 - shift), a multiple of side (shift <= 23), so taking the low bits keeps the
+  /// cells on either side of a wrap adjacent too.
+  static std::size_t slot_of(std::uint32_t cx, std::uint32_t cy) {
+    return static_cast<std::size_t>((cx & (side - 1)) * side + (cy & (side - 1)));
+  }
+
+  Length_Type dSpace;
+  std::uint32_t radius;  // |dSpace|, held below 2^30 (beyond 2^22 the cells are not used)
+  int shift;
+  bool useCells;
+  std::vector<Slot> heads;
+  std::vector<Member> members;
+  std::size_t firstRecent = 0;
+  std::uint32_t event = 0;  // the current event's number; slots of no event hold 0
+};
+
+}  // namespace kovra::detail
