@@ -11,6 +11,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -54,6 +55,12 @@ class Cells_EventMembers {
   }
 
   void add(const PhotonEvent_Type& p) {
+    if (members.empty()) {
+      low = high = Box{p.x.value, p.y.value};
+    } else {
+      low = Box{std::min<std::int64_t>(low.x, p.x.value), std::min<std::int64_t>(low.y, p.y.value)};
+      high = Box{std::max<std::int64_t>(high.x, p.x.value), std::max<std::int64_t>(high.y, p.y.value)};
+    }
     const std::uint32_t index = static_cast<std::uint32_t>(members.size());
     std::uint32_t previous = none;
     if (useCells) {
@@ -68,6 +75,7 @@ class Cells_EventMembers {
   /// order and `lo` must not decrease from one call to the next within an event (both hold on ordered input:
   /// lo is the offered photon's time minus dTime): members earlier than lo are then never asked about again.
   bool any_within(const PhotonEvent_Type& p, Time_Type lo) {
+    if (outside_box(p)) return false;
     while (firstRecent < members.size() && members[firstRecent].toa < lo) ++firstRecent;
     if (!useCells || members.size() - firstRecent <= eventMembers_cellsFrom) {
       for (std::size_t m = firstRecent; m < members.size(); ++m) {
@@ -117,6 +125,24 @@ class Cells_EventMembers {
   std::uint32_t cell_of(Length_Type v) const {
     return static_cast<std::uint32_t>(static_cast<std::uint32_t>(v.value) >> shift);
   }
+  /// A corner of the box around all members, in plain (unwrapped) coordinates.
+  struct Box {
+    std::int64_t x;
+    std::int64_t y;
+  };
+
+  /// True only when no member lies within dSpace of p: p is more than |dSpace| outside the box around all
+  /// members on one axis. Decided only where the box widened by |dSpace| stays inside the 32-bit range: then a
+  /// wrapped difference within |dSpace| is a plain one too, so a member that near lies inside the widened box.
+  /// (A full chain's event is mostly one compact flash, while most photons it is offered belong to others.)
+  bool outside_box(const PhotonEvent_Type& p) const {
+    constexpr std::int64_t lowest = std::numeric_limits<std::int32_t>::min();
+    constexpr std::int64_t highest = std::numeric_limits<std::int32_t>::max();
+    const std::int64_t r = dSpace.abs();
+    if (low.x - r < lowest || low.y - r < lowest || high.x + r > highest || high.y + r > highest) return false;
+    return p.x.value < low.x - r || p.x.value > high.x + r || p.y.value < low.y - r || p.y.value > high.y + r;
+  }
+
   /// The first and last cell holding positions within dSpace of v along one axis (equal when one does).
   std::pair<std::uint32_t, std::uint32_t> cells_near(Length_Type v) const {
     const auto u = static_cast<std::uint32_t>(v.value);
@@ -138,6 +164,8 @@ class Cells_EventMembers {
   bool useCells;
   std::vector<Slot> heads;
   std::vector<Member> members;
+  Box low{0, 0};   // the least coordinates of all members
+  Box high{0, 0};  // the largest
   std::size_t firstRecent = 0;
   std::uint32_t event = 0;  // the current event's number; slots of no event hold 0
 };
