@@ -23,10 +23,11 @@ constexpr std::int32_t highest = std::numeric_limits<std::int32_t>::max();
 
 std::int32_t wrapped(std::int64_t v) { return static_cast<std::int32_t>(static_cast<std::uint32_t>(v)); }
 
-/// Every member not earlier than lo, tested in turn: the formulation the cells must agree with.
+/// Every member not earlier than lo (members are in time order), tested in turn: the formulation the cells must
+/// agree with.
 bool plainAnyWithin(const std::vector<PhotonEvent>& members, const PhotonEvent& p, Time lo, Length dSpace) {
-  for (const auto& m : members) {
-    if (m.toa >= lo && kovra::within_euclidean(m.x - p.x, m.y - p.y, dSpace)) return true;
+  for (auto m = members.rbegin(); m != members.rend() && m->toa >= lo; ++m) {
+    if (kovra::within_euclidean(m->x - p.x, m->y - p.y, dSpace)) return true;
   }
   return false;
 }
@@ -69,7 +70,8 @@ TEST(CellsEventMembersTest, AnswersAsTheWalkOverRecentMembers) {
       cells.restart(members[0]);
       // Few or many members in reach; time steps of 0 to 2 make members at exactly lo common.
       const std::int64_t dTime = event % 2 == 0 ? 4 : 400;
-      for (int k = 0; k < 600; ++k) {
+      // The last event is long enough for the members older than dTime to leave the list.
+      for (int k = 0; k < (event == 5 ? 6000 : 600); ++k) {
         t += std::uniform_int_distribution<int>(0, 2)(random);
         const PhotonEvent offered = photon(t);
         const Time lo{t - dTime};

@@ -46,6 +46,7 @@ class Cells_EventMembers {
   /// Starts a new event with one member.
   void restart(const PhotonEvent_Type& seed) {
     members.clear();
+    dropped = 0;
     firstRecent = 0;
     if (++event == 0) {  // the number wrapped: slots stamped by earlier events could look current, so clear all
       std::fill(heads.begin(), heads.end(), Slot{});
@@ -55,14 +56,14 @@ class Cells_EventMembers {
   }
 
   void add(const PhotonEvent_Type& p) {
-    if (members.empty()) {
+    if (size() == 0) {
       low = high = Box{p.x.value, p.y.value};
     } else {
       low = Box{std::min<std::int64_t>(low.x, p.x.value), std::min<std::int64_t>(low.y, p.y.value)};
       high = Box{std::max<std::int64_t>(high.x, p.x.value), std::max<std::int64_t>(high.y, p.y.value)};
     }
-    const std::uint32_t index = static_cast<std::uint32_t>(members.size());
-    std::uint32_t previous = none;
+    const std::uint64_t index = size();
+    std::uint64_t previous = none;
     if (useCells) {
       Slot& slot = heads[slot_of(cell_of(p.x), cell_of(p.y))];
       if (slot.event == event) previous = slot.last;
@@ -76,10 +77,11 @@ class Cells_EventMembers {
   /// lo is the offered photon's time minus dTime): members earlier than lo are then never asked about again.
   bool any_within(const PhotonEvent_Type& p, Time_Type lo) {
     if (outside_box(p)) return false;
-    while (firstRecent < members.size() && members[firstRecent].toa < lo) ++firstRecent;
-    if (!useCells || members.size() - firstRecent <= eventMembers_cellsFrom) {
-      for (std::size_t m = firstRecent; m < members.size(); ++m) {
-        if (within_euclidean(members[m].x - p.x, members[m].y - p.y, dSpace)) return true;
+    while (firstRecent < size() && at(firstRecent).toa < lo) ++firstRecent;
+    drop_old();
+    if (!useCells || size() - firstRecent <= eventMembers_cellsFrom) {
+      for (std::uint64_t m = firstRecent; m < size(); ++m) {
+        if (within_euclidean(at(m).x - p.x, at(m).y - p.y, dSpace)) return true;
       }
       return false;
     }
@@ -92,8 +94,9 @@ class Cells_EventMembers {
       for (std::uint32_t cy = y0;; cy = y1) {
         const Slot& slot = heads[slot_of(cx, cy)];
         if (slot.event == event) {
-          for (std::uint32_t m = slot.last; m != none && members[m].toa >= lo; m = members[m].previous) {
-            if (within_euclidean(members[m].x - p.x, members[m].y - p.y, dSpace)) return true;
+          // Members dropped from the list were earlier than lo, so the walk would have stopped there too.
+          for (std::uint64_t m = slot.last; m != none && m >= dropped && at(m).toa >= lo; m = at(m).previous) {
+            if (within_euclidean(at(m).x - p.x, at(m).y - p.y, dSpace)) return true;
           }
         }
         if (cy == y1) break;
@@ -103,28 +106,41 @@ class Cells_EventMembers {
     return false;
   }
 
-  std::size_t size() const { return members.size(); }
+  /// Members of the event so far (including those dropped from memory).
+  std::uint64_t size() const { return dropped + members.size(); }
 
  private:
   static constexpr std::uint32_t side = 64;  // a power of two: folding keeps neighbouring cells adjacent
-  static constexpr std::uint32_t none = ~std::uint32_t{0};
+  static constexpr std::uint64_t none = ~std::uint64_t{0};
 
   struct Member {
     Length_Type x;
     Length_Type y;
     Time_Type toa;
-    std::uint32_t previous;  // the member before it in the same slot, or none
+    std::uint64_t previous;  // the member before it in the same slot, or none
   };
   /// The latest member in a slot; valid only when `event` is the current one, so a new event clears nothing.
   struct Slot {
     std::uint32_t event = 0;
-    std::uint32_t last = none;
+    std::uint64_t last = none;
   };
 
   /// The cell number along one axis, modulo 2^(32 - shift): wrapping like the 32-bit differences.
   std::uint32_t cell_of(Length_Type v) const {
     return static_cast<std::uint32_t>(static_cast<std::uint32_t>(v.value) >> shift);
   }
+  /// Member m (counted from the event's first), which must not have been dropped.
+  const Member& at(std::uint64_t m) const { return members[static_cast<std::size_t>(m - dropped)]; }
+
+  /// Members earlier than lo are never read again; once they are most of the list, they leave it, so that a long
+  /// event (a hot pixel with an unlimited durationMax, say) holds only its members of the last dTime or so.
+  void drop_old() {
+    const std::uint64_t old = firstRecent - dropped;
+    if (old < 1024 || 2 * old < members.size()) return;
+    members.erase(members.begin(), members.begin() + static_cast<std::ptrdiff_t>(old));
+    dropped = firstRecent;
+  }
+
   /// A corner of the box around all members, in plain (unwrapped) coordinates.
   struct Box {
     std::int64_t x;
@@ -166,7 +182,8 @@ class Cells_EventMembers {
   std::vector<Member> members;
   Box low{0, 0};   // the least coordinates of all members
   Box high{0, 0};  // the largest
-  std::size_t firstRecent = 0;
+  std::uint64_t dropped = 0;      // members before this one are no longer in `members`
+  std::uint64_t firstRecent = 0;  // the first member not earlier than the latest lo
   std::uint32_t event = 0;  // the current event's number; slots of no event hold 0
 };
 
