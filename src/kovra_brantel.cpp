@@ -57,9 +57,10 @@ int main(int argc, char** argv) {
   const std::filesystem::path outputDirectory = std::filesystem::path(outputFile).parent_path();
   if (!outputDirectory.empty()) std::filesystem::create_directories(outputDirectory);
 
+  // Input out of time order is not reported here: the run's log lines are fixed, and users compare them across
+  // runs and versions. kovra_inspect's summary says whether a photon file is in time order.
   const tpx::Reconstruction_Events reconstruction{tpx::Length::from_pixels(*parameters.d_space_px), dTime,
-                                                  parameters.d_time_ext, durationMax, print_warning,
-                                                  logging<LogLevel::info>};
+                                                  parameters.d_time_ext, durationMax, print_warning};
 
   logging<LogLevel::trace>("Processing file: " + inputFile);
   // The whole file's structure is checked before the first photon is read; the photons are then read in

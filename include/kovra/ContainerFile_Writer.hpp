@@ -40,6 +40,10 @@ class ContainerFile_Writer {
     end_block();
   }
 
+  /// Whether every byte so far reached the file: false from the start when the target cannot be written, and
+  /// after a failed write (a full disk). A caller that wants its own message checks this before end_block().
+  bool good() const { return stream.good(); }
+
   /// Starts a block; its size is filled in by end_block().
   void begin_block(std::uint64_t identifier) {
     assert(!blockOpen);

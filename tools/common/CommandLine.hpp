@@ -1,8 +1,9 @@
 #pragma once
 
-// The command-line convention of the companion tools (kovra_simulate, kovra_inspect, kovra_evaluate): options
-// read with getopt_long, `-h`/`--help` and `--version` answered on standard output with status 0, and a bad
-// command line answered on standard error with "<tool>: <what is wrong>" and "Try '<tool> --help'.", status 2.
+// The command-line convention of the companion tools (kovra_simulate, kovra_inspect, kovra_evaluate,
+// kovra_import): options read with getopt_long, `-h`/`--help` and `--version` answered on standard output with
+// status 0, and a bad command line answered on standard error with "<tool>: <what is wrong>" and
+// "Try '<tool> --help'.", status 2.
 // A parser reports a bad command line by throwing std::invalid_argument with the one line to show.
 
 #include <getopt.h>

@@ -12,6 +12,7 @@
 #include <system_error>
 #include <vector>
 
+#include "common/CommandLine.hpp"
 #include "import/HitGrouping.hpp"
 
 namespace kovra::import {
@@ -34,8 +35,6 @@ struct Import_Options {
   bool helpRequested = false;
   bool versionRequested = false;
 };
-
-inline const char* get_importVersion() { return "kovra_import 1.0.0\n"; }
 
 inline std::string get_importHelp() {
   return "Usage: kovra_import RAW.tpx3 -o OUT.kovraphot [options]\n"
@@ -92,7 +91,7 @@ inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(s
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Import_Options parse_importOptions(int argc, char* argv[]) {
-  enum : int { layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, version };
+  enum : int { layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose };
   static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
                                        {"layout", required_argument, nullptr, layout},
                                        {"hits-as-photons", no_argument, nullptr, hitsAsPhotons},
@@ -104,7 +103,7 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
                                        {"reorder-window", required_argument, nullptr, reorder},
                                        {"verbose", required_argument, nullptr, verbose},
                                        {"help", no_argument, nullptr, 'h'},
-                                       {"version", no_argument, nullptr, version},
+                                       kovra::tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
 
   Import_Options options;
@@ -187,14 +186,11 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
       case 'h':
         options.helpRequested = true;
         return options;
-      case version:
+      case kovra::tools::versionOption:
         options.versionRequested = true;
         return options;
-      case ':':
-        throw std::invalid_argument(std::string("option ") + argv[optind - 1] + " needs a value");
       default:
-        if (optopt != 0) throw std::invalid_argument(std::string("unknown option -") + static_cast<char>(optopt));
-        throw std::invalid_argument(std::string("unknown option ") + argv[optind - 1]);
+        kovra::tools::throw_getoptError(c, argv);
     }
   }
   if (optind == argc) throw std::invalid_argument("no raw file given");

@@ -58,25 +58,7 @@ std::vector<std::string> get_summaryLines(const Import_Options& options, const I
   return lines;
 }
 
-}  // namespace
-
-int main(int argc, char* argv[]) {
-  Import_Options options;
-  try {
-    options = parse_importOptions(argc, argv);
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "kovra_import: " << e.what() << "\nTry 'kovra_import --help'.\n";
-    return 2;
-  }
-  if (options.helpRequested) {
-    std::cout << get_importHelp();
-    return 0;
-  }
-  if (options.versionRequested) {
-    std::cout << get_importVersion();
-    return 0;
-  }
-
+int run_importTool(const Import_Options& options) {
   kovra::inspect::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   progress.set_label("importing");
   std::optional<PhotonFile_Output> output;
@@ -84,7 +66,7 @@ int main(int argc, char* argv[]) {
     output.emplace(options.outputFile, options.triggerEdge >= 0);
   } catch (const std::invalid_argument& e) {
     std::cerr << "kovra_import: " << e.what() << '\n';
-    return 1;
+    return kovra::tools::exit_failure;
   }
   Import_Summary summary;
   try {
@@ -98,13 +80,13 @@ int main(int argc, char* argv[]) {
   } catch (const std::exception& e) {
     progress.finish();
     std::cerr << "kovra_import: " << options.inputFile << ": " << e.what() << '\n';
-    return 1;
+    return kovra::tools::exit_failure;
   }
   try {
     output->commit();
   } catch (const std::invalid_argument& e) {
     std::cerr << "kovra_import: " << e.what() << '\n';
-    return 1;
+    return kovra::tools::exit_failure;
   }
 
   if (options.logLevel >= 0 && summary.droppedLate + summary.lateTriggers > 0) {
@@ -120,4 +102,10 @@ int main(int argc, char* argv[]) {
   }
   std::cout.flush();
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  return kovra::tools::run_tool("kovra_import", get_importHelp(), argc, argv, parse_importOptions, run_importTool);
 }

@@ -52,6 +52,10 @@ struct File_Summary {
   std::optional<std::uint64_t> extTriggerCount;  ///< absent when the file has no trigger list
   Value_Range<Time> extTriggerTime;
   std::optional<Event_Summary> events;
+  /// Photon files: records earlier than the one before them, and the index of the first. kovra_brantel
+  /// reconstructs a file that has any through its slower step-by-step path.
+  std::uint64_t stepsBack = 0;
+  std::uint64_t firstStepBack = 0;
 
   /// Span between the earliest and the latest record in seconds; 0 for an empty file.
   double get_span_s() const { return time.min ? get_span_s(time) : 0.0; }
@@ -89,10 +93,16 @@ File_Summary summarize_file(const RecordFile<Record_Type>& file, Progress* progr
 
   Value_Range<double> psdRange;
   Event_Summary events;
+  std::uint64_t index = 0;
+  std::optional<Time> previous;
   file.for_each_chunk(
       [&](std::span<const Record_Type> chunk) {
         for (const Record_Type& record : chunk) {
-          summary.time.add(Traits::get_time(record));
+          const Time t = Traits::get_time(record);
+          if (previous && t.value < previous->value && summary.stepsBack++ == 0) summary.firstStepBack = index;
+          previous = t;
+          ++index;
+          summary.time.add(t);
           summary.x.add(record.x);
           summary.y.add(record.y);
           if constexpr (std::is_same_v<Record_Type, Event>) {
@@ -143,6 +153,15 @@ inline void print_summary(std::ostream& out, const File_Summary& s) {
     out << "mean rate     " << (rate ? format_rounded(*rate) + " per s" : std::string("n/a (zero span)")) << '\n';
     out << "x extent      " << pixels(s.x) << '\n';
     out << "y extent      " << pixels(s.y) << '\n';
+    if (!s.events) {
+      out << "time order    ";
+      if (s.stepsBack == 0) {
+        out << "non-decreasing\n";
+      } else {
+        out << s.stepsBack << " records earlier than the one before, the first is record " << s.firstStepBack
+            << " (kovra_brantel takes its slower step-by-step path)\n";
+      }
+    }
   }
   out << "ext. triggers ";
   if (!s.extTriggerCount) {

@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <fstream>
 #include <limits>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -48,17 +49,29 @@ inline std::uint64_t get_flashBound(const Simulation_Settings& settings) {
   return static_cast<std::uint64_t>(std::min(expected + 10.0 * std::sqrt(expected) + 1024.0, 0x1.0p63));
 }
 
-/// A 64-bit digest of the photons' positions and times, in order: a flash list made for other photons (another
-/// seed, another length) almost surely carries another one.
-inline std::uint64_t fingerprint_photons(const std::vector<kovra::tpx3spidr::PhotonEvent>& photons) {
-  std::uint64_t h = 0x9E3779B97F4A7C15ULL;
-  const auto mix = [&h](std::uint64_t v) { h = std::rotl(h ^ v, 27) * 0xBF58476D1CE4E5B9ULL; };
-  for (const auto& p : photons) {
-    mix(static_cast<std::uint64_t>(static_cast<std::uint32_t>(p.x.value)) << 32 |
-        static_cast<std::uint32_t>(p.y.value));
-    mix(static_cast<std::uint64_t>(p.toa.value));
+/// A 64-bit digest of the photons' positions and times, in order, taken a piece at a time: a flash list made for
+/// other photons (another seed, another length) almost surely carries another one.
+class Photon_Fingerprint {
+ public:
+  void add(std::span<const kovra::tpx3spidr::PhotonEvent> photons) {
+    for (const auto& p : photons) {
+      mix(static_cast<std::uint64_t>(static_cast<std::uint32_t>(p.x.value)) << 32 |
+          static_cast<std::uint32_t>(p.y.value));
+      mix(static_cast<std::uint64_t>(p.toa.value));
+    }
   }
-  return h ^ (h >> 31);
+  std::uint64_t value() const { return h ^ (h >> 31); }
+
+ private:
+  void mix(std::uint64_t v) { h = std::rotl(h ^ v, 27) * 0xBF58476D1CE4E5B9ULL; }
+  std::uint64_t h = 0x9E3779B97F4A7C15ULL;
+};
+
+/// The fingerprint of a whole photon list.
+inline std::uint64_t fingerprint_photons(std::span<const kovra::tpx3spidr::PhotonEvent> photons) {
+  Photon_Fingerprint fingerprint;
+  fingerprint.add(photons);
+  return fingerprint.value();
 }
 
 namespace flashes_detail {
@@ -99,7 +112,7 @@ class PhotonFlashes_Writer {
 
   const std::string& get_path() const { return path; }
 
-  void append(const std::vector<std::int64_t>& flashes) {
+  void append(std::span<const std::int64_t> flashes) {
     buffer.clear();
     for (const std::int64_t f : flashes) {
       if (width == 4 && f > std::numeric_limits<std::int32_t>::max()) {

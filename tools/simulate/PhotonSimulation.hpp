@@ -19,6 +19,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -77,16 +78,47 @@ struct True_Event {
   std::size_t classIndex;
 };
 
-/// The photon file's content and the counts behind it.
-struct Simulation_Result {
-  Data_PhotonEvents photons;
+/// How many flashes and photons a run drew.
+struct Simulation_Counts {
   std::uint64_t nEvents = 0;
   std::uint64_t nEventPhotons = 0;
   std::uint64_t nDarkPhotons = 0;  ///< photons of no flash: dark counts and hot-pixel hits
 };
 
+/// The photon file's content and the counts behind it.
+struct Simulation_Result : Simulation_Counts {
+  Data_PhotonEvents photons;
+};
+
 /// No per-photon flash index wanted.
 struct PhotonFlashes_None {};
+
+/// The trigger times of a run, in order, one at a time: none at all (`absent`), an empty list, or one every
+/// period from time 0 up to the end of the acquisition. Drawn when asked, so a long run holds none of them.
+class Trigger_Times {
+ public:
+  explicit Trigger_Times(const Simulation_Settings& settings)
+      : mode(settings.triggerMode),
+        end(settings.duration_s / Time::tick_seconds),
+        period(mode == Trigger_Mode::periodic ? 1.0 / (settings.triggerFrequency_Hz * Time::tick_seconds) : 0.0) {}
+
+  /// Whether the file carries a trigger list at all (it may be empty).
+  bool present() const { return mode != Trigger_Mode::absent; }
+
+  /// The next trigger time into `time`; false once there is none left.
+  bool next(Time& time) {
+    if (mode != Trigger_Mode::periodic || static_cast<double>(k) * period >= end) return false;
+    time = Time{static_cast<long>(static_cast<double>(k) * period)};
+    ++k;
+    return true;
+  }
+
+ private:
+  Trigger_Mode mode;
+  double end;
+  double period;
+  std::uint64_t k = 0;
+};
 
 namespace simulation_detail {
 
@@ -129,15 +161,14 @@ inline void sort_byToa(std::vector<Slice_Photon>& photons, std::vector<Slice_Pho
 
 }  // namespace simulation_detail
 
-/// Draws the flashes and dark counts of one acquisition and hands each flash to `onEvent` (a `True_Event`,
-/// in time order) once its photons are drawn. `onPhotonFlashes`, unless PhotonFlashes_None, receives the
-/// flash index of every photon (its flash's position in the `onEvent` calls, -1 for a dark count) in photon
-/// order, a slice at a time, as a std::vector<std::int64_t>. `sliceTicks` 0 picks a slice of about 16 thousand
-/// photons, small enough for the sort to run in cache.
-template <typename OnEvent_Type, typename OnPhotonFlashes_Type>
-Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
-                                                    OnPhotonFlashes_Type&& onPhotonFlashes, long sliceTicks) {
-  constexpr bool keepFlashes = !std::is_same_v<std::remove_cvref_t<OnPhotonFlashes_Type>, PhotonFlashes_None>;
+/// Draws the flashes and dark counts of one acquisition. Each flash goes to `onEvent` (a `True_Event`, in time
+/// order) once its photons are drawn; the photons go to `onSlice(std::span<const PhotonEvent>,
+/// std::span<const std::int64_t>)` a slice at a time, in file order, with the flash index of each photon (its
+/// flash's position in the `onEvent` calls, -1 for a dark count). Memory stays with one slice: `sliceTicks` 0
+/// picks a slice of about 16 thousand photons, small enough for the sort to run in cache.
+template <typename OnEvent_Type, typename OnSlice_Type>
+Simulation_Counts simulate_photonSlices(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
+                                        OnSlice_Type&& onSlice, long sliceTicks = 0) {
   assert(!settings.classes.empty());
   const double tick = Time::tick_seconds;
   const double end = settings.duration_s / tick;  // acquisition end in ticks; photons at or after it are lost
@@ -162,10 +193,7 @@ Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& s
     sliceTicks = static_cast<long>(ticks);
   }
 
-  Simulation_Result result;
-  const double expected = settings.get_expectedPhotons();
-  result.photons.photonEvents.reserve(static_cast<std::size_t>(expected + 6.0 * std::sqrt(expected) + 1024.0));
-
+  Simulation_Counts counts;
   Random_Generator eventRandom(settings.seed);
   Random_Generator darkRandom(~settings.seed);
   double nextEvent = eventGap > 0.0 ? eventRandom.exponential(eventGap) : end;
@@ -192,8 +220,8 @@ Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& s
 
   std::vector<simulation_detail::Slice_Photon> buffer;
   std::vector<simulation_detail::Slice_Photon> scratch;
+  std::vector<PhotonEvent> slicePhotons;
   std::vector<std::int64_t> sliceFlashes;
-  auto& output = result.photons.photonEvents;
   for (long sliceBegin = 0; static_cast<double>(sliceBegin) < end; sliceBegin += sliceTicks) {
     const double sliceEnd = std::min(static_cast<double>(sliceBegin + sliceTicks), end);
 
@@ -219,11 +247,11 @@ Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& s
         const double t = nextEvent + delay;
         if (x < 0.0 || x >= width || y < 0.0 || y >= height || t >= end) continue;
         buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(t)}},
-                          static_cast<std::int64_t>(result.nEvents)});
+                          static_cast<std::int64_t>(counts.nEvents)});
         ++nDetected;
       }
-      ++result.nEvents;
-      result.nEventPhotons += nDetected;
+      ++counts.nEvents;
+      counts.nEventPhotons += nDetected;
       onEvent(True_Event{nextEvent * tick, x0, y0, nDetected, classIndex});
     }
 
@@ -231,13 +259,13 @@ Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& s
       const double x = darkRandom.uniform() * width;
       const double y = darkRandom.uniform() * height;
       buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(nextDark)}}, -1});
-      ++result.nDarkPhotons;
+      ++counts.nDarkPhotons;
     }
 
     for (auto& hot : hotPixels) {
       for (; hot.next < sliceEnd; hot.next += hot.random.exponential(hotGap)) {
         buffer.push_back({PhotonEvent{hot.x, hot.y, Time{static_cast<long>(hot.next)}}, -1});
-        ++result.nDarkPhotons;
+        ++counts.nDarkPhotons;
       }
     }
 
@@ -245,26 +273,41 @@ Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& s
     const long finalBefore = sliceBegin + sliceTicks;
     const auto firstCarried = std::partition_point(
         buffer.begin(), buffer.end(), [&](const simulation_detail::Slice_Photon& p) { return p.photon.toa.value < finalBefore; });
+    slicePhotons.clear();
     sliceFlashes.clear();
     for (auto p = buffer.begin(); p != firstCarried; ++p) {
-      output.push_back(p->photon);
-      if constexpr (keepFlashes) sliceFlashes.push_back(p->flash);
+      slicePhotons.push_back(p->photon);
+      sliceFlashes.push_back(p->flash);
     }
-    if constexpr (keepFlashes) {
-      if (!sliceFlashes.empty()) onPhotonFlashes(std::as_const(sliceFlashes));
+    if (!slicePhotons.empty()) {
+      onSlice(std::span<const PhotonEvent>(slicePhotons), std::span<const std::int64_t>(sliceFlashes));
     }
     buffer.erase(buffer.begin(), firstCarried);
   }
   assert(buffer.empty());
+  return counts;
+}
 
-  if (settings.triggerMode != Trigger_Mode::absent) {
-    auto& triggers = result.photons.extTriggers.emplace();
-    if (settings.triggerMode == Trigger_Mode::periodic) {
-      const double period = 1.0 / (settings.triggerFrequency_Hz * tick);
-      for (std::uint64_t k = 0; static_cast<double>(k) * period < end; ++k) {
-        triggers.push_back(Time{static_cast<long>(static_cast<double>(k) * period)});
-      }
-    }
+/// The whole acquisition in memory: photons, trigger list and counts. `onPhotonFlashes`, unless
+/// PhotonFlashes_None, receives the flash index of every photon in photon order, a slice at a time, as a
+/// std::span<const std::int64_t>.
+template <typename OnEvent_Type, typename OnPhotonFlashes_Type>
+Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
+                                                    OnPhotonFlashes_Type&& onPhotonFlashes, long sliceTicks) {
+  constexpr bool keepFlashes = !std::is_same_v<std::remove_cvref_t<OnPhotonFlashes_Type>, PhotonFlashes_None>;
+  Simulation_Result result;
+  auto& output = result.photons.photonEvents;
+  static_cast<Simulation_Counts&>(result) = simulate_photonSlices(
+      settings, std::forward<OnEvent_Type>(onEvent),
+      [&](std::span<const PhotonEvent> photons, std::span<const std::int64_t> flashes) {
+        output.insert(output.end(), photons.begin(), photons.end());
+        if constexpr (keepFlashes) onPhotonFlashes(flashes);
+      },
+      sliceTicks);
+  Trigger_Times triggers(settings);
+  if (triggers.present()) {
+    auto& list = result.photons.extTriggers.emplace();
+    for (Time t; triggers.next(t);) list.push_back(t);
   }
   return result;
 }

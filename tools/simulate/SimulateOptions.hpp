@@ -27,7 +27,7 @@ struct Simulate_Options {
   bool versionRequested = false;
 };
 
-/// Most photons one run may be expected to produce (16 bytes each are held in memory).
+/// Most photons one run may be expected to produce: a 16 GB photon file.
 inline constexpr double max_expectedPhotons = 1.0e9;
 
 inline std::string get_simulateHelp() {

@@ -1,14 +1,17 @@
 // kovra_simulate: writes a photon file of a simulated scintillator, and optionally the true flashes beside it.
 
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <span>
+#include <string>
 #include <stdexcept>
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "kovra/ContainerFile_Writer.hpp"
+#include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
@@ -19,76 +22,115 @@ namespace {
 
 using namespace kovra::simulate;
 
-int run_simulate(const Simulate_Options& options) {
+/// Says that `path` cannot be written, on standard error, and gives the status for it.
+int cannot_write(const std::string& path) {
+  std::cerr << "kovra_simulate: cannot write '" << path << "'\n";
+  return kovra::tools::exit_failure;
+}
 
-  // The library's writer does not report an unwritable path, so find out before the work is done.
-  if (!std::ofstream(options.outputPath, std::ios::binary | std::ios::trunc)) {
-    std::cerr << "kovra_simulate: cannot write '" << options.outputPath << "'\n";
-    return kovra::tools::exit_failure;
-  }
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> truth(nullptr, &std::fclose);
+// Every output is written as the photons are drawn, a slice at a time, and appears at its path only once it is
+// complete: the run holds one slice of photons (and of raw packets), however long the acquisition.
+int run_simulate(const Simulate_Options& options) {
+  using kovra::tpx3spidr::PhotonEvent;
+  using kovra::tpx3spidr::Time;
+
+  // The photon file's writer stops the program on a target it cannot write; ask first, with a message.
+  if (!kovra::OutputFile_Atomic(options.outputPath).stream()) return cannot_write(options.outputPath);
+  kovra::ContainerFile_Writer<2> photonFile(options.outputPath);
+
   const std::string truthPath = get_truthPath(options.outputPath);
+  std::optional<kovra::OutputFile_Atomic> truth;
+  std::optional<PhotonFlashes_Writer> flashes;
   if (options.writeTruth) {
-    truth.reset(std::fopen(truthPath.c_str(), "w"));
-    if (!truth) {
-      std::cerr << "kovra_simulate: cannot write '" << truthPath << "'\n";
+    truth.emplace(truthPath);
+    if (!truth->stream()) return cannot_write(truthPath);
+    truth->stream() << "t_s,x_px,y_px,nPhotons,class\n";
+    try {
+      flashes.emplace(get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
+    } catch (const std::runtime_error& e) {
+      std::cerr << "kovra_simulate: " << e.what() << "\n";
       return kovra::tools::exit_failure;
     }
-    std::fputs("t_s,x_px,y_px,nPhotons,class\n", truth.get());
+  }
+
+  std::optional<kovra::OutputFile_Atomic> rawFile;
+  std::uint64_t nHits = 0;
+  const auto countHit = [&nHits](const Raw_Hit&) { ++nHits; };
+  std::optional<Raw_Writer<decltype(countHit)>> raw;
+  if (!options.rawPath.empty()) {
+    rawFile.emplace(options.rawPath);
+    if (!rawFile->stream()) return cannot_write(options.rawPath);
+    raw.emplace(
+        options.settings.width_px, options.settings.height_px, options.settings.seed,
+        [&rawFile](const std::uint64_t* words, std::size_t n) {
+          rawFile->stream().write(reinterpret_cast<const char*>(words), static_cast<std::streamsize>(8 * n));
+        },
+        [triggers = Trigger_Times(options.settings)](Time& t) mutable { return triggers.next(t); }, countHit);
   }
 
   const auto& classes = options.settings.classes;
   const auto onEvent = [&](const True_Event& e) {
-    if (truth) {
-      std::fprintf(truth.get(), "%.12f,%.4f,%.4f,%llu,%s\n", e.t_s, e.x_px, e.y_px,
-                   static_cast<unsigned long long>(e.nPhotons), classes[e.classIndex].name.c_str());
-    }
+    if (!truth) return;
+    char line[160];
+    std::snprintf(line, sizeof line, "%.12f,%.4f,%.4f,%llu,", e.t_s, e.x_px, e.y_px,
+                  static_cast<unsigned long long>(e.nPhotons));
+    truth->stream() << line << classes[e.classIndex].name << '\n';
   };
-  std::optional<PhotonFlashes_Writer> flashes;
-  try {
-    if (options.writeTruth) flashes.emplace(get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
-  } catch (const std::runtime_error& e) {
-    std::cerr << "kovra_simulate: " << e.what() << "\n";
-    return kovra::tools::exit_failure;
-  }
-  const Simulation_Result result =
-      options.writeTruth ? simulate_photonEvents_withFlashes(
-                               options.settings, onEvent,
-                               [&](const std::vector<std::int64_t>& slice) { flashes->append(slice); }, 0)
-                         : simulate_photonEvents(options.settings, onEvent);
-  if (truth && std::fclose(truth.release()) != 0) {
-    std::cerr << "kovra_simulate: cannot write '" << truthPath << "'\n";
-    return kovra::tools::exit_failure;
-  }
+  Photon_Fingerprint fingerprint;
+  std::uint64_t nPhotons = 0;
+  photonFile.begin_block(kovra::detail::make_identifier("photons"));
+  const Simulation_Counts counts = simulate_photonSlices(
+      options.settings, onEvent, [&](std::span<const PhotonEvent> photons, std::span<const std::int64_t> flashOf) {
+        photonFile.append(photons);
+        nPhotons += photons.size();
+        if (flashes) {
+          fingerprint.add(photons);
+          flashes->append(flashOf);
+        }
+        if (raw) {
+          for (const auto& p : photons) raw->add_photon(p);
+        }
+      });
+  if (!photonFile.good()) return cannot_write(options.outputPath);
+  photonFile.end_block();
 
-  kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(options.outputPath, result.photons);
-  try {
-    if (flashes) flashes->finish(result.nEvents, fingerprint_photons(result.photons.photonEvents));
-  } catch (const std::runtime_error& e) {
-    std::cerr << "kovra_simulate: " << e.what() << "\n";
-    return kovra::tools::exit_failure;
-  }
-
-  std::cout << "kovra_simulate: wrote " << result.photons.size() << " photons (" << result.nEventPhotons
-            << " from " << result.nEvents << " flashes, " << result.nDarkPhotons << " dark counts";
-  if (result.photons.extTriggers) std::cout << ", " << result.photons.extTriggers->size() << " triggers";
-  std::cout << ") to " << options.outputPath << "\n";
-  if (options.writeTruth) std::cout << "kovra_simulate: true flashes in " << truthPath << "\n";
-  if (flashes) std::cout << "kovra_simulate: the flash of each photon in " << flashes->get_path() << "\n";
-  if (!options.rawPath.empty()) {
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> raw(std::fopen(options.rawPath.c_str(), "wb"), &std::fclose);
-    std::uint64_t nHits = 0;
-    try {
-      if (!raw) throw std::invalid_argument("cannot write");
-      write_raw(result.photons, options.settings.width_px, options.settings.height_px, options.settings.seed,
-                raw.get(), [&](const Raw_Hit&) { ++nHits; });
-      if (std::fclose(raw.release()) != 0) throw std::invalid_argument("cannot write");
-    } catch (const std::invalid_argument& e) {
-      std::cerr << "kovra_simulate: '" << options.rawPath << "': " << e.what() << "\n";
-      return 1;
+  Trigger_Times triggers(options.settings);
+  std::uint64_t nTriggers = 0;
+  if (triggers.present()) {
+    photonFile.begin_block(kovra::detail::make_identifier("extTrigs"));
+    std::vector<Time> piece;
+    constexpr std::size_t pieceTriggers = 1 << 16;
+    for (bool more = true; more;) {
+      piece.clear();
+      for (Time t; piece.size() < pieceTriggers && (more = triggers.next(t));) piece.push_back(t);
+      photonFile.append(std::span<const Time>(piece));
+      nTriggers += piece.size();
     }
-    std::cout << "kovra_simulate: wrote the raw form, " << nHits << " hits, to " << options.rawPath << "\n";
+    if (!photonFile.good()) return cannot_write(options.outputPath);
+    photonFile.end_block();
   }
+
+  // The companions first, the photon file last: whoever waits for it finds them in place.
+  try {
+    if (raw) {
+      raw->finish();
+      rawFile->commit();
+    }
+    if (truth) truth->commit();
+    if (flashes) flashes->finish(counts.nEvents, fingerprint.value());
+    photonFile.commit();
+  } catch (const std::exception& e) {
+    std::cerr << "kovra_simulate: " << e.what() << "\n";
+    return kovra::tools::exit_failure;
+  }
+
+  std::cout << "kovra_simulate: wrote " << nPhotons << " photons (" << counts.nEventPhotons << " from "
+            << counts.nEvents << " flashes, " << counts.nDarkPhotons << " dark counts";
+  if (triggers.present()) std::cout << ", " << nTriggers << " triggers";
+  std::cout << ") to " << options.outputPath << "\n";
+  if (truth) std::cout << "kovra_simulate: true flashes in " << truthPath << "\n";
+  if (flashes) std::cout << "kovra_simulate: the flash of each photon in " << flashes->get_path() << "\n";
+  if (raw) std::cout << "kovra_simulate: wrote the raw form, " << nHits << " hits, to " << options.rawPath << "\n";
   return 0;
 }
 

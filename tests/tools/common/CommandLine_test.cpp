@@ -19,7 +19,8 @@ struct Tool {
 
 const Tool tools[] = {{"kovra_simulate", KOVRA_SIMULATE_PATH, "--seed"},
                       {"kovra_inspect", KOVRA_INSPECT_PATH, "--csv"},
-                      {"kovra_evaluate", KOVRA_EVALUATE_PATH, "--truth"}};
+                      {"kovra_evaluate", KOVRA_EVALUATE_PATH, "--truth"},
+                      {"kovra_import", KOVRA_IMPORT_PATH, "--radius"}};
 
 }  // namespace
 

@@ -93,7 +93,6 @@ TEST_F(ImportTest, CommandLine) {
   write_bytes(dir.file("a.tpx3"), RawBytes().chunk(0, {heartbeat(0)}).data);
   const std::tuple<std::string, int, std::string> cases[] = {
       // arguments, exit status, standard error
-      {"a.tpx3 -o a.kovraphot --bogus", 2, "kovra_import: unknown option --bogus\nTry 'kovra_import --help'.\n"},
       {"a.tpx3", 2, "kovra_import: no output file given (-o OUT.kovraphot)\nTry 'kovra_import --help'.\n"},
       {"-o a.kovraphot", 2, "kovra_import: no raw file given\nTry 'kovra_import --help'.\n"},
       {"a.tpx3 -o a.txt", 2,
@@ -111,7 +110,6 @@ TEST_F(ImportTest, CommandLine) {
        "kovra_import: option --min-tot needs a number of nanoseconds, at least 0, not \"x\"\n"
        "Try 'kovra_import --help'.\n"},
       {"a.tpx3 b.tpx3 -o a.kovraphot", 2, "kovra_import: more than one raw file: b.tpx3\nTry 'kovra_import --help'.\n"},
-      {"--version", 0, ""},
       {"--help", 0, ""},
   };
   for (const auto& [arguments, status, message] : cases) {
@@ -119,8 +117,6 @@ TEST_F(ImportTest, CommandLine) {
     EXPECT_EQ(run(arguments), status);
     EXPECT_EQ(err, message);
   }
-  run("--version");
-  EXPECT_EQ(out, "kovra_import 1.0.0\n");
   run("--help");
   EXPECT_THAT(out, HasSubstr("(default 250e-9)"));
   EXPECT_FALSE(std::filesystem::exists(dir.file("a.kovraphot")));

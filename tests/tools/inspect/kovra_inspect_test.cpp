@@ -206,6 +206,7 @@ TEST_F(InspectTest, ProgramOutput) {
   write_bytes(dir.file("empty.kovraevent"), file_of<E>({}, Triggers(std::in_place)));
   write_bytes(dir.file("wide.kovraevent"), file_of(wide));
   write_bytes(dir.file("photons.kovraevent"), file_of<P>({{1, 2, 3}}));
+  write_bytes(dir.file("swapped.kovraphot"), file_of<P>({{1, 2, 10}, {1, 2, 5}, {1, 2, 7}, {1, 2, 3}}));
   const std::string usage = "\nTry 'kovra_inspect --help'.\n", outside = " lie outside the image of ";
   const std::tuple<std::string, int, std::string, std::string> cases[] = {  // arguments, status, output has, error
       {"known.kovraevent", 0,
@@ -228,7 +229,12 @@ TEST_F(InspectTest, ProgramOutput) {
       {"p.kovraphot", 0,
        "file          p.kovraphot\ntype          photons\nrecords       1\n"
        "time          1000 s .. 1000 s\nspan          0 s\nmean rate     n/a (zero span)\n"
-       "x extent      -0.00010681152 .. -0.00010681152 px\ny extent      3 .. 3 px\next. triggers absent\n",
+       "x extent      -0.00010681152 .. -0.00010681152 px\ny extent      3 .. 3 px\ntime order    non-decreasing\n"
+       "ext. triggers absent\n",
+       ""},
+      {"swapped.kovraphot", 0,
+       "time order    2 records earlier than the one before, the first is record 1 (kovra_brantel takes its slower "
+       "step-by-step path)\n",
        ""},
       {"empty.kovraevent", 0, "type          events\nrecords       0\next. triggers empty\n", ""},
       // The span of the whole 64-bit time range, and the top photon-count bin.

@@ -37,7 +37,7 @@ Labelled_Run simulate_labelled(const Simulation_Settings& s, long sliceTicks) {
   Labelled_Run run;
   run.result = simulate_photonEvents_withFlashes(
       s, [&](const True_Event& e) { run.truth.push_back(e); },
-      [&](const std::vector<std::int64_t>& slice) {
+      [&](std::span<const std::int64_t> slice) {
         run.flashOfPhoton.insert(run.flashOfPhoton.end(), slice.begin(), slice.end());
       },
       sliceTicks);
@@ -98,8 +98,8 @@ TEST(PhotonFlashesTest, FileIsWrittenWholeAndReadBack) {
   EXPECT_EQ(path, dir.file("run.truth.kovraflash"));
   {
     PhotonFlashes_Writer writer(path, 10);
-    writer.append({2, -1});
-    writer.append({0});
+    writer.append(std::vector<std::int64_t>{2, -1});
+    writer.append(std::vector<std::int64_t>{0});
     EXPECT_FALSE(std::filesystem::exists(path));  // only the temporary file exists until finish
     writer.finish(3, fingerprint_photons(photons));
   }

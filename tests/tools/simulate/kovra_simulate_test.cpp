@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
+#include "simulate/RawExport.hpp"
 
 namespace {
 
@@ -110,4 +112,52 @@ TEST(SimulateProgramTest, FileHoldsTheModelsPhotonsAndTruthListsEveryFlash) {
   const auto flashes = kovra::simulate::read_photonFlashes(dir.file("run.truth.kovraflash"), loaded.photonEvents);
   EXPECT_EQ(flashes.nFlashes, expected.nEvents);
   EXPECT_EQ(std::ranges::count(flashes.flashOfPhoton, -1), static_cast<long>(expected.nDarkPhotons));
+}
+
+TEST(SimulateProgramTest, EveryFileIsWrittenAsTheRunGoesUnderAMemoryLimitFarBelowItsSize) {
+  TempDir dir;
+  // About 3 million photons (48 MB) with triggers, truth and raw output (about 150 MB), in a process whose data
+  // may not exceed 16 MiB: only a run that writes as it goes gets through.
+  constexpr long dataLimitBytes = 16L << 20;
+  const std::string options = "-d 0.075 -r 2e6 --triggers 2e5 --seed 9 --truth --raw run.tpx3 --width 400";
+  const auto r = run_program(dir, "prlimit", "--data=" + std::to_string(dataLimitBytes) + " " KOVRA_SIMULATE_PATH
+                                                 " -o run.kovraphot " + options);
+  ASSERT_EQ(r.status, 0) << r.err;
+
+  kovra::simulate::Simulation_Settings s;
+  s.duration_s = 0.075, s.eventRate_Hz = 2e6, s.triggerMode = kovra::simulate::Trigger_Mode::periodic;
+  s.triggerFrequency_Hz = 2e5, s.seed = 9, s.width_px = 400;
+  std::vector<std::int64_t> flashOfPhoton;
+  const auto expected = kovra::simulate::simulate_photonEvents_withFlashes(
+      s, [](const auto&) {},
+      [&](std::span<const std::int64_t> f) { flashOfPhoton.insert(flashOfPhoton.end(), f.begin(), f.end()); }, 0);
+  ASSERT_GT(expected.photons.size() * sizeof(kovra::tpx3spidr::PhotonEvent), 2u * dataLimitBytes);
+
+  const std::string memoryPath = dir.file("memory.kovraphot");
+  kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(memoryPath, expected.photons);
+  EXPECT_TRUE(read_bytes(dir.file("run.kovraphot")) == read_bytes(memoryPath));
+  EXPECT_EQ(kovra::simulate::read_photonFlashes(dir.file("run.truth.kovraflash"), expected.photons.photonEvents)
+                .flashOfPhoton,
+            flashOfPhoton);
+
+  std::FILE* raw = std::fopen(dir.file("memory.tpx3").c_str(), "wb");
+  ASSERT_NE(raw, nullptr);
+  kovra::simulate::write_raw(expected.photons, s.width_px, s.height_px, s.seed, raw, [](const auto&) {});
+  std::fclose(raw);
+  EXPECT_TRUE(read_bytes(dir.file("run.tpx3")) == read_bytes(dir.file("memory.tpx3")));
+}
+
+TEST(SimulateProgramTest, ARunThatCannotWriteEverythingLeavesEveryExistingFileAsItWas) {
+  TempDir dir;
+  write_bytes(dir.file("run.kovraphot"), "earlier photons");
+  write_bytes(dir.file("run.truth.csv"), "earlier truth");
+  const auto r = run_simulate(dir, "-o run.kovraphot -d 0.001 --truth --raw missing/run.tpx3");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "kovra_simulate: cannot write 'missing/run.tpx3'\n");
+  EXPECT_EQ(read_bytes(dir.file("run.kovraphot")), "earlier photons");
+  EXPECT_EQ(read_bytes(dir.file("run.truth.csv")), "earlier truth");
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) names.push_back(entry.path().filename());
+  std::ranges::sort(names);
+  EXPECT_EQ(names, (std::vector<std::string>{"run.kovraphot", "run.truth.csv", "stderr.txt", "stdout.txt"}));
 }
