@@ -62,6 +62,7 @@ class Cells_EventMembers {
       low = Box{std::min<std::int64_t>(low.x, p.x.value), std::min<std::int64_t>(low.y, p.y.value)};
       high = Box{std::max<std::int64_t>(high.x, p.x.value), std::max<std::int64_t>(high.y, p.y.value)};
     }
+    widen_box();
     const std::uint64_t index = size();
     std::uint64_t previous = none;
     if (useCells) {
@@ -152,11 +153,20 @@ class Cells_EventMembers {
   /// wrapped difference within |dSpace| is a plain one too, so a member that near lies inside the widened box.
   /// (A full chain's event is mostly one compact flash, while most photons it is offered belong to others.)
   bool outside_box(const PhotonEvent_Type& p) const {
+    return p.x.value < nearLow.x || p.x.value > nearHigh.x || p.y.value < nearLow.y || p.y.value > nearHigh.y;
+  }
+  /// The box widened by |dSpace|, for outside_box(); where it leaves the 32-bit range it decides nothing and
+  /// becomes the whole range instead, which no position lies outside of.
+  void widen_box() {
     constexpr std::int64_t lowest = std::numeric_limits<std::int32_t>::min();
     constexpr std::int64_t highest = std::numeric_limits<std::int32_t>::max();
     const std::int64_t r = dSpace.abs();
-    if (low.x - r < lowest || low.y - r < lowest || high.x + r > highest || high.y + r > highest) return false;
-    return p.x.value < low.x - r || p.x.value > high.x + r || p.y.value < low.y - r || p.y.value > high.y + r;
+    nearLow = Box{low.x - r, low.y - r};
+    nearHigh = Box{high.x + r, high.y + r};
+    if (nearLow.x < lowest || nearLow.y < lowest || nearHigh.x > highest || nearHigh.y > highest) {
+      nearLow = Box{lowest, lowest};
+      nearHigh = Box{highest, highest};
+    }
   }
 
   /// The first and last cell holding positions within dSpace of v along one axis (equal when one does).
@@ -182,6 +192,8 @@ class Cells_EventMembers {
   std::vector<Member> members;
   Box low{0, 0};   // the least coordinates of all members
   Box high{0, 0};  // the largest
+  Box nearLow{0, 0};   // the box widened by |dSpace| (see widen_box)
+  Box nearHigh{0, 0};
   std::uint64_t dropped = 0;      // members before this one are no longer in `members`
   std::uint64_t firstRecent = 0;  // the first member not earlier than the latest lo
   std::uint32_t event = 0;  // the current event's number; slots of no event hold 0
