@@ -4,7 +4,8 @@
 // uniformly random place on the detector; each flash sends a Poisson number of photons, spread around the hit
 // with a Gaussian in space and delayed by a two-component (fast, slow) scintillation decay whose slow share
 // depends on the particle class. Dark counts add uniform photons. The photons are quantised to the camera's
-// 1.5625 ns tick and come out in non-decreasing time, as the camera writes them.
+// 1.5625 ns tick and come out in non-decreasing time, as the camera writes them. Hot pixels, if asked for, are
+// pixels at uniformly random places that each fire single photons as a Poisson process of their own rate.
 //
 // Generation runs slice by slice in time: the flashes of one slice are drawn, their photons sorted, and those
 // earlier than the slice's end are final, because every later flash starts at or after it; the rest carry over
@@ -56,12 +57,16 @@ struct Simulation_Settings {
   double tauSlow_s = 150.0e-9;
   std::vector<Particle_Class> classes = {{"gamma", 0.7, 0.10}, {"neutron", 0.3, 0.35}};
   double darkRate_Hz = 1.0e3;
+  int hotPixels = 0;            ///< pixels firing on their own, each at hotPixelRate_Hz
+  double hotPixelRate_Hz = 0.0;
   Trigger_Mode triggerMode = Trigger_Mode::absent;
   double triggerFrequency_Hz = 0.0;
   std::uint64_t seed = 1;
 
   /// Photons expected before losses at the detector's edges and the end of the acquisition.
-  double get_expectedPhotons() const { return duration_s * (eventRate_Hz * photonsPerEvent + darkRate_Hz); }
+  double get_expectedPhotons() const {
+    return duration_s * (eventRate_Hz * photonsPerEvent + darkRate_Hz + hotPixels * hotPixelRate_Hz);
+  }
 };
 
 /// One simulated flash as it really happened: start time, position, photons that reached the file, class.
@@ -77,7 +82,7 @@ struct True_Event {
 struct Simulation_Counts {
   std::uint64_t nEvents = 0;
   std::uint64_t nEventPhotons = 0;
-  std::uint64_t nDarkPhotons = 0;
+  std::uint64_t nDarkPhotons = 0;  ///< photons of no flash: dark counts and hot-pixel hits
 };
 
 /// The photon file's content and the counts behind it.
@@ -194,6 +199,25 @@ Simulation_Counts simulate_photonSlices(const Simulation_Settings& settings, OnE
   double nextEvent = eventGap > 0.0 ? eventRandom.exponential(eventGap) : end;
   double nextDark = darkGap > 0.0 ? darkRandom.exponential(darkGap) : end;
 
+  // Each hot pixel draws its place and its firing times from a generator of its own, so that neither the slice
+  // length nor the other sources change them.
+  struct Hot_Pixel {
+    Random_Generator random;
+    Length x;
+    Length y;
+    double next;
+  };
+  const double hotGap = settings.hotPixelRate_Hz > 0.0 ? 1.0 / (settings.hotPixelRate_Hz * tick) : 0.0;
+  std::vector<Hot_Pixel> hotPixels;
+  for (int k = 0; k < settings.hotPixels && hotGap > 0.0; ++k) {
+    const std::uint64_t number = static_cast<std::uint64_t>(k) + 1;
+    Random_Generator random(settings.seed ^ (std::uint64_t{0x9E3779B97F4A7C15} * number));
+    const double x = std::floor(random.uniform() * width);
+    const double y = std::floor(random.uniform() * height);
+    const double first = random.exponential(hotGap);
+    hotPixels.push_back(Hot_Pixel{random, to_units(x), to_units(y), first});
+  }
+
   std::vector<simulation_detail::Slice_Photon> buffer;
   std::vector<simulation_detail::Slice_Photon> scratch;
   std::vector<PhotonEvent> slicePhotons;
@@ -236,6 +260,13 @@ Simulation_Counts simulate_photonSlices(const Simulation_Settings& settings, OnE
       const double y = darkRandom.uniform() * height;
       buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(nextDark)}}, -1});
       ++counts.nDarkPhotons;
+    }
+
+    for (auto& hot : hotPixels) {
+      for (; hot.next < sliceEnd; hot.next += hot.random.exponential(hotGap)) {
+        buffer.push_back({PhotonEvent{hot.x, hot.y, Time{static_cast<long>(hot.next)}}, -1});
+        ++counts.nDarkPhotons;
+      }
     }
 
     simulation_detail::sort_byToa(buffer, scratch, sliceBegin);

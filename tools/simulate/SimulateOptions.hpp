@@ -52,6 +52,8 @@ inline std::string get_simulateHelp() {
                 "                          its light in the slow component (0 to 1); repeat for each class;\n"
                 "                          given once, it replaces the defaults %s:%g:%g and %s:%g:%g\n"
                 "      --dark-rate HZ      dark-count photons per second over the whole detector (default %g)\n"
+                "      --hot-pixels N:RATE N pixels at random places, each firing single photons at RATE per\n"
+                "                          second (hot pixels of a real detector; default none)\n"
                 "      --triggers MODE     external triggers: 'none' (no trigger list, the default), 'empty'\n"
                 "                          (a trigger list without entries) or a frequency in hertz\n"
                 "      --seed N            seed of the random numbers, 0 to 2^64-1 (default %llu); the same seed\n"
@@ -89,7 +91,7 @@ inline bool parse_number(const std::string& text, double& value) {
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
   enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth };
-  enum : int { raw = truth + 1 };
+  enum : int { raw = truth + 1, hotPixels };
   static const option longOptions[] = {
       {"output", required_argument, nullptr, 'o'},        {"duration", required_argument, nullptr, 'd'},
       {"event-rate", required_argument, nullptr, 'r'},    {"photons", required_argument, nullptr, 'n'},
@@ -99,7 +101,7 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       {"class", required_argument, nullptr, particleClass}, {"dark-rate", required_argument, nullptr, darkRate},
       {"triggers", required_argument, nullptr, triggers}, {"seed", required_argument, nullptr, seed},
       {"truth", no_argument, nullptr, truth},             {"help", no_argument, nullptr, 'h'},
-      {"raw", required_argument, nullptr, raw},
+      {"raw", required_argument, nullptr, raw},           {"hot-pixels", required_argument, nullptr, hotPixels},
       tools::versionLongOption,                           {nullptr, 0, nullptr, 0}};
 
   Simulate_Options options;
@@ -186,6 +188,21 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       case darkRate:
         if (!read_number("dark-rate", "a rate in hertz", 0.0, false, inf, s.darkRate_Hz)) return options;
         break;
+      case hotPixels: {
+        const std::string text = optarg;
+        const auto colon = text.find(':');
+        double count = 0.0;
+        double rate = 0.0;
+        if (colon == std::string::npos || !options_detail::parse_number(text.substr(0, colon), count) ||
+            count < 0.0 || count > 1.0e6 || count != std::floor(count) ||
+            !options_detail::parse_number(text.substr(colon + 1), rate) || !(rate > 0.0)) {
+          return fail("--hot-pixels: expected N:RATE with a whole number of pixels from 0 to 1000000 and a rate in "
+                      "hertz greater than 0, got '" + text + "'");
+        }
+        s.hotPixels = static_cast<int>(count);
+        s.hotPixelRate_Hz = rate;
+        break;
+      }
       case triggers: {
         const std::string text = optarg;
         if (text == "none") {

@@ -1,8 +1,9 @@
 #pragma once
 
-// Counts of free photons by spatial cell over a sliding range of the window: a quick "no" to the question
-// whether any free photon lies within dSpace (per axis) of a position. The no-branch chains use them in crowded
-// windows, where they save scans; with a few photons per window they cost more than they save.
+// The free photons of a sliding range of the window by spatial cell: counts, for a quick "no" to the question
+// whether any free photon lies within dSpace (per axis) of a position, and the photons' indices, so that a chain
+// looks only at the photons in the cells around its last photon instead of every photon in its time window. The
+// no-branch chains use them in crowded windows; with a few photons per window they cost more than they save.
 
 #include <algorithm>
 #include <bit>
@@ -29,29 +30,39 @@ class Cells_FreePhotons {
 
   template <typename PhotonEvent_Type>
   void add(const PhotonEvent_Type& p) {
-    ++counts[slot_of(cell_of(p.x), cell_of(p.y))];
+    ++counts[slot_at(p.x, p.y)];
   }
   template <typename PhotonEvent_Type>
   void remove(const PhotonEvent_Type& p) {
-    --counts[slot_of(cell_of(p.x), cell_of(p.y))];
+    --counts[slot_at(p.x, p.y)];
   }
 
   /// False only when no counted photon lies within dSpace of the position on both axes.
   bool any_near(Length_Type x, Length_Type y) const {
-    const std::uint32_t cx = cell_of(x);
-    const std::uint32_t cy = cell_of(y);
     std::uint32_t any = 0;
-    for (const std::uint32_t dx : {cellMask, std::uint32_t{0}, std::uint32_t{1}}) {  // -1, 0, +1 (mod cells)
-      for (const std::uint32_t dy : {cellMask, std::uint32_t{0}, std::uint32_t{1}}) {
-        any |= counts[slot_of((cx + dx) & cellMask, (cy + dy) & cellMask)];
-      }
-    }
+    for_slots_near(x, y, [&](std::size_t slot) { any |= counts[slot]; });
     return any != 0;
   }
 
- private:
   static constexpr std::uint32_t side = 128;  // a power of two, so that folding keeps neighbouring cells adjacent
 
+  /// The slot of a position's own cell, in [0, side * side).
+  std::size_t slot_at(Length_Type x, Length_Type y) const { return slot_of(cell_of(x), cell_of(y)); }
+
+  /// Calls f(slot) for the slots of the 3 x 3 cells around a position (a slot may come twice where the cells
+  /// along an axis are fewer than three).
+  template <typename F>
+  void for_slots_near(Length_Type x, Length_Type y, F&& f) const {
+    const std::uint32_t cx = cell_of(x);
+    const std::uint32_t cy = cell_of(y);
+    for (const std::uint32_t dx : {cellMask, std::uint32_t{0}, std::uint32_t{1}}) {  // -1, 0, +1 (mod cells)
+      for (const std::uint32_t dy : {cellMask, std::uint32_t{0}, std::uint32_t{1}}) {
+        f(slot_of((cx + dx) & cellMask, (cy + dy) & cellMask));
+      }
+    }
+  }
+
+ private:
   std::uint32_t cell_of(Length_Type v) const { return static_cast<std::uint32_t>(v.value) >> shift; }
   /// Folding onto the torus is taking the low bits: where side divides the number of cells, neighbours stay
   /// neighbours; where it does not, no two cells share a slot.
@@ -64,19 +75,30 @@ class Cells_FreePhotons {
   std::vector<std::uint32_t> counts;
 };
 
-/// The free photons of a range [begin, end) of a time-ordered window, counted by cell. The range only moves
-/// forward: photons enter at its end (counted when free) and leave at its begin (uncounted when still free); a
-/// photon taken while inside is uncounted at once. So the counts always hold exactly the free photons inside.
-/// The caller releases no photon of the window at or after `get_begin()`.
+/// The free photons of a range [begin, end) of a time-ordered window, counted and listed by cell. The range only
+/// moves forward: photons enter at its end (counted and listed when free) and leave at its begin (uncounted when
+/// still free, unlisted); a photon taken while inside is uncounted at once and stays listed, to be passed over.
+/// So the counts always hold exactly the free photons inside, and the lists of a cell hold, in index order,
+/// every free photon of the range in that cell (and some taken ones). The caller releases no photon of the window
+/// at or after `get_begin()`.
 template <typename Window_Type, typename Length_Type, typename Time_Type>
 class Range_FreePhotons {
  public:
-  Range_FreePhotons(Window_Type& window_, Length_Type dSpace) : window(window_), cells(dSpace) {}
+  static constexpr std::size_t none = ~std::size_t{0};
+
+  /// With `listed_` false the range only counts (and first_free_near may not be asked).
+  Range_FreePhotons(Window_Type& window_, Length_Type dSpace, bool listed_)
+      : window(window_), cells(dSpace), listed(listed_),
+        lists(listed_ ? Cells_FreePhotons<Length_Type>::side * Cells_FreePhotons<Length_Type>::side : 0) {}
+
+  bool is_listed() const { return listed; }
 
   /// Photons before `index` leave the range.
   void drop_before(std::size_t index) {
     for (; begin < index && begin < end; ++begin) {
       if (!window.is_taken(begin)) cells.remove(window[begin]);
+      // Listed only if it entered free; it is then the first of its list.
+      if (listed) lists[cells.slot_at(window[begin].x, window[begin].y)].pop_front_if(begin);
     }
     begin = std::max(begin, index);
     end = std::max(end, begin);
@@ -85,7 +107,10 @@ class Range_FreePhotons {
   /// Photons up to time `limit` enter the range; afterwards it holds every photon from begin to that time.
   void extend_to(Time_Type limit) {
     for (; window.fetch(end) && window[end].toa <= limit; ++end) {
-      if (!window.is_taken(end)) cells.add(window[end]);
+      if (!window.is_taken(end)) {
+        cells.add(window[end]);
+        if (listed) lists[cells.slot_at(window[end].x, window[end].y)].push_back(end);
+      }
     }
   }
 
@@ -97,17 +122,77 @@ class Range_FreePhotons {
   /// False only when no free photon of the range lies within dSpace of (x, y) on both axes.
   bool any_free_near(Length_Type x, Length_Type y) const { return cells.any_near(x, y); }
 
+  /// The first free photon from `from` on (from >= get_begin()) that is not later than `limit` and for which
+  /// accepts(photon) holds, or `none`; `accepts` must hold only for photons within dSpace of (x, y) on both
+  /// axes. The range must reach `limit` (extend_to). Exactly what a walk over the window from `from` on would
+  /// find: every such photon is free, so it is listed, and near, so it is in one of the 3 x 3 cells around
+  /// (x, y); the lists are in index order, so the first hit of each list is that list's candidate.
+  template <typename Accepts_Type>
+  std::size_t first_free_near(Length_Type x, Length_Type y, std::size_t from, Time_Type limit,
+                              Accepts_Type&& accepts) const {
+    std::size_t best = none;
+    cells.for_slots_near(x, y, [&](std::size_t slot) {
+      const auto& list = lists[slot];
+      for (auto k = std::lower_bound(list.indices.begin() + static_cast<std::ptrdiff_t>(list.head), list.indices.end(), from);
+           k != list.indices.end() && *k < best; ++k) {
+        const auto& p = window[*k];
+        if (p.toa > limit) break;  // and so are the photons listed after it
+        if (!window.is_taken(*k) && accepts(p)) {
+          best = *k;
+          break;
+        }
+      }
+    });
+    return best;
+  }
+
+  /// One past the last photon after `from` that is not later than `limit`, searched up to `from + span` (which it
+  /// returns when all up to there are in time). The range must reach `limit`.
+  std::size_t end_of_reach(std::size_t from, Time_Type limit, std::size_t span) const {
+    std::size_t lo = from + 1;
+    std::size_t hi = std::min(end, from + span);
+    while (lo < hi) {
+      const std::size_t mid = lo + (hi - lo) / 2;
+      if (window[mid].toa <= limit) lo = mid + 1; else hi = mid;
+    }
+    return lo;
+  }
+
   std::size_t get_begin() const { return begin; }
 
  private:
+  /// Indices of photons of one slot in index order, from `head` on; the front is dropped by moving `head`.
+  struct Slot_List {
+    std::vector<std::size_t> indices;
+    std::size_t head = 0;
+
+    void push_back(std::size_t index) {
+      if (head >= 64 && 2 * head >= indices.size()) {  // the dropped front is most of it: move the rest down
+        indices.erase(indices.begin(), indices.begin() + static_cast<std::ptrdiff_t>(head));
+        head = 0;
+      }
+      indices.push_back(index);
+    }
+    void pop_front_if(std::size_t index) {
+      if (head < indices.size() && indices[head] == index && ++head == indices.size()) {
+        indices.clear();
+        head = 0;
+      }
+    }
+  };
+
   Window_Type& window;
   Cells_FreePhotons<Length_Type> cells;
+  bool listed;
+  std::vector<Slot_List> lists;
   std::size_t begin = 0;
   std::size_t end = 0;
 };
 
 /// Samples taken to judge how crowded the photons are: 256 spread over the first window, each counting at most
-/// 64 followers, so the judgement costs at most 16384 comparisons whatever the list.
+/// 64 followers, so the judgement costs at most 16384 comparisons whatever the list (under a millisecond, next
+/// to the tenths of a second of the smallest benchmark run). The cap bounds the thresholds that can be told
+/// apart: every one in use (4, 24, 48) lies below it.
 inline constexpr std::size_t crowding_samples = 256;
 inline constexpr std::size_t crowding_sampleCap = 64;
 

@@ -9,8 +9,8 @@
 // photon is not earlier than t_j - dTime (never below the seed), then scans forward while photons are not later
 // than min(t_j + dTime, cap). On time-ordered input this amounts to "some event photon in [t_j - dTime, t_j]".
 //
-// On time-ordered input the search looks only at the event's own photons, kept in a short list, from the first
-// one not earlier than t_j - dTime on. Out of order it walks the photons as described, and the window mark of a
+// On time-ordered input the search looks only at the event's own photons not earlier than t_j - dTime, kept in
+// a list and, for crowded events, by cell (Cells_EventMembers.hpp). Out of order it walks the photons as described, and the window mark of a
 // photon says it belongs to the event being built (cleared over the event's range when it is done), so
 // "belongs to the current event" needs no index.
 //
@@ -20,9 +20,9 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "kovra/Quantities.hpp"
+#include "kovra/reconstruction/Cells_EventMembers.hpp"
 #include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/Reconstruction_Pass.hpp"
 
@@ -39,10 +39,8 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
   const auto dTime = settings.dTime;
   const auto durationMax = settings.durationMax;
 
-  // Members of the event being built, in the order they joined (time order when the photons are). Reused from
-  // event to event; it grows only past the largest event seen so far.
-  std::vector<std::size_t> members;
-  members.reserve(64);
+  // Members of the event being built (ordered input), reused from event to event.
+  detail::Cells_EventMembers<PhotonEvent_Type> members(dSpace);
 
   detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
     for (std::size_t s = 0; window.fetch(s); ++s) {
@@ -55,10 +53,8 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
       const Time_Type tLimit = seed.toa + durationMax;
       Time_Type tReach = seed.toa + dTime;
       std::size_t lastMember = s;
-      std::size_t firstRecent = 0;  // first member not earlier than t_j - dTime (ordered input)
       if constexpr (ordered) {
-        members.clear();
-        members.push_back(s);
+        members.restart(seed);
       } else {
         window.mark(s) = 1;
       }
@@ -72,11 +68,7 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
             if constexpr (ordered) {
               // In time order the search below finds exactly the members in [t_j - dTime, t_j]; members are
               // fewer than photons, and the window's lower end only moves forward.
-              while (firstRecent < members.size() && window[members[firstRecent]].toa < lo) ++firstRecent;
-              for (std::size_t m = firstRecent; m < members.size() && !touches; ++m) {
-                const PhotonEvent_Type& member = window[members[m]];
-                touches = within_euclidean(member.x - offered.x, member.y - offered.y, dSpace);
-              }
+              touches = members.any_within(offered, lo);
             } else {
               // Back from j - 1 while the previous photon is not earlier than lo (never below the seed), then
               // forward while photons are not later than hi. Photons from j on are never in the event yet, so
@@ -96,7 +88,7 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
               window.set_taken(j);
               detail::report_member(membership, out.size(), j);
               if constexpr (ordered) {
-                members.push_back(j);
+                members.add(offered);
               } else {
                 window.mark(j) = 1;
               }

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -67,6 +68,33 @@ TEST(PhotonSimulationTest, PhotonsAreOrderedInsideTheAcquisitionCountedAndFixedB
     EXPECT_TRUE(same_photons(first, simulate(busy(), slice))) << slice;
   }
   EXPECT_FALSE(same_photons(first, simulate(busy(2))));
+}
+
+TEST(PhotonSimulationTest, HotPixelsFireAtTheirRateOnFewPixelsWhateverTheSlicing) {
+  Simulation_Settings s = busy();
+  s.darkRate_Hz = 0.0, s.eventRate_Hz = 1.0e5;
+  const Simulated_Run plain = simulate(s);
+  s.hotPixels = 3, s.hotPixelRate_Hz = 2.0e6;  // 8000 hits each over 4 ms
+  const Simulated_Run hot = simulate(s);
+  const auto& photons = hot.result.photons.photonEvents;
+  // The flashes are those of the run without hot pixels; the extra photons sit on three fixed pixels.
+  ASSERT_EQ(hot.truth.size(), plain.truth.size());
+  EXPECT_EQ(hot.result.nEventPhotons, plain.result.nEventPhotons);
+  EXPECT_EQ(photons.size(), hot.result.nEventPhotons + hot.result.nDarkPhotons);
+  EXPECT_NEAR(static_cast<double>(hot.result.nDarkPhotons), 24000.0, 800.0);
+  EXPECT_TRUE(std::is_sorted(photons.begin(), photons.end(),
+                             [](const PhotonEvent& a, const PhotonEvent& b) { return a.toa < b.toa; }));
+  std::vector<std::pair<int, int>> places;
+  for (const auto& p : photons) places.emplace_back(p.x.value, p.y.value);
+  std::sort(places.begin(), places.end());
+  std::vector<std::size_t> runs;  // photons per place, for places hit more than 1000 times
+  for (std::size_t i = 0, j = 0; i < places.size(); i = j) {
+    for (j = i; j < places.size() && places[j] == places[i]; ++j) {}
+    if (j - i > 1000) runs.push_back(j - i);
+  }
+  ASSERT_EQ(runs.size(), 3u);
+  for (const std::size_t n : runs) EXPECT_NEAR(static_cast<double>(n), 8000.0, 450.0);
+  for (const long slice : {7L, 10000000L}) EXPECT_TRUE(same_photons(hot, simulate(s, slice))) << slice;
 }
 
 TEST(PhotonSimulationTest, TriggersAreAbsentEmptyOrPeriodicFromZero) {

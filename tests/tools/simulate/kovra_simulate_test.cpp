@@ -30,6 +30,8 @@ Program_Outcome run_simulate(const TempDir& dir, const std::string& args) {
 TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
   const std::string classRule = "--class: expected NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a weight "
                                 "greater than 0 and a slow fraction from 0 to 1, got '";
+  const std::string hotRule = "--hot-pixels: expected N:RATE with a whole number of pixels from 0 to 1000000 and a "
+                              "rate in hertz greater than 0, got '";
   const std::string seedRule = "--seed: expected a whole number from 0 to 18446744073709551615, got '";
   // The arguments follow "-o a.kovraphot" unless they start with -o.
   const struct { std::vector<std::string> args; std::string message; } cases[] = {
@@ -46,6 +48,10 @@ TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
       {{"--class", "a:1:1.5"}, classRule + "a:1:1.5'"},
       {{"--triggers", "0"}, "--triggers: expected 'none', 'empty' or a frequency in hertz greater than 0, got '0'"},
       {{"--triggers", "1e9"}, "--triggers: more than 1e8 triggers in the acquisition"},
+      {{"--hot-pixels", "3"}, hotRule + "3'"},
+      {{"--hot-pixels", "2.5:1e5"}, hotRule + "2.5:1e5'"},
+      {{"--hot-pixels", "4:0"}, hotRule + "4:0'"},
+      {{"--hot-pixels", "1:1e10"}, "1e+10 photons expected, more than the limit of 1e+09; shorten --duration"},
       {{"--seed=-1"}, seedRule + "-1'"},
       {{"--seed", "18446744073709551616"}, seedRule + "18446744073709551616'"},
       {{"-r", "1e9", "-n", "10"}, "1e+10 photons expected, more than the limit of 1e+09; shorten --duration"},
