@@ -98,8 +98,10 @@ TEST(CellsEventMembersTest, AMemberAtExactlyLoCountsInACrowdedEvent) {
     kovra::detail::Cells_EventMembers<PhotonEvent> cells(dSpace);
     const PhotonEvent alone{Length{0}, Length{0}, Time{5}};
     cells.restart(alone);
-    // Many members far away, so that the question goes through the cells.
-    for (std::int64_t t = 10; t < 30; ++t) cells.add(PhotonEvent{Length{1000 * 65536}, Length{wrapped(t * 65536)}, Time{t}});
-    EXPECT_EQ(cells.any_within(PhotonEvent{Length{3 * 65536}, Length{4 * 65536}, Time{40}}, Time{lo}), lo == 5) << lo;
+    // Many members far away, and a first question that walks through all of them in vain, so that the event
+    // gets its cells and the second question goes through them.
+    for (std::int64_t t = 10; t < 70; ++t) cells.add(PhotonEvent{Length{1000 * 65536}, Length{wrapped(t * 65536)}, Time{t}});
+    ASSERT_FALSE(cells.any_within(PhotonEvent{Length{500 * 65536}, Length{35 * 65536}, Time{75}}, Time{lo}));
+    EXPECT_EQ(cells.any_within(PhotonEvent{Length{3 * 65536}, Length{4 * 65536}, Time{80}}, Time{lo}), lo == 5) << lo;
   }
 }

@@ -3,9 +3,12 @@
 // The members of the event a full chain is building, on time-ordered input, with the question the chain asks
 // of them for every photon it offers: does a member not earlier than `lo` lie within dSpace (Euclidean, <=)?
 //
-// The members are kept in the order they joined, which is time order. A crowded event asks through a grid of
-// cells instead of going through all its recent members, so that an offered photon looks only at the members
-// around it; a small one goes through them in order, which is cheaper there.
+// The members are kept in the order they joined, which is time order. A photon outside the box around all
+// members (widened by dSpace) is turned away at once. Otherwise the recent members are gone through in order,
+// which finds a neighbour at once in the usual compact flash. Only an event where that walk keeps coming back
+// empty-handed over many members (a spread-out event, many photons of other flashes inside its box) gets a grid of
+// cells, built then from the members it has and kept from then on, so that an offered photon looks only at the
+// members around it.
 
 #include <algorithm>
 #include <bit>
@@ -19,10 +22,17 @@
 
 namespace kovra::detail {
 
-/// Above this many members not earlier than `lo`, the question goes through the cells. Measured on 10 million
-/// photons of the dense and nominal benchmark datasets (-s 5 -t 5e-7 -D 2e-6, processor seconds): always
-/// cells 1.01 / 0.39, from 3 on 0.93 / 0.37, from 8 on 0.90 / 0.35, from 32 on 1.05 / 0.41, never 2.0 / 0.39.
+/// Above this many members not earlier than `lo`, an event that has its cells asks through them. Measured on 10
+/// million photons of the dense and nominal benchmark datasets (-s 5 -t 5e-7 -D 2e-6, processor seconds), with
+/// cells kept for every event and without the box test: always cells 1.01 / 0.39, from 3 on 0.93 / 0.37, from 8
+/// on 0.90 / 0.35, from 32 on 1.05 / 0.41, never 2.0 / 0.39.
 inline constexpr std::size_t eventMembers_cellsFrom = 8;
+
+/// An event gets its cells once one walk through its recent members has tested this many of them without finding
+/// a neighbour. Keeping cells for every event cost the compact flashes of the sparse benchmark dataset (20 million
+/// photons, -s 5 -t 5e-7 -D 2e-6) 0.42 processor seconds against 0.30 without cells, and with the box test the
+/// walk alone was faster on the nominal (0.39 against 0.50) and dense (0.76 against 0.92) datasets too.
+inline constexpr std::uint64_t eventMembers_walkBeforeCells = 32;
 
 template <typename PhotonEvent_Type>
 class Cells_EventMembers {
@@ -48,6 +58,7 @@ class Cells_EventMembers {
     members.clear();
     dropped = 0;
     firstRecent = 0;
+    indexed = false;
     if (++event == 0) {  // the number wrapped: slots stamped by earlier events could look current, so clear all
       std::fill(heads.begin(), heads.end(), Slot{});
       event = 1;
@@ -63,14 +74,8 @@ class Cells_EventMembers {
       high = Box{std::max<std::int64_t>(high.x, p.x.value), std::max<std::int64_t>(high.y, p.y.value)};
     }
     widen_box();
-    const std::uint64_t index = size();
-    std::uint64_t previous = none;
-    if (useCells) {
-      Slot& slot = heads[slot_of(cell_of(p.x), cell_of(p.y))];
-      if (slot.event == event) previous = slot.last;
-      slot = Slot{event, index};
-    }
-    members.push_back(Member{p.x, p.y, p.toa, previous});
+    members.push_back(Member{p.x, p.y, p.toa, none});
+    if (indexed) link(size() - 1);
   }
 
   /// Whether a member not earlier than `lo` lies within dSpace of p. The members must have joined in time
@@ -80,9 +85,14 @@ class Cells_EventMembers {
     if (outside_box(p)) return false;
     while (firstRecent < size() && at(firstRecent).toa < lo) ++firstRecent;
     drop_old();
-    if (!useCells || size() - firstRecent <= eventMembers_cellsFrom) {
+    if (!indexed || size() - firstRecent <= eventMembers_cellsFrom) {
       for (std::uint64_t m = firstRecent; m < size(); ++m) {
         if (within_euclidean(at(m).x - p.x, at(m).y - p.y, dSpace)) return true;
+      }
+      // A long fruitless walk: from now on this event keeps its members in cells as well.
+      if (!indexed && useCells && size() - firstRecent > eventMembers_walkBeforeCells) {
+        for (std::uint64_t m = dropped; m < size(); ++m) link(m);
+        indexed = true;
       }
       return false;
     }
@@ -130,6 +140,14 @@ class Cells_EventMembers {
   std::uint32_t cell_of(Length_Type v) const {
     return static_cast<std::uint32_t>(static_cast<std::uint32_t>(v.value) >> shift);
   }
+  /// Files member m, the latest so far in its slot, under its cell: it points to the member before it there.
+  void link(std::uint64_t m) {
+    Member& member = members[static_cast<std::size_t>(m - dropped)];
+    Slot& slot = heads[slot_of(cell_of(member.x), cell_of(member.y))];
+    member.previous = slot.event == event ? slot.last : none;
+    slot = Slot{event, m};
+  }
+
   /// Member m (counted from the event's first), which must not have been dropped.
   const Member& at(std::uint64_t m) const { return members[static_cast<std::size_t>(m - dropped)]; }
 
@@ -197,6 +215,7 @@ class Cells_EventMembers {
   std::uint64_t dropped = 0;      // members before this one are no longer in `members`
   std::uint64_t firstRecent = 0;  // the first member not earlier than the latest lo
   std::uint32_t event = 0;  // the current event's number; slots of no event hold 0
+  bool indexed = false;     // the current event's members are filed in the cells
 };
 
 }  // namespace kovra::detail
