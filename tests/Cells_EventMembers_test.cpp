@@ -1,9 +1,10 @@
-// The members of a full chain's event, asked by cell: the answer must be the one a walk over every member not
-// earlier than `lo` gives, for events small and crowded, members near cell borders and where the 32-bit
-// coordinates wrap, and distances from zero to beyond the cells' use.
+// The members of a full chain's event, asked by cell or through the plain list: the answer must be the one a
+// walk over every member not earlier than `lo` gives, for events small and crowded, members near cell borders
+// and where the 32-bit coordinates wrap, and distances from zero to beyond the cells' use.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -41,7 +42,7 @@ struct Case {
 
 }  // namespace
 
-TEST(CellsEventMembersTest, AnswersAsTheWalkOverRecentMembers) {
+TEST(CellsEventMembersTest, BothKindsAnswerAsTheWalkOverRecentMembers) {
   const Case cases[] = {
       {"five pixels, one chip", 5 * 65536, 128 * 65536, 256 * 65536},
       {"five pixels, crowded spot", 5 * 65536, 100 * 65536, 12 * 65536},
@@ -59,6 +60,7 @@ TEST(CellsEventMembersTest, AnswersAsTheWalkOverRecentMembers) {
   for (const auto& c : cases) {
     const Length dSpace{c.dSpace};
     kovra::detail::Cells_EventMembers<PhotonEvent> cells(dSpace);
+    kovra::detail::Walk_EventMembers<PhotonEvent> walk(dSpace);
     std::uniform_int_distribution<std::int32_t> offset(-c.spread, c.spread);
     const auto photon = [&](std::int64_t t) {
       return PhotonEvent{Length{wrapped(c.around + offset(random))}, Length{wrapped(c.around + offset(random))}, Time{t}};
@@ -68,6 +70,7 @@ TEST(CellsEventMembersTest, AnswersAsTheWalkOverRecentMembers) {
       std::int64_t t = 0;
       std::vector<PhotonEvent> members{photon(t)};
       cells.restart(members[0]);
+      walk.restart(members[0]);
       // Few or many members in reach; time steps of 0 to 2 make members at exactly lo common.
       const std::int64_t dTime = event % 2 == 0 ? 4 : 400;
       // The last event is long enough for the members older than dTime to leave the list.
@@ -77,11 +80,13 @@ TEST(CellsEventMembersTest, AnswersAsTheWalkOverRecentMembers) {
         const Time lo{t - dTime};
         const bool expected = plainAnyWithin(members, offered, lo, dSpace);
         ASSERT_EQ(cells.any_within(offered, lo), expected) << c.name << ", event " << event << ", photon " << k;
+        ASSERT_EQ(walk.any_within(offered, lo), expected) << c.name << ", event " << event << ", photon " << k;
         ++asked;
         yes += expected ? 1 : 0;
         if (expected || k % 3 == 0) {
           members.push_back(offered);
           cells.add(offered);
+          walk.add(offered);
         }
       }
       EXPECT_EQ(cells.size(), members.size());
@@ -104,4 +109,27 @@ TEST(CellsEventMembersTest, AMemberAtExactlyLoCountsInACrowdedEvent) {
     ASSERT_FALSE(cells.any_within(PhotonEvent{Length{500 * 65536}, Length{35 * 65536}, Time{75}}, Time{lo}));
     EXPECT_EQ(cells.any_within(PhotonEvent{Length{3 * 65536}, Length{4 * 65536}, Time{80}}, Time{lo}), lo == 5) << lo;
   }
+}
+
+TEST(CellsEventMembersTest, ALongEventKeepsTheMembersItsNextQuestionsCanReach) {
+  // One member per tick, each far from every other; each photon offered at the place of the member exactly
+  // dTime earlier, twice at the same time (equal times come up in real data), must find it: members leave the
+  // list while the event goes on, but never one a question can still reach.
+  const Length dSpace{5 * 65536};
+  const std::int64_t dTime = 10;
+  const auto member = [](std::int64_t t) { return PhotonEvent{Length{wrapped(t % 1500 * 20 * 65536)}, Length{0}, Time{t}}; };
+  const auto check = [&](auto& members) {
+    members.restart(member(0));
+    for (std::int64_t t = 1; t < 5000; ++t) {
+      const Time lo{t - dTime};
+      const PhotonEvent offered{member(std::max<std::int64_t>(t - dTime, 0)).x, Length{0}, Time{t}};
+      ASSERT_TRUE(members.any_within(offered, lo)) << t;
+      members.add(member(t));
+      ASSERT_TRUE(members.any_within(offered, lo)) << t;
+    }
+  };
+  kovra::detail::Walk_EventMembers<PhotonEvent> walk(dSpace);
+  check(walk);
+  kovra::detail::Cells_EventMembers<PhotonEvent> cells(dSpace);
+  check(cells);
 }

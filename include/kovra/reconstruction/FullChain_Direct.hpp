@@ -10,9 +10,9 @@
 // than min(t_j + dTime, cap). On time-ordered input this amounts to "some event photon in [t_j - dTime, t_j]".
 //
 // On time-ordered input the search looks only at the event's own photons not earlier than t_j - dTime, kept in
-// a list and, for crowded events, by cell (Cells_EventMembers.hpp). Out of order it walks the photons as described, and the window mark of a
-// photon says it belongs to the event being built (cleared over the event's range when it is done), so
-// "belongs to the current event" needs no index.
+// a list and, in crowded data, also by cell (Cells_EventMembers.hpp). Out of order it walks the photons as
+// described, and the window mark of a photon says it belongs to the event being built (cleared over the event's
+// range when it is done), so "belongs to the current event" needs no index.
 //
 // Over a window: an event reads nothing before its seed, so the window releases everything before the current
 // seed; the taken bits of the photons ahead of it cross window borders inside the window.
@@ -20,9 +20,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "kovra/Quantities.hpp"
 #include "kovra/reconstruction/Cells_EventMembers.hpp"
+#include "kovra/reconstruction/Cells_FreePhotons.hpp"
 #include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/Reconstruction_Pass.hpp"
 
@@ -39,10 +41,13 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
   const auto dTime = settings.dTime;
   const auto durationMax = settings.durationMax;
 
-  // Members of the event being built (ordered input), reused from event to event.
-  detail::Cells_EventMembers<PhotonEvent_Type> members(dSpace);
+  // Members of the event being built (ordered input), reused from event to event: the plain list where flashes
+  // rarely overlap, cells where the data is crowded (the first photons read decide).
+  detail::Walk_EventMembers<PhotonEvent_Type> walkMembers(dSpace);
+  detail::Cells_EventMembers<PhotonEvent_Type> cellMembers(dSpace);
 
-  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
+  // The pass over one window; `members` is used on ordered input only.
+  const auto build = [&]<bool ordered>(auto& window, auto& members, std::bool_constant<ordered>) {
     for (std::size_t s = 0; window.fetch(s); ++s) {
       window.release_before(s);
       if (window.is_taken(s)) continue;
@@ -104,6 +109,14 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
       if constexpr (!ordered) {
         for (std::size_t k = s; k <= lastMember; ++k) window.mark(k) = 0;
       }
+    }
+  };
+
+  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
+    if (ordered && detail::is_crowded(window, dTime, detail::eventMembers_crowdedFrom)) {
+      build(window, cellMembers, std::bool_constant<ordered>{});
+    } else {
+      build(window, walkMembers, std::bool_constant<ordered>{});
     }
   });
 }
