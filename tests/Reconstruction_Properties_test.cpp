@@ -52,11 +52,12 @@ constexpr long unlimited = Time::max_ticks;
 const Settings settingsTable[] = {
     {8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5},   {16, 3, 40, 1.0}, {12, 6, 0, std::nullopt},
     {4, 0, unlimited, 2.5},          {20, 8, 25, -0.3}, {8, 5, 12, 0.0},  {64, 10, 60, 0.25},
-    // Crowded windows (a dozen photons and more), where the chains count free photons by cell.
+    // Crowded windows (a dozen to forty photons), where the ghost-photon chains count free photons by cell and the
+    // full chain keeps its members' box and cells.
     {8, 30, unlimited, std::nullopt}, {12, 40, 50, 0.5}, {8, 90, 120, 0.1}, {1, 60, unlimited, 1.0},
     {64, 90, unlimited, std::nullopt},
-    // Pile-up (about a hundred photons per window), where the ghost-photon chains look for their next photon
-    // in the cells' lists.
+    // Pile-up (about a hundred photons per window), where the no-branch chains count free photons by cell too and
+    // the ghost-photon chains look for their next photon in the cells' lists.
     {8, 240, unlimited, std::nullopt}, {12, 200, 260, 0.5}, {4, 300, 400, -0.3}};
 
 // --- The plain formulations, as groups of photon indices in the order they joined. Positions stay small. ---

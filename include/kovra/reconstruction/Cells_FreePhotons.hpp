@@ -192,7 +192,7 @@ class Range_FreePhotons {
 /// Samples taken to judge how crowded the photons are: 256 spread over the first window, each counting at most
 /// 64 followers, so the judgement costs at most 16384 comparisons whatever the list (under a millisecond, next
 /// to the tenths of a second of the smallest benchmark run). The cap bounds the thresholds that can be told
-/// apart: every one in use (4, 24, 48) lies below it.
+/// apart: every one in use (16 and 48) lies below it.
 inline constexpr std::size_t crowding_samples = 256;
 inline constexpr std::size_t crowding_sampleCap = 64;
 

@@ -195,9 +195,11 @@ auto make_noBranchChain_window(const Settings_Type& settings) {
 }
 
 /// In time order, chains of this algorithm ask the cell counts only where windows of dTime hold on average at
-/// least this many photons: below it the counting cost more than the scans it saved (dense benchmark, 24 and
-/// more photons per window, gained; nominal, about 4, lost).
-inline constexpr std::size_t noBranchChain_crowdedFrom = 24;
+/// least this many photons: below it the counting costs more than the scans it saves. Measured on 20 million
+/// photons of each benchmark dataset (-s 5 -t 5e-7 -D 2e-6, processor seconds, fastest of 7, counting from 24 /
+/// from 48 on): nominal (about 29 photons per window) 0.33 / 0.28, hot spot (about 31) 0.45 / 0.41, dense (64
+/// and more) 0.49 / 0.50, counted either way.
+inline constexpr std::size_t noBranchChain_crowdedFrom = 48;
 
 }  // namespace detail
 

@@ -25,8 +25,11 @@ namespace detail {
 
 /// In time order, the ghost-photon chains count free photons by cell where windows of dTime hold on average at
 /// least this many photons: every photon seeds here, so a taken seed turned away without a scan pays off much
-/// earlier than for the no-branch chain (nominal benchmark, about 4 photons per window, gained).
-inline constexpr std::size_t ghostPhoton_crowdedFrom = 4;
+/// earlier than for the no-branch chain. Measured on 20 million photons of each benchmark dataset (-s 5 -t 5e-7
+/// -D 2e-6, processor seconds, fastest of 7, counting from 4 / from 16 / from 24 on): sparse (about 10 photons
+/// per window) 0.41 / 0.28 / 0.28, nominal (about 29) 0.46 / 0.47 / 0.48, hot spot (about 31) 0.63 / 0.63 /
+/// 0.64; never counting, nominal took 1.08.
+inline constexpr std::size_t ghostPhoton_crowdedFrom = 16;
 /// From this many photons per window on, the cells also list their photons and the chains look there for their
 /// next photon (grow_listed). On pile-up most ghost seeds have some free photon in the cells around them but none
 /// near enough, and walked their whole window (about 200 candidates) to find that out. Measured on 10 million
