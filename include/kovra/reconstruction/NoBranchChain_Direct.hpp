@@ -47,6 +47,64 @@ struct NoBranchChain_Window {
   /// chain on dense 0.49 / 0.48 / 0.48: flat around 6.)
   static constexpr unsigned missesBeforeAsking = 6;
 
+  /// |a - b| < dSpace on the wrapped 32-bit difference, as one unsigned comparison: the difference shifted by
+  /// dSpace - 1 must fall in [0, 2 dSpace - 2]. A distance of 0 or less admits nothing.
+  auto near_test() const {
+    const std::int64_t offset = static_cast<std::int64_t>(dSpace.value) - 1;
+    const std::uint64_t width = dSpace.value > 0 ? 2 * static_cast<std::uint64_t>(dSpace.value) - 1 : 0;
+    return [offset, width](Length_Type a, Length_Type b) {
+      return static_cast<std::uint64_t>(static_cast<std::int64_t>((a - b).value) + offset) < width;
+    };
+  }
+
+  /// A chain being grown (grow(), grow_listed()): its summary, its last photon and how far it looks.
+  template <typename PhotonEventChain_Type>
+  struct Growing {
+    PhotonEventChain_Type chain;
+    std::size_t last;
+    Length_Type lastX;
+    Length_Type lastY;
+    Time_Type tLast;
+    Time_Type d;
+    Time_Type limit;
+    Time_Type tEnd;
+    bool noteResume;
+  };
+
+  template <typename PhotonEventChain_Type, typename Window_Type>
+  Growing<PhotonEventChain_Type> start(const Window_Type& window, std::size_t seedIndex, Time_Type tEnd,
+                                       bool noteResume) const {
+    const auto& seed = window[seedIndex];
+    const Time_Type limit = limit_of(seed.toa, dTime, tEnd);
+    return {PhotonEventChain_Type(seed), seedIndex, seed.x, seed.y, seed.toa, dTime, limit, tEnd, noteResume};
+  }
+
+  /// The resume mark of photon `from`, the chain's last one while it looked up to `to` (see grow()).
+  template <typename PhotonEventChain_Type, typename Window_Type>
+  static void note_resume(const Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t from,
+                          std::size_t to) {
+    if (g.noteResume) window.mark(from) = static_cast<std::uint8_t>(std::min<std::size_t>(to - from, 255));
+  }
+
+  /// Photon j joins the chain: it is taken, reported to `membership` as a member of event `eventIndex`, becomes
+  /// the last photon, and its time gap widens the chain's window by the factor.
+  template <typename PhotonEventChain_Type, typename Window_Type, typename Membership_Type>
+  void join(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t j, Membership_Type& membership,
+            std::uint64_t eventIndex) const {
+    const auto& candidate = window[j];
+    g.chain.add_photon(candidate);
+    window.set_taken(j);
+    report_member(membership, eventIndex, j);
+    // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
+    if (factor != 0.0) g.d = add_saturating(g.d, (candidate.toa - g.tLast).scaled(factor));
+    note_resume(g, window, g.last, j + 1);
+    g.last = j;
+    g.tLast = candidate.toa;
+    g.lastX = candidate.x;
+    g.lastY = candidate.y;
+    g.limit = limit_of(g.tLast, g.d, g.tEnd);
+  }
+
   /// Grows the chain of the seed at `seedIndex`, offering it the photons from `firstCandidate` on and taking
   /// (marking) the free photons that join. The caller has fetched `firstCandidate` and checked that it lies
   /// inside the seed's window, and that the photons it passed over could not have joined.
@@ -65,29 +123,13 @@ struct NoBranchChain_Window {
   PhotonEventChain_Type grow(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate, Time_Type tEnd,
                              bool noteResume, Range_Type* freePhotons, Membership_Type& membership,
                              std::uint64_t eventIndex) const {
-    // |a - b| < dSpace on the wrapped 32-bit difference, as one unsigned comparison: the difference shifted by
-    // dSpace - 1 must fall in [0, 2 dSpace - 2]. A distance of 0 or less admits nothing.
-    const std::int64_t offset = static_cast<std::int64_t>(dSpace.value) - 1;
-    const std::uint64_t width = dSpace.value > 0 ? 2 * static_cast<std::uint64_t>(dSpace.value) - 1 : 0;
-    const auto near = [offset, width](Length_Type a, Length_Type b) {
-      return static_cast<std::uint64_t>(static_cast<std::int64_t>((a - b).value) + offset) < width;
-    };
-    const auto note_resume = [&window, noteResume](std::size_t from, std::size_t to) {
-      if (noteResume) window.mark(from) = static_cast<std::uint8_t>(std::min<std::size_t>(to - from, 255));
-    };
-
-    PhotonEventChain_Type chain(window[seedIndex]);
-    std::size_t last = seedIndex;
-    Length_Type lastX = window[seedIndex].x;
-    Length_Type lastY = window[seedIndex].y;
-    Time_Type tLast = window[seedIndex].toa;
-    Time_Type d = dTime;
-    Time_Type limit = limit_of(tLast, d, tEnd);
+    const auto near = near_test();
+    auto g = start<PhotonEventChain_Type>(window, seedIndex, tEnd, noteResume);
     // The answer for one last photon cannot change while it stays last, so it is asked at most once per last
     // photon.
     const auto exhausted = [&]() {
-      freePhotons->extend_to(limit);
-      return !freePhotons->any_free_near(lastX, lastY);
+      freePhotons->extend_to(g.limit);
+      return !freePhotons->any_free_near(g.lastX, g.lastY);
     };
     unsigned misses = 0;
     std::size_t j = firstCandidate;
@@ -98,26 +140,16 @@ struct NoBranchChain_Window {
       }
       const auto& candidate = window[j];
       // One branch for the three tests: most candidates fail one of them at random.
-      if (near(lastX, candidate.x) & near(lastY, candidate.y) & !window.is_taken(j)) {
-        chain.add_photon(candidate);
-        window.set_taken(j);
-        report_member(membership, eventIndex, j);
+      if (near(g.lastX, candidate.x) & near(g.lastY, candidate.y) & !window.is_taken(j)) {
+        join(g, window, j, membership, eventIndex);
         if constexpr (counted) freePhotons->note_taken(j);
-        // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
-        if (factor != 0.0) d = add_saturating(d, (candidate.toa - tLast).scaled(factor));
-        note_resume(last, j + 1);
-        last = j;
-        tLast = candidate.toa;
-        lastX = candidate.x;
-        lastY = candidate.y;
-        limit = limit_of(tLast, d, tEnd);
         misses = 0;
       }
       ++j;
-      if (!window.fetch(j) || window[j].toa > limit) break;
+      if (!window.fetch(j) || window[j].toa > g.limit) break;
     }
-    note_resume(last, j);
-    return chain;
+    note_resume(g, window, g.last, j);
+    return g.chain;
   }
 
   /// Chains that look into the cells walk this many candidates past their last photon first: the next photon
@@ -135,30 +167,16 @@ struct NoBranchChain_Window {
   PhotonEventChain_Type grow_listed(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate,
                                     Time_Type tEnd, bool noteResume, Range_Type& freePhotons,
                                     Membership_Type& membership, std::uint64_t eventIndex) const {
-    const std::int64_t offset = static_cast<std::int64_t>(dSpace.value) - 1;  // as in grow()
-    const std::uint64_t width = dSpace.value > 0 ? 2 * static_cast<std::uint64_t>(dSpace.value) - 1 : 0;
-    const auto near = [offset, width](Length_Type a, Length_Type b) {
-      return static_cast<std::uint64_t>(static_cast<std::int64_t>((a - b).value) + offset) < width;
-    };
-    const auto note_resume = [&window, noteResume](std::size_t from, std::size_t to) {
-      if (noteResume) window.mark(from) = static_cast<std::uint8_t>(std::min<std::size_t>(to - from, 255));
-    };
-
-    PhotonEventChain_Type chain(window[seedIndex]);
-    std::size_t last = seedIndex;
-    Length_Type lastX = window[seedIndex].x;
-    Length_Type lastY = window[seedIndex].y;
-    Time_Type tLast = window[seedIndex].toa;
-    Time_Type d = dTime;
-    Time_Type limit = limit_of(tLast, d, tEnd);
-    const auto nearLast = [&](const auto& candidate) { return near(lastX, candidate.x) & near(lastY, candidate.y); };
+    const auto near = near_test();
+    auto g = start<PhotonEventChain_Type>(window, seedIndex, tEnd, noteResume);
+    const auto nearLast = [&](const auto& candidate) { return near(g.lastX, candidate.x) & near(g.lastY, candidate.y); };
 
     for (std::size_t j = firstCandidate;; ++j) {
       bool found = false;
       for (const std::size_t walkEnd = j + walkBeforeAsking; j < walkEnd; ++j) {
-        if (!window.fetch(j) || window[j].toa > limit) {
-          note_resume(last, j);
-          return chain;
+        if (!window.fetch(j) || window[j].toa > g.limit) {
+          note_resume(g, window, g.last, j);
+          return g.chain;
         }
         if (nearLast(window[j]) & !window.is_taken(j)) {
           found = true;
@@ -166,26 +184,16 @@ struct NoBranchChain_Window {
         }
       }
       if (!found) {
-        freePhotons.extend_to(limit);
-        j = freePhotons.first_free_near(lastX, lastY, j, limit, nearLast);
+        freePhotons.extend_to(g.limit);
+        j = freePhotons.first_free_near(g.lastX, g.lastY, j, g.limit, nearLast);
         if (j == Range_Type::none) break;
       }
-      const auto& candidate = window[j];
-      chain.add_photon(candidate);
-      window.set_taken(j);
-      report_member(membership, eventIndex, j);
+      join(g, window, j, membership, eventIndex);
       freePhotons.note_taken(j);
-      if (factor != 0.0) d = add_saturating(d, (candidate.toa - tLast).scaled(factor));
-      note_resume(last, j + 1);
-      last = j;
-      tLast = candidate.toa;
-      lastX = candidate.x;
-      lastY = candidate.y;
-      limit = limit_of(tLast, d, tEnd);
     }
     // No free photon near the last one before the limit: the walk would have gone to the first photon past it.
-    note_resume(last, freePhotons.end_of_reach(last, limit, 255));
-    return chain;
+    note_resume(g, window, g.last, freePhotons.end_of_reach(g.last, g.limit, 255));
+    return g.chain;
   }
 };
 
