@@ -7,11 +7,10 @@
 #include <bit>
 #include <cstdint>
 #include <optional>
-#include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "RandomPhotons.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "reconstructEvents_switchAlgorithm.hpp"
 
@@ -25,33 +24,9 @@ using kovra::tpx3spidr::Time;
 
 namespace {
 
-/// Photons on a coarse grid with small, often equal time gaps. With `outOfOrder`, some neighbours are swapped
-/// after moving the earlier one far from every other photon: it is out of time order but can join no event,
-/// so no algorithm meets a photon earlier than its event's first one.
-Data_PhotonEvents generate(unsigned seed, std::size_t n, bool outOfOrder) {
-  std::mt19937 random(seed);
-  auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
-  std::vector<PhotonEvent> list;
-  long t = uniform(-50, 50);
-  int isolated = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    t += uniform(0, 3) == 0 ? 0 : uniform(0, 6);
-    list.push_back(PhotonEvent{Length{uniform(0, 12) * 4}, Length{uniform(0, 12) * 4}, Time{t}});
-    if (outOfOrder && i > 0 && list[i - 1].toa < list[i].toa && uniform(0, 7) == 0) {
-      list[i - 1].x = Length{1000 + 1000 * ++isolated};
-      std::swap(list[i - 1], list[i]);
-    }
-  }
-  return Data_PhotonEvents{std::move(list), std::nullopt};
-}
-
-struct Settings {
-  int dSpace;
-  long dTime;
-  long durationMax;
-  std::optional<double> factor;
-};
-constexpr long unlimited = Time::max_ticks;
+using random_photons::Disorder;
+using random_photons::Settings;
+using random_photons::unlimited;
 // With and without a cap and a factor; the last rows are crowded enough for the chains' free-photon counts.
 const Settings settingsTable[] = {{8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5},   {16, 3, 40, 1.0},
                                   {12, 6, 0, std::nullopt},        {20, 8, 25, -0.3}, {64, 10, 60, 0.25},
@@ -91,7 +66,7 @@ TEST(EventMembershipTest, MembersRebuildTheEventsBitForBit) {
   int ghostsSeen = 0;
   for (const bool outOfOrder : {false, true}) {
     for (unsigned seed = 1; seed <= 8; ++seed) {
-      const auto photons = generate(seed, 400, outOfOrder);
+      const auto photons = random_photons::generate(seed, 400, outOfOrder ? Disorder::swapIsolated : Disorder::none, false);
       const auto& p = photons.photonEvents;
       ASSERT_EQ(std::ranges::is_sorted(p, {}, &PhotonEvent::toa), !outOfOrder);
       for (const auto& s : settingsTable) {

@@ -8,16 +8,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
-#include <random>
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "RandomPhotons.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "reconstructEvents_switchAlgorithm.hpp"
 
-using kovra::tpx3spidr::Data_PhotonEvents;
 using kovra::tpx3spidr::Event;
 using kovra::tpx3spidr::Length;
 using kovra::tpx3spidr::PhotonEvent;
@@ -27,28 +26,9 @@ using kovra::tpx3spidr::Time;
 
 namespace {
 
-/// Photons on a coarse grid with small, often equal time gaps, so that equal distances and equal times (the
-/// boundaries of every test) come up often.
-Data_PhotonEvents generate(unsigned seed, std::size_t n, bool swapNeighbours) {
-  std::mt19937 random(seed);
-  auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
-  std::vector<PhotonEvent> list;
-  long t = uniform(-50, 50);
-  for (std::size_t i = 0; i < n; ++i) {
-    t += uniform(0, 3) == 0 ? 0 : uniform(0, 6);
-    list.push_back(PhotonEvent{Length{uniform(0, 12) * 4}, Length{uniform(0, 12) * 4}, Time{t}});
-    if (swapNeighbours && i > 0 && uniform(0, 7) == 0) std::swap(list[i - 1], list[i]);
-  }
-  return Data_PhotonEvents{std::move(list), std::vector<Time>{Time{t}}};
-}
-
-struct Settings {
-  int dSpace;
-  long dTime;
-  long durationMax;
-  std::optional<double> factor;
-};
-constexpr long unlimited = Time::max_ticks;
+using random_photons::Disorder;
+using random_photons::Settings;
+using random_photons::unlimited;
 const Settings settingsTable[] = {
     {8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5},   {16, 3, 40, 1.0}, {12, 6, 0, std::nullopt},
     {4, 0, unlimited, 2.5},          {20, 8, 25, -0.3}, {8, 5, 12, 0.0},  {64, 10, 60, 0.25},
@@ -172,7 +152,7 @@ TEST(ReconstructionPropertiesTest, AlgorithmsByNameMatchPlainFormulations) {
   int compared = 0;
   for (const bool swapped : {false, true}) {
     for (unsigned seed = 1; seed <= 16; ++seed) {
-      const auto photons = generate(seed, swapped ? 150 : 500, swapped);
+      const auto photons = random_photons::generate(seed, swapped ? 150 : 500, swapped ? Disorder::swapNeighbours : Disorder::none, true);
       const auto& p = photons.photonEvents;
       for (const auto& s : settingsTable) {
         const Reconstruction_Events r{Length{s.dSpace}, Time{s.dTime}, s.factor, Time{s.durationMax}, warn};
