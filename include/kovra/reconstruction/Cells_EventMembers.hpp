@@ -42,6 +42,11 @@ inline constexpr std::uint64_t eventMembers_walkBeforeCells = 32;
 /// 0.75 / 0.41, dense 0.81 / 0.80, hot spot 0.99 / 0.63; every threshold from 16 to 24 tells them apart.
 inline constexpr std::size_t eventMembers_crowdedFrom = 16;
 
+/// Members earlier than lo are never read again: once there are at least this many and they are most of the
+/// list, they leave it, so that a long event (a hot pixel with an unlimited durationMax, say) holds only its
+/// recent members. The count only spares short events the move; no answer depends on it.
+inline constexpr std::size_t eventMembers_dropFrom = 1024;
+
 /// The members as a plain list, walked from the first member not earlier than `lo`.
 template <typename PhotonEvent_Type>
 class Walk_EventMembers {
@@ -58,9 +63,7 @@ class Walk_EventMembers {
   }
 
   void add(const PhotonEvent_Type& p) {
-    // Members earlier than lo are never read again; once they are most of the list they leave it, as in
-    // Cells_EventMembers, so that a long event holds only its recent members.
-    if (firstRecent >= 1024 && 2 * firstRecent >= members.size()) {
+    if (firstRecent >= eventMembers_dropFrom && 2 * firstRecent >= members.size()) {
       members.erase(members.begin(), members.begin() + static_cast<std::ptrdiff_t>(firstRecent));
       firstRecent = 0;
     }
@@ -199,11 +202,10 @@ class Cells_EventMembers {
   /// Member m (counted from the event's first), which must not have been dropped.
   const Member& at(std::uint64_t m) const { return members[static_cast<std::size_t>(m - dropped)]; }
 
-  /// Members earlier than lo are never read again; once they are most of the list, they leave it, so that a long
-  /// event (a hot pixel with an unlimited durationMax, say) holds only its members of the last dTime or so.
+  /// Drops the members earlier than the latest lo (see eventMembers_dropFrom).
   void drop_old() {
     const std::uint64_t old = firstRecent - dropped;
-    if (old < 1024 || 2 * old < members.size()) return;
+    if (old < eventMembers_dropFrom || 2 * old < members.size()) return;
     members.erase(members.begin(), members.begin() + static_cast<std::ptrdiff_t>(old));
     dropped = firstRecent;
   }
