@@ -87,6 +87,14 @@ std::vector<Dataset> datasets() {
   std::vector<Dataset> sets;
   sets.push_back({"sparse", flashes(1, 3000, 0.05), false});
   sets.push_back({"crowded", flashes(2, 3000, 8.0), false});
+  // Sparse and crowded stretches in turn: over a small window the passes change their path between seeds many
+  // times, while the whole list in memory is judged once.
+  std::vector<PhotonEvent> turns;
+  for (unsigned k = 0; k < 8; ++k) {
+    const auto part = flashes(10 + k, 400, k % 2 == 0 ? 0.05 : 8.0, turns.empty() ? 1000 : turns.back().toa.value + 1);
+    turns.insert(turns.end(), part.begin(), part.end());
+  }
+  sets.push_back({"sparse and crowded in turn", turns, false});
   // One pixel firing every tick, for longer than the window holds: with an unlimited duration one event.
   std::vector<PhotonEvent> hot;
   for (std::int64_t t = 0; t < 2000; ++t) hot.push_back({Length{px(5)}, Length{px(5)}, Time{t}});

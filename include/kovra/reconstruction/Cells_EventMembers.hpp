@@ -36,7 +36,7 @@ inline constexpr std::size_t eventMembers_cellsFrom = 8;
 /// walk alone was faster on the nominal (0.39 against 0.50) and dense (0.76 against 0.92) datasets too.
 inline constexpr std::uint64_t eventMembers_walkBeforeCells = 32;
 
-/// Below this many photons, on average, within dTime after a photon (is_crowded), the full chain keeps its
+/// Below this many photons, on average, within dTime after a photon (Crowding_Judge), the full chain keeps its
 /// members in the plain list. Measured on 20 million photons of each benchmark dataset (-s 5 -t 5e-7 -D 2e-6,
 /// processor seconds, plain list / cells): sparse (8 to 16 photons per window) 0.22 / 0.31, nominal (24 to 32)
 /// 0.75 / 0.41, dense 0.81 / 0.80, hot spot 0.99 / 0.63; every threshold from 16 to 24 tells them apart.

@@ -37,6 +37,9 @@ class Cells_FreePhotons {
     --counts[slot_at(p.x, p.y)];
   }
 
+  /// Counts nothing.
+  void clear() { std::fill(counts.begin(), counts.end(), 0); }
+
   /// False only when no counted photon lies within dSpace of the position on both axes.
   bool any_near(Length_Type x, Length_Type y) const {
     std::uint32_t any = 0;
@@ -90,11 +93,22 @@ class Range_FreePhotons {
   static constexpr std::size_t none = ~std::size_t{0};
 
   /// With `listed_` false the range only counts (and first_free_near may not be asked).
-  Range_FreePhotons(Window_Type& window_, Length_Type dSpace, bool listed_)
-      : window(window_), cells(dSpace), listed(listed_),
-        lists(listed_ ? Cells_FreePhotons<Length_Type>::side * Cells_FreePhotons<Length_Type>::side : 0) {}
+  Range_FreePhotons(Window_Type& window_, Length_Type dSpace, bool listed_) : window(window_), cells(dSpace) {
+    restart_at(0, listed_);
+  }
 
   bool is_listed() const { return listed; }
+
+  /// Starts over as an empty range at `index`, listing or not: for a pass that takes up the counts (again) at
+  /// a seed, after running without them.
+  void restart_at(std::size_t index, bool listed_) {
+    cells.clear();
+    listed = listed_;
+    lists.clear();
+    if (listed) lists.resize(Cells_FreePhotons<Length_Type>::side * Cells_FreePhotons<Length_Type>::side);
+    begin = index;
+    end = index;
+  }
 
   /// Photons before `index` leave the range.
   void drop_before(std::size_t index) {
@@ -190,33 +204,10 @@ class Range_FreePhotons {
 
   Window_Type& window;
   Cells_FreePhotons<Length_Type> cells;
-  bool listed;
+  bool listed = false;
   std::vector<Slot_List> lists;
   std::size_t begin = 0;
   std::size_t end = 0;
 };
-
-/// Samples taken to judge how crowded the photons are: 256 spread over the first window, each counting at most
-/// 64 followers, so the judgement costs at most 16384 comparisons whatever the list (under a millisecond, next
-/// to the tenths of a second of the smallest benchmark run). The cap bounds the thresholds that can be told
-/// apart: every one in use (16 and 48) lies below it.
-inline constexpr std::size_t crowding_samples = 256;
-inline constexpr std::size_t crowding_sampleCap = 64;
-
-/// Whether time windows of `span` after a photon hold, on average over a sample of the photons read first, at
-/// least `atLeast` photons. Only decides which exact path is faster.
-template <typename Window_Type, typename Time_Type>
-bool is_crowded(Window_Type& window, Time_Type span, std::size_t atLeast) {
-  if (!window.fetch(1)) return false;
-  const std::size_t n = window.get_end();
-  const std::size_t step = std::max<std::size_t>(1, n / crowding_samples);
-  std::size_t seen = 0;
-  std::size_t sampled = 0;
-  for (std::size_t i = 0; i + 1 < n; i += step, ++sampled) {
-    const Time_Type reach = add_saturating(window[i].toa, span);
-    for (std::size_t j = i + 1; j < n && j <= i + crowding_sampleCap && window[j].toa <= reach; ++j) ++seen;
-  }
-  return seen >= atLeast * sampled;
-}
 
 }  // namespace kovra::detail

@@ -24,7 +24,7 @@
 
 #include "kovra/Quantities.hpp"
 #include "kovra/reconstruction/Cells_EventMembers.hpp"
-#include "kovra/reconstruction/Cells_FreePhotons.hpp"
+#include "kovra/reconstruction/Crowding.hpp"
 #include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/Reconstruction_Pass.hpp"
 
@@ -42,13 +42,16 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
   const auto durationMax = settings.durationMax;
 
   // Members of the event being built (ordered input), reused from event to event: the plain list where flashes
-  // rarely overlap, cells where the data is crowded (the first photons read decide).
+  // rarely overlap, cells where the data is crowded (judged afresh every stretch of seeds).
   detail::Walk_EventMembers<PhotonEvent_Type> walkMembers(dSpace);
   detail::Cells_EventMembers<PhotonEvent_Type> cellMembers(dSpace);
 
-  // The pass over one window; `members` is used on ordered input only.
-  const auto build = [&]<bool ordered>(auto& window, auto& members, std::bool_constant<ordered>) {
-    for (std::size_t s = 0; window.fetch(s); ++s) {
+  // Builds the events of the seeds from `s` up to `until` (or the end of the list) and returns the seed it
+  // stopped at; `members` is used on ordered input only. An event holds nothing once it is written, so the
+  // next stretch may keep its members the other way.
+  const auto build = [&]<bool ordered>(auto& window, auto& members, std::size_t s, std::size_t until,
+                                       std::bool_constant<ordered>) {
+    for (; s < until && window.fetch(s); ++s) {
       window.release_before(s);
       if (window.is_taken(s)) continue;
       window.set_taken(s);
@@ -110,13 +113,22 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
         for (std::size_t k = s; k <= lastMember; ++k) window.mark(k) = 0;
       }
     }
+    return s;
   };
 
+  constexpr std::size_t allSeeds = ~std::size_t{0};
   detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
-    if (ordered && detail::is_crowded(window, dTime, detail::eventMembers_crowdedFrom)) {
-      build(window, cellMembers, std::bool_constant<ordered>{});
+    if constexpr (ordered) {
+      detail::Crowding_Judge judge(window, dTime);
+      for (std::size_t s = 0; window.fetch(s);) {
+        window.release_before(s);
+        judge.due(s);
+        s = judge.at_least(detail::eventMembers_crowdedFrom)
+                ? build(window, cellMembers, s, judge.next_due(), std::true_type{})
+                : build(window, walkMembers, s, judge.next_due(), std::true_type{});
+      }
     } else {
-      build(window, walkMembers, std::bool_constant<ordered>{});
+      build(window, walkMembers, 0, allSeeds, std::false_type{});
     }
   });
 }

@@ -18,6 +18,7 @@
 
 #include "kovra/Quantities.hpp"
 #include "kovra/reconstruction/Cells_FreePhotons.hpp"
+#include "kovra/reconstruction/Crowding.hpp"
 #include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/Reconstruction_Pass.hpp"
 
@@ -226,12 +227,20 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
 
   detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
     using Window_Type = std::remove_reference_t<decltype(window)>;
-    const bool countCells = ordered && detail::is_crowded(window, settings.dTime, detail::noBranchChain_crowdedFrom);
-    // Chains of this algorithm do not look into listed cells (grow_listed): its chains start only at free seeds,
-    // and on the dense benchmark dataset the lists cost more than the walks they saved (about 13 %).
+    // In crowded stretches of ordered input the free photons from i + 1 on are counted by cell (taken up at a
+    // seed as an empty range at i + 1). Chains of this algorithm do not look into listed cells (grow_listed):
+    // its chains start only at free seeds, and on the dense benchmark dataset the lists cost more than the walks
+    // they saved (about 13 %).
+    detail::Crowding_Judge judge(window, settings.dTime);
+    bool countCells = false;
     detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace, false);
     for (std::size_t i = 0; window.fetch(i); ++i) {
       window.release_before(i);
+      if (ordered && judge.due(i)) {
+        const bool count = judge.at_least(detail::noBranchChain_crowdedFrom);
+        if (count && !countCells) freePhotons.restart_at(i + 1, false);
+        countCells = count;
+      }
       // Every seed moves the counted range past itself: photons before a seed can join none of its chains.
       if (countCells) freePhotons.drop_before(i + 1);
       if (window.is_taken(i)) continue;

@@ -15,6 +15,7 @@
 #include <cstdint>
 
 #include "kovra/reconstruction/Cells_FreePhotons.hpp"
+#include "kovra/reconstruction/Crowding.hpp"
 #include "kovra/reconstruction/EventMembership.hpp"
 #include "kovra/reconstruction/NoBranchChain_Direct.hpp"
 #include "kovra/reconstruction/Reconstruction_Pass.hpp"
@@ -54,16 +55,25 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
   // as a seed.
   detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
     using Window_Type = std::remove_reference_t<decltype(window)>;
-    // In time order and crowded windows, the free photons from i + 1 on are counted by cell: a taken seed with
-    // no free photon near it in its window has no partner and gives no event, without a look at its window,
-    // and every chain stops as soon as no free photon is left near its last one. In pile-up they are also
-    // listed by cell, and chains look there for their next photon.
-    const bool countCells = ordered && detail::is_crowded(window, settings.dTime, detail::ghostPhoton_crowdedFrom);
-    const bool listCells = countCells && detail::is_crowded(window, settings.dTime, detail::ghostPhoton_listedFrom);
-    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace, listCells);
+    // In time order and crowded stretches, the free photons from i + 1 on are counted by cell: a taken seed
+    // with no free photon near it in its window has no partner and gives no event, without a look at its
+    // window, and every chain stops as soon as no free photon is left near its last one. In pile-up they are
+    // also listed by cell, and chains look there for their next photon. A range taken up at seed i starts
+    // empty at i + 1 and fills as the seeds' windows reach further, as it does at the first seed.
+    detail::Crowding_Judge judge(window, settings.dTime);
+    bool countCells = false;
+    bool listCells = false;
+    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace, false);
 
     for (std::size_t i = 0; window.fetch(i); ++i) {
       window.release_before(i);
+      if (ordered && judge.due(i)) {
+        const bool count = judge.at_least(detail::ghostPhoton_crowdedFrom);
+        const bool list = count && judge.at_least(detail::ghostPhoton_listedFrom);
+        if (count && (!countCells || list != listCells)) freePhotons.restart_at(i + 1, list);
+        countCells = count;
+        listCells = list;
+      }
       const PhotonEvent_Type seed = window[i];
       const bool seedTaken = window.is_taken(i);
       const Time_Type tEnd = seed.toa + settings.durationMax;
