@@ -317,12 +317,6 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
     EXPECT_EQ(imported.triggers, triggers);
     EXPECT_THAT(out, HasSubstr("0 dropped as late"));
   }
-  // And on to events.
-  const std::string command = "cd '" + dir.path().string() +
-                              "' && '" KOVRA_BRANTEL_PATH
-                              "' -s 2 -t 1e-7 -i sim.kovraphot -o sim.kovraevent --verbose -1";
-  EXPECT_EQ(std::system(command.c_str()), 0);
-  EXPECT_TRUE(std::filesystem::exists(dir.file("sim.kovraevent")));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The kovra_simulate program run as a user runs it: exit status, the two output streams and the files written.
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <span>
@@ -19,6 +18,8 @@
 #include "simulate/RawExport.hpp"
 
 namespace {
+
+using namespace std::string_literals;
 
 Program_Outcome run_simulate(const TempDir& dir, const std::string& args) {
   return run_program(dir, KOVRA_SIMULATE_PATH, args);
@@ -143,11 +144,11 @@ TEST(SimulateProgramTest, ARunThatCannotWriteEverythingLeavesEveryExistingFileAs
   TempDir dir;
   const auto unwritable = run_simulate(dir, "-o missing/dir/a.kovraphot");
   EXPECT_EQ(std::tuple(unwritable.status, unwritable.err),
-            std::tuple(1, "kovra_simulate: cannot write 'missing/dir/a.kovraphot'\n"));
+            std::tuple(1, "kovra_simulate: cannot write 'missing/dir/a.kovraphot'\n"s));
   write_bytes(dir.file("run.kovraphot"), "earlier photons");
   write_bytes(dir.file("run.truth.csv"), "earlier truth");
   const auto r = run_simulate(dir, "-o run.kovraphot -d 0.001 --truth --raw missing/run.tpx3");
-  EXPECT_EQ(std::tuple(r.status, r.err), std::tuple(1, "kovra_simulate: cannot write 'missing/run.tpx3'\n"));
+  EXPECT_EQ(std::tuple(r.status, r.err), std::tuple(1, "kovra_simulate: cannot write 'missing/run.tpx3'\n"s));
   EXPECT_EQ(read_bytes(dir.file("run.kovraphot")), "earlier photons");
   EXPECT_EQ(read_bytes(dir.file("run.truth.csv")), "earlier truth");
   std::vector<std::string> names;
