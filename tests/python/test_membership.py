@@ -20,17 +20,15 @@ def rebuilt_event(photons: np.ndarray) -> tuple[int, int, int, int, float]:
     wrapping at 32 bits, division truncating), the first photon's time, the running mean of the time distances
     to the first photon in seconds."""
     x, y, t_first = (int(photons[0][field]) for field in ("x", "y", "toa"))
+
+    def step(mean: int, sample: int, n: int) -> int:
+        difference = wrap32(sample - mean)
+        return wrap32(mean + abs(difference) // n * (1 if difference >= 0 else -1))
+
     psd = 0.0
-    for n, photon in enumerate(photons[1:].tolist(), start=2):
-        for axis, sample in (("x", photon[0]), ("y", photon[1])):
-            mean = x if axis == "x" else y
-            difference = wrap32(sample - mean)
-            step = abs(difference) // n * (1 if difference >= 0 else -1)
-            if axis == "x":
-                x = wrap32(mean + step)
-            else:
-                y = wrap32(mean + step)
-        psd = (psd * (n - 1) + (photon[2] * kovra.TICK_SECONDS - t_first * kovra.TICK_SECONDS)) / n
+    for n, (photon_x, photon_y, toa) in enumerate(photons[1:].tolist(), start=2):
+        x, y = step(x, photon_x, n), step(y, photon_y, n)
+        psd = (psd * (n - 1) + (toa * kovra.TICK_SECONDS - t_first * kovra.TICK_SECONDS)) / n
     return x, y, t_first, len(photons), psd
 
 
@@ -41,7 +39,7 @@ class MembershipTest(TempDirTest):
         photons = kovra.read_photons(path).photons
         shared = {}
         for algorithm in ALGORITHMS:
-            for label, _, arguments in SETTINGS:
+            for label, arguments in SETTINGS:
                 with self.subTest(algorithm=algorithm, settings=label):
                     (events, _), members = kovra.reconstruct(photons, **arguments, algorithm=algorithm,
                                                              membership=True)

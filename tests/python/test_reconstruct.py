@@ -18,14 +18,17 @@ from kovra_testing import TempDirTest, brantel_message, run_brantel, simulate
 ALGORITHMS = ["default", "noBranchChain_direct", "noBranchChain_ghostPhoton_direct", "forwardChain_photonBuildup",
               "fullChain_direct"]
 
-# (label, tool options, keyword arguments): the settings each algorithm is run with.
+# (label, keyword arguments): the settings each algorithm is run with.
 SETTINGS = [
-    ("plain", ["-s", "2", "-t", "1e-7"], {"d_space_px": 2, "d_time_s": 1e-7}),
-    ("longest duration", ["-s", "5", "-t", "5e-7", "-D", "3e-7"],
-     {"d_space_px": 5, "d_time_s": 5e-7, "duration_max_s": 3e-7}),
-    ("widening window", ["-s", "1.5", "-t", "3e-8", "--dTime_ext", "0.25"],
-     {"d_space_px": 1.5, "d_time_s": 3e-8, "d_time_ext": 0.25}),
+    ("plain", {"d_space_px": 2, "d_time_s": 1e-7}),
+    ("longest duration", {"d_space_px": 5, "d_time_s": 5e-7, "duration_max_s": 3e-7}),
+    ("widening window", {"d_space_px": 1.5, "d_time_s": 3e-8, "d_time_ext": 0.25}),
 ]
+OPTION = dict(d_space_px="-s", d_time_s="-t", duration_max_s="-D", d_time_ext="--dTime_ext", algorithm="--algorithm")
+
+
+def tool_options(arguments: dict[str, object]) -> list[str]:  # kovra_brantel's options for the keyword arguments
+    return [word for key, value in arguments.items() for word in (OPTION[key], str(value))]
 
 
 class SameEventsAsTheToolTest(unittest.TestCase):
@@ -45,11 +48,11 @@ class SameEventsAsTheToolTest(unittest.TestCase):
     def test_events_are_byte_for_byte_those_of_the_tool(self) -> None:
         outputs = {}
         for algorithm in ALGORITHMS:
-            for label, options, arguments in SETTINGS:
+            for label, arguments in SETTINGS:
                 with self.subTest(algorithm=algorithm, settings=label):
                     tool_file = self.dir / "tool.kovraevent"
-                    completed = run_brantel(*options, "--algorithm", algorithm, "-i", str(self.photon_file),
-                                            "-o", str(tool_file))
+                    completed = run_brantel(*tool_options(arguments), "--algorithm", algorithm, "-i",
+                                            str(self.photon_file), "-o", str(tool_file))
                     self.assertEqual(completed.returncode, 0, completed.stderr)
                     printed = io.StringIO()
                     with contextlib.redirect_stdout(printed):
@@ -61,7 +64,7 @@ class SameEventsAsTheToolTest(unittest.TestCase):
                     np.testing.assert_array_equal(result.triggers, self.triggers)
                     outputs[algorithm, label] = result.events.tobytes()
         # The comparison is only worth something if the algorithms give different events on this file.
-        for label, _, _ in SETTINGS:
+        for label, _ in SETTINGS:
             self.assertEqual(len({outputs[algorithm, label] for algorithm in ALGORITHMS}), 4, label)
 
 
@@ -69,19 +72,16 @@ class SettingsErrorTest(TempDirTest):
     def test_bad_settings_raise_the_tools_message(self) -> None:
         path = simulate(self.dir / "s.kovraphot", "--duration", "1e-4")
         photons = kovra.read_photons(path).photons
-        cases = [
-            # (label, tool options, keyword arguments)
-            ("unknown algorithm", ["-s", "1", "-t", "1e-7", "--algorithm", "Default"],
-             {"d_space_px": 1, "d_time_s": 1e-7, "algorithm": "Default"}),
-            ("time out of range", ["-s", "1", "-t", "1e300"], {"d_space_px": 1, "d_time_s": 1e300}),
-            ("negative time out of range", ["-s", "1", "-t", "-8e9"], {"d_space_px": 1, "d_time_s": -8e9}),
-            ("time not a number", ["-s", "1", "-t", "nan"], {"d_space_px": 1, "d_time_s": math.nan}),
-            ("duration beyond the range is unlimited", ["-s", "1", "-t", "1e-7", "-D", "1e10"],
-             {"d_space_px": 1, "d_time_s": 1e-7, "duration_max_s": 1e10}),
+        cases = [  # (label, keyword arguments)
+            ("unknown algorithm", {"d_space_px": 1, "d_time_s": 1e-7, "algorithm": "Default"}),
+            ("time out of range", {"d_space_px": 1, "d_time_s": 1e300}),
+            ("negative time out of range", {"d_space_px": 1, "d_time_s": -8e9}),
+            ("time not a number", {"d_space_px": 1, "d_time_s": math.nan}),
+            ("duration beyond the range is unlimited", {"d_space_px": 1, "d_time_s": 1e-7, "duration_max_s": 1e10}),
         ]
-        for label, options, arguments in cases:
+        for label, arguments in cases:
             with self.subTest(label):
-                completed = run_brantel(*options, "-i", str(path), "-o", str(self.dir / "o.kovraevent"))
+                completed = run_brantel(*tool_options(arguments), "-i", str(path), "-o", str(self.dir / "o.kovraevent"))
                 expected = brantel_message(completed)
                 if expected is None:  # the tool accepts it: so must Python
                     kovra.reconstruct(photons, **arguments)

@@ -4,6 +4,7 @@ import os
 import sys
 import tempfile
 import unittest
+from unittest import mock
 from pathlib import Path
 from typing import Any
 
@@ -15,24 +16,24 @@ from campaign_config import CampaignConfigError, check_campaign  # noqa: E402
 class CampaignConfigTest(unittest.TestCase):
     def setUp(self) -> None:
         self.temp = tempfile.TemporaryDirectory()
+        self.addCleanup(self.temp.cleanup)
         self.root = Path(self.temp.name)
-        self.input = self.root / "in"
-        self.input.mkdir()
+        self.input, self.bin = self.folder("in"), self.folder("bin")
         for name in ("run2.kovraphot", "run10.kovraphot", "notes.txt", "old.kovraevent", ".kovraphot"):
-            (self.input / name).write_bytes(b"")
-        (self.input / "folder.kovraphot").mkdir()
-        (self.input / "sub").mkdir()
-        (self.input / "sub" / "deep.kovraphot").write_bytes(b"")
-        self.bin = self.root / "bin"
-        self.bin.mkdir()
+            self.file(f"in/{name}")
+        self.folder("in/folder.kovraphot")
+        self.file(self.folder("in/sub") / "deep.kovraphot")
         for tool in ("kovra_brantel", "kovra_inspect"):
-            (self.bin / tool).write_text("#!/bin/sh\n")
-            (self.bin / tool).chmod(0o755)
-        self.params = self.root / "params.json"
-        self.params.write_text('{"brantel": {"dSpace_px": 3, "dTime_s": 2e-7}}')
+            self.file(f"bin/{tool}", "#!/bin/sh\n").chmod(0o755)
+        self.params = self.file("params.json", '{"brantel": {"dSpace_px": 3, "dTime_s": 2e-7}}')
 
-    def tearDown(self) -> None:
-        self.temp.cleanup()
+    def folder(self, name: str) -> Path:
+        (self.root / name).mkdir()
+        return self.root / name
+
+    def file(self, name: str | Path, text: str = "") -> Path:
+        (self.root / name).write_text(text)
+        return self.root / name
 
     def config(self, **changes: Any) -> dict[str, Any]:
         base: dict[str, Any] = {key: None for key in campaign_config.KNOWN_KEYS}
@@ -65,19 +66,13 @@ class CampaignConfigTest(unittest.TestCase):
         self.assertEqual(campaign.map_size_px, 512)
 
     def test_bad_settings_are_refused_with_one_clear_message(self) -> None:
-        empty = self.root / "empty"
-        empty.mkdir()
-        (empty / "a.kovraevent").write_bytes(b"")
-        not_a_folder = self.root / "file"
-        not_a_folder.write_text("")
-        bad_json = self.root / "bad.json"
-        bad_json.write_text("{ brantel: 1 }")
-        no_section = self.root / "other.json"
-        no_section.write_text('{"inspect": {}}')
-        bad_value = self.root / "value.json"
-        bad_value.write_text('{"brantel": {"dTime_s": "fast"}}')
-        no_tools = self.root / "nobin"
-        no_tools.mkdir()
+        empty = self.folder("empty")
+        self.file("empty/a.kovraevent")
+        not_a_folder = self.file("file")
+        bad_json = self.file("bad.json", "{ brantel: 1 }")
+        no_section = self.file("other.json", '{"inspect": {}}')
+        bad_value = self.file("value.json", '{"brantel": {"dTime_s": "fast"}}')
+        no_tools = self.folder("nobin")
         cases = [
             ({"dSpace": 5}, "unknown key dSpace; known keys: input, output, dSpace_px"),
             ({"Input": "x", "extra": 1}, "unknown keys Input, extra;"),
@@ -116,17 +111,12 @@ class CampaignConfigTest(unittest.TestCase):
                 self.assertIn(message, str(caught.exception))
 
     def test_tools_come_from_path_without_bin(self) -> None:
-        saved = os.environ["PATH"]
-        try:
-            os.environ["PATH"] = str(self.bin)
+        with mock.patch.dict(os.environ, PATH=str(self.bin)):
             campaign = check_campaign(self.config(bin=None))
-            self.assertEqual(campaign.brantel_args[0], str(self.bin / "kovra_brantel"))
-            os.environ["PATH"] = str(self.root)
-            with self.assertRaises(CampaignConfigError) as caught:
-                check_campaign(self.config(bin=None))
-            self.assertIn("kovra_brantel is not on PATH", str(caught.exception))
-        finally:
-            os.environ["PATH"] = saved
+        self.assertEqual(campaign.brantel_args[0], str(self.bin / "kovra_brantel"))
+        with mock.patch.dict(os.environ, PATH=str(self.root)), self.assertRaises(CampaignConfigError) as caught:
+            check_campaign(self.config(bin=None))
+        self.assertIn("kovra_brantel is not on PATH", str(caught.exception))
 
     def test_job_time_grows_with_the_photon_file(self) -> None:
         gib = 1 << 30

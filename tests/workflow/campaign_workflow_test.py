@@ -44,7 +44,7 @@ class CampaignWorkflowTest(unittest.TestCase):
             cls.root = Path(cls.temp.name)
         (cls.root / "in").mkdir()
         for name, options in SIMULATIONS.items():
-            cls.simulate(name, options, cls.root / "in")
+            cls.simulate(name, options)
         # A photon file cut short: kovra_brantel refuses it.
         good = (cls.root / "in" / "alpha.kovraphot").read_bytes()
         (cls.root / "in" / "broken.kovraphot").write_bytes(good[:100])
@@ -55,9 +55,8 @@ class CampaignWorkflowTest(unittest.TestCase):
             cls.temp.cleanup()
 
     @classmethod
-    def simulate(cls, name: str, options: list[str], folder: Path) -> None:
-        result = run([str(Path(ARGS.bin) / "kovra_simulate"), "-o", str(folder / f"{name}.kovraphot"), *options],
-                     cls.root)
+    def simulate(cls, name: str, options: list[str]) -> None:
+        result = run([str(Path(ARGS.bin) / "kovra_simulate"), "-o", f"in/{name}.kovraphot", *options], cls.root)
         assert result.returncode == 0, result.stderr
 
     def snakemake(self, *config: str) -> subprocess.CompletedProcess[str]:
@@ -82,12 +81,8 @@ class CampaignWorkflowTest(unittest.TestCase):
         inspect = run([str(Path(ARGS.bin) / "kovra_inspect"), f"{name}.kovraevent", "--summary", "--hdf5",
                        f"{name}.h5", "--image", f"{name}.png", "--size", "256"], folder)
         self.assertEqual(inspect.returncode, 0, inspect.stderr)
-        return {
-            f"{name}.kovraevent": (folder / f"{name}.kovraevent").read_bytes(),
-            f"{name}.summary.txt": inspect.stdout.encode(),
-            f"{name}.h5": (folder / f"{name}.h5").read_bytes(),
-            f"{name}.png": (folder / f"{name}.png").read_bytes(),
-        }
+        outputs = {f"{name}.{kind}": (folder / f"{name}.{kind}").read_bytes() for kind in ("kovraevent", "h5", "png")}
+        return {**outputs, f"{name}.summary.txt": inspect.stdout.encode()}
 
     def snapshot(self) -> dict[str, int]:
         out = self.root / "out"
@@ -158,7 +153,7 @@ class CampaignWorkflowTest(unittest.TestCase):
         self.assertEqual(self.snapshot(), before)
 
         # A new file: only it and the report are made.
-        self.simulate("gamma", ["--duration", "0.005", "--seed", "13"], self.root / "in")
+        self.simulate("gamma", ["--duration", "0.005", "--seed", "13"])
         added = self.snakemake()
         self.assertEqual(added.returncode, 0, added.stderr)
         after = self.snapshot()

@@ -1,6 +1,7 @@
 // The command line of kovra_evaluate: what a good one gives, and one exact message for each bad one.
 
 #include <cmath>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,8 +17,11 @@ using testing::ThrowsMessage;
 
 namespace {
 
-Evaluate_Options parse(std::vector<std::string> args) {
-  args.insert(args.begin(), "kovra_evaluate");
+/// Parses a command line given as words separated by spaces; '' is an empty word.
+Evaluate_Options parse(const std::string& line) {
+  std::vector<std::string> args{"kovra_evaluate"};
+  std::istringstream words(line);
+  for (std::string word; words >> word;) args.push_back(word == "''" ? "" : word);
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -27,8 +31,8 @@ Evaluate_Options parse(std::vector<std::string> args) {
 }  // namespace
 
 TEST(EvaluateOptionsTest, GridsSettingsAndTheTruthBesideThePhotons) {
-  const auto o = parse({"dir/run.kovraphot", "--dSpace-grid", "1,2.5,8", "-t", "5e-7", "--durationMax-grid",
-                        "2e-6,inf", "--algorithm-grid", "default,fullChain_direct", "--dTime_ext", "-0.5"});
+  const auto o = parse("dir/run.kovraphot --dSpace-grid 1,2.5,8 -t 5e-7 --durationMax-grid 2e-6,inf "
+                       "--algorithm-grid default,fullChain_direct --dTime_ext -0.5");
   EXPECT_EQ(o.inputFile, "dir/run.kovraphot");
   EXPECT_EQ(o.truthFile, "dir/run.truth.csv");
   EXPECT_EQ(o.grid.dSpace_px, (std::vector<double>{1, 2.5, 8}));
@@ -39,48 +43,42 @@ TEST(EvaluateOptionsTest, GridsSettingsAndTheTruthBesideThePhotons) {
   EXPECT_EQ(o.grid.size(), 12U);
 
   // kovra_brantel's defaults: one setting, unlimited duration, the default algorithm, no factor.
-  const auto d = parse({"run.kovraphot", "-s", "5", "--dTime", "1e-7", "--truth", "other.truth.csv"});
+  const auto d = parse("run.kovraphot -s 5 --dTime 1e-7 --truth other.truth.csv");
   EXPECT_EQ(d.truthFile, "other.truth.csv");
   EXPECT_EQ(d.grid.size(), 1U);
   EXPECT_TRUE(std::isinf(d.grid.durationMax_s.at(0)));
   EXPECT_EQ(d.grid.algorithms, (std::vector<std::string>{"default"}));
   EXPECT_FALSE(d.grid.dTime_ext.has_value());
-  EXPECT_TRUE(parse({"--help"}).helpRequested);
+  EXPECT_TRUE(parse("--help").helpRequested);
 }
 
 TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
+  const std::string emptyEntry = "option --dSpace-grid needs a comma-separated list without empty entries, not ";
   const struct {
-    std::vector<std::string> args;
+    std::string args;
     std::string message;
   } cases[] = {
-      {{"run.kovraphot", "--dSpace-grid", "", "-t", "1"},
-       "option --dSpace-grid needs a comma-separated list without empty entries, not \"\""},
-      {{"run.kovraphot", "--dSpace-grid", "1,,2", "-t", "1"},
-       "option --dSpace-grid needs a comma-separated list without empty entries, not \"1,,2\""},
-      {{"run.kovraphot", "--dSpace-grid", "1,2,", "-t", "1"},
-       "option --dSpace-grid needs a comma-separated list without empty entries, not \"1,2,\""},
-      {{"run.kovraphot", "-s", "1", "--dTime-grid", "1e-7,-2e-7"},
-       "option --dTime-grid must not be negative, got \"-2e-7\""},
-      {{"run.kovraphot", "-s", "1", "--dTime-grid", "1e-7;2e-7"}, "option --dTime-grid needs a number, not \"1e-7;2e-7\""},
-      {{"run.kovraphot", "-s", "1", "--dTime-grid", "inf"}, "option --dTime-grid needs a number, not \"inf\""},
-      {{"run.kovraphot", "-s", "1", "-t", "1", "--durationMax-grid", "1e-6,nan"},
-       "option --durationMax-grid needs a number, not \"nan\""},
-      {{"run.kovraphot", "-s", "x", "-t", "1"}, "option --dSpace needs a number, not \"x\""},
-      {{"run.kovraphot", "-s", "1", "-t", "1", "--algorithm-grid", "default,fast"},
-       "option --algorithm-grid: unknown algorithm \"fast\""},
-      {{"run.kovraphot", "-s", "1", "--dSpace-grid", "1,2", "-t", "1"},
-       "options --dSpace and --dSpace-grid exclude each other"},
-      {{"run.kovraphot", "-s", "1", "-s", "2", "-t", "1"}, "option --dSpace given twice"},
-      {{"run.kovraphot", "-t", "1"}, "no distance in space given (-s or --dSpace-grid)"},
-      {{"run.kovraphot", "-s", "1"}, "no distance in time given (-t or --dTime-grid)"},
-      {{"-s", "1", "-t", "1"}, "no input file given"},
-      {{"run.kovraevent", "-s", "1", "-t", "1"}, "input file \"run.kovraevent\" must end in .kovraphot"},
-      {{"run.kovraphot", "-s", "1", "-t", "1", "--truth", "run.csv"}, "truth file \"run.csv\" must end in .truth.csv"},
-      {{"run.kovraphot", "-s", "1", "-t", "1", "--fom-photons", "2.5"},
+      {"run.kovraphot --dSpace-grid '' -t 1", emptyEntry + "\"\""},
+      {"run.kovraphot --dSpace-grid 1,,2 -t 1", emptyEntry + "\"1,,2\""},
+      {"run.kovraphot --dSpace-grid 1,2, -t 1", emptyEntry + "\"1,2,\""},
+      {"run.kovraphot -s 1 --dTime-grid 1e-7,-2e-7", "option --dTime-grid must not be negative, got \"-2e-7\""},
+      {"run.kovraphot -s 1 --dTime-grid 1e-7;2e-7", "option --dTime-grid needs a number, not \"1e-7;2e-7\""},
+      {"run.kovraphot -s 1 --dTime-grid inf", "option --dTime-grid needs a number, not \"inf\""},
+      {"run.kovraphot -s 1 -t 1 --durationMax-grid 1e-6,nan", "option --durationMax-grid needs a number, not \"nan\""},
+      {"run.kovraphot -s x -t 1", "option --dSpace needs a number, not \"x\""},
+      {"run.kovraphot -s 1 -t 1 --algorithm-grid default,fast", "option --algorithm-grid: unknown algorithm \"fast\""},
+      {"run.kovraphot -s 1 --dSpace-grid 1,2 -t 1", "options --dSpace and --dSpace-grid exclude each other"},
+      {"run.kovraphot -s 1 -s 2 -t 1", "option --dSpace given twice"},
+      {"run.kovraphot -t 1", "no distance in space given (-s or --dSpace-grid)"},
+      {"run.kovraphot -s 1", "no distance in time given (-t or --dTime-grid)"},
+      {"-s 1 -t 1", "no input file given"},
+      {"run.kovraevent -s 1 -t 1", "input file \"run.kovraevent\" must end in .kovraphot"},
+      {"run.kovraphot -s 1 -t 1 --truth run.csv", "truth file \"run.csv\" must end in .truth.csv"},
+      {"run.kovraphot -s 1 -t 1 --fom-photons 2.5",
        "option --fom-photons needs a whole number from 1 to 1e9, not \"2.5\""},
-      {{"run.kovraphot", "-s", "1", "-t", "1", "--merge-max", "2"}, "option --merge-max must be from 0 to 1"},
-      {{"run.kovraphot", "-s", "1", "-t", "1", "--bogus"}, "unknown option --bogus"},
-      {{"run.kovraphot", "-s"}, "option -s needs a value"},
+      {"run.kovraphot -s 1 -t 1 --merge-max 2", "option --merge-max must be from 0 to 1"},
+      {"run.kovraphot -s 1 -t 1 --bogus", "unknown option --bogus"},
+      {"run.kovraphot -s", "option -s needs a value"},
   };
   for (const auto& c : cases) {
     EXPECT_THAT([&] { parse(c.args); }, ThrowsMessage<std::invalid_argument>(StrEq(c.message))) << c.message;

@@ -1,8 +1,6 @@
 // kovra_evaluate run as a user runs it, on a small file from kovra_simulate: the report, the table, truth that
 // does not belong to the photons, bad usage, and the plots.
 
-#include <sys/wait.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -15,13 +13,13 @@
 
 namespace {
 
-Program_Outcome run(const TempDir& dir, const std::string& program, const std::string& args) {
-  return run_program(dir, program, args);
+Program_Outcome evaluate(const TempDir& dir, const std::string& args) {
+  return run_program(dir, KOVRA_EVALUATE_PATH, args);
 }
 
 /// A quiet source: few flashes of many photons, far apart.
 void simulate(const TempDir& dir, const std::string& name, const std::string& seed, const std::string& more = "") {
-  const auto r = run(dir, KOVRA_SIMULATE_PATH,
+  const auto r = run_program(dir, KOVRA_SIMULATE_PATH,
                      "-o " + name + " -d 0.01 -r 2e4 -n 40 --dark-rate 5e3 --width 20000 --height 20000 --seed " +
                          seed + " --truth " + more);
   ASSERT_EQ(r.status, 0) << r.err;
@@ -32,7 +30,7 @@ void simulate(const TempDir& dir, const std::string& name, const std::string& se
 TEST(EvaluateProgramTest, ReportsAScanAndWritesItsTable) {
   TempDir dir;
   simulate(dir, "run.kovraphot", "3");
-  const auto one = run(dir, KOVRA_EVALUATE_PATH, "run.kovraphot -s 5 -t 5e-7 -D 2e-6");
+  const auto one = evaluate(dir, "run.kovraphot -s 5 -t 5e-7 -D 2e-6");
   ASSERT_EQ(one.status, 0) << one.err;
   EXPECT_EQ(one.err, "");
   EXPECT_TRUE(one.out.starts_with("setting:        -s 5 -t 5e-07 -D 2e-06 --algorithm default\n")) << one.out;
@@ -40,9 +38,8 @@ TEST(EvaluateProgramTest, ReportsAScanAndWritesItsTable) {
   EXPECT_NE(one.out.find("efficiency:     100 %"), std::string::npos) << one.out;
   EXPECT_NE(one.out.find("merge rate:     0 %"), std::string::npos) << one.out;
 
-  const auto scan = run(dir, KOVRA_EVALUATE_PATH,
-                        "run.kovraphot --dSpace-grid 0.5,5 --dTime-grid 1e-8,5e-7 --algorithm-grid "
-                        "default,fullChain_direct --csv scan.csv");
+  const auto scan = evaluate(dir, "run.kovraphot --dSpace-grid 0.5,5 --dTime-grid 1e-8,5e-7 --algorithm-grid "
+                                  "default,fullChain_direct --csv scan.csv");
   ASSERT_EQ(scan.status, 0) << scan.err;
   const std::string csv = read_bytes(dir.file("scan.csv"));
   EXPECT_TRUE(csv.starts_with("dSpace_px,dTime_s,algorithm,durationMax_s,dTime_ext,flashes,events,efficiency,"
@@ -77,7 +74,7 @@ TEST(EvaluateProgramTest, TruthOfOtherPhotonsIsRefused) {
       {"run.kovraphot -s 5 -t 5e-7 --truth missing.truth.csv", "cannot read the truth file 'missing.truth.csv'"},
   };
   for (const auto& c : cases) {
-    const auto r = run(dir, KOVRA_EVALUATE_PATH, c.args);
+    const auto r = evaluate(dir, c.args);
     EXPECT_EQ(r.status, 1) << c.args;
     EXPECT_TRUE(r.err.starts_with("kovra_evaluate: run.kovraphot: " + c.message)) << r.err;
     EXPECT_EQ(r.out, "") << c.args;
@@ -86,18 +83,18 @@ TEST(EvaluateProgramTest, TruthOfOtherPhotonsIsRefused) {
   const std::string csv = read_bytes(dir.file("run.truth.csv"));
   write_bytes(dir.file("cut.truth.csv"), csv.substr(0, csv.rfind('\n', csv.size() - 2) + 1));
   std::filesystem::copy_file(dir.file("run.truth.kovraflash"), dir.file("cut.truth.kovraflash"));
-  const auto cut = run(dir, KOVRA_EVALUATE_PATH, "run.kovraphot -s 5 -t 5e-7 --truth cut.truth.csv");
+  const auto cut = evaluate(dir, "run.kovraphot -s 5 -t 5e-7 --truth cut.truth.csv");
   EXPECT_EQ(cut.status, 1);
   EXPECT_NE(cut.err.find("flashes, its photon flash file"), std::string::npos) << cut.err;
 }
 
 TEST(EvaluateProgramTest, BadUsageGetsStatusTwo) {
   TempDir dir;
-  const auto r = run(dir, KOVRA_EVALUATE_PATH, "run.kovraphot --dSpace-grid 1,-2 -t 1e-7");
+  const auto r = evaluate(dir, "run.kovraphot --dSpace-grid 1,-2 -t 1e-7");
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.err, "kovra_evaluate: option --dSpace-grid must not be negative, got \"-2\"\n"
                    "Try 'kovra_evaluate --help'.\n");
-  const auto help = run(dir, KOVRA_EVALUATE_PATH, "--help");
+  const auto help = evaluate(dir, "--help");
   EXPECT_EQ(help.status, 0);
   EXPECT_TRUE(help.out.starts_with("Usage: kovra_evaluate FILE.kovraphot [options]\n"));
 }
@@ -108,7 +105,7 @@ TEST(EvaluateProgramTest, PlotsAreWrittenWithMatplotlib) {
   }
   TempDir dir;
   simulate(dir, "run.kovraphot", "3");
-  const auto r = run(dir, KOVRA_EVALUATE_PATH, "run.kovraphot --dSpace-grid 2,5 --dTime-grid 1e-7,5e-7 --plots out");
+  const auto r = evaluate(dir, "run.kovraphot --dSpace-grid 2,5 --dTime-grid 1e-7,5e-7 --plots out");
   ASSERT_EQ(r.status, 0) << r.err;
   for (const char* name : {"heatmaps.png", "psd_best.png"}) {
     const std::string png = read_bytes(dir.file(std::string("out/") + name));

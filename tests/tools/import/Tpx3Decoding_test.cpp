@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <span>
+#include <tuple>
 #include <vector>
 
 #include "import/ClockFollower.hpp"
@@ -38,14 +40,10 @@ TEST(Tpx3PacketsTest, HitFieldsFromHandBuiltWords) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << std::hex << c.word);
-    EXPECT_EQ(get_packetKind(c.word), Packet_Kind::hit);
-    EXPECT_EQ(get_hitColumn(c.word), c.column);
-    EXPECT_EQ(get_hitRow(c.word), c.row);
-    EXPECT_EQ(get_hitToa(c.word), c.toa);
-    EXPECT_EQ(get_hitTot(c.word), c.tot);
-    EXPECT_EQ(get_hitFineToa(c.word), c.fine);
-    EXPECT_EQ(get_hitStamp(c.word), c.stamp);
-    EXPECT_EQ(get_hitTicks(c.word), c.ticks);
+    const std::uint64_t w = c.word;
+    EXPECT_EQ(std::tuple(get_packetKind(w), get_hitColumn(w), get_hitRow(w), get_hitToa(w), get_hitTot(w),
+                         get_hitFineToa(w), get_hitStamp(w), get_hitTicks(w)),
+              std::tuple(Packet_Kind::hit, c.column, c.row, c.toa, c.tot, c.fine, c.stamp, c.ticks));
   }
 }
 
@@ -75,11 +73,9 @@ TEST(Tpx3PacketsTest, TdcFieldsAndFineRounding) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << std::hex << c.word);
-    EXPECT_EQ(get_packetKind(c.word), Packet_Kind::tdc);
-    EXPECT_EQ(get_tdcEdge(c.word), c.edge);
-    EXPECT_EQ(get_tdcCounter(c.word), c.counter);
-    EXPECT_EQ(get_tdcCoarse(c.word), c.coarse);
-    EXPECT_EQ(get_tdcTicks(c.word), c.ticks);
+    const std::uint64_t w = c.word;
+    EXPECT_EQ(std::tuple(get_packetKind(w), get_tdcEdge(w), get_tdcCounter(w), get_tdcCoarse(w), get_tdcTicks(w)),
+              std::tuple(Packet_Kind::tdc, c.edge, c.counter, c.coarse, c.ticks));
   }
 }
 
@@ -107,10 +103,8 @@ TEST(Tpx3PacketsTest, BuildersAreTheReadersInverse) {
                               std::uint64_t{123456789}, (std::uint64_t{1} << 34) - 1}) {
     for (unsigned column : {0u, 1u, 200u, 255u}) {
       const std::uint64_t p = make_hitPacket(column, 255 - column, 517, ticks);
-      EXPECT_EQ(get_hitTicks(p), ticks);
-      EXPECT_EQ(get_hitColumn(p), column);
-      EXPECT_EQ(get_hitRow(p), 255 - column);
-      EXPECT_EQ(get_hitTot(p), 517u);
+      EXPECT_EQ(std::tuple(get_hitTicks(p), get_hitColumn(p), get_hitRow(p), get_hitTot(p)),
+                std::tuple(ticks, column, 255 - column, 517u));
     }
     EXPECT_EQ(get_tdcTicks(make_tdcPacket(0xE, 77, ticks)), ticks);
   }
@@ -132,18 +126,10 @@ TEST(ClockFollowerTest, StartsAtTheFirstRawValueAndFollowsRollOvers) {
   EXPECT_EQ(clock.place_tdc(3 * hitPeriod + 60), hitPeriod + 60);
 }
 
-TEST(ClockFollowerTest, SparseHitsFollowedThroughHeartbeatsAndTdcs) {
-  // Hits 40 s apart (more than half the 26.8 s period) with a heartbeat every 10 s in between.
-  Clock_Follower clock;
+TEST(ClockFollowerTest, TdcsFiftySecondsApartAreFollowed) {
+  // Only TDCs for 50 s: each 36-bit reading measures its distance from the previous one. (Hits far apart with
+  // heartbeats between them: ImportTest.SparseHitsAcrossRollOversAndLatePackets.)
   const Ticks second = 640000000;
-  EXPECT_EQ(clock.place_hitClock(1000), 1000);
-  for (Ticks t = 10 * second; t < 40 * second; t += 10 * second) {
-    clock.place_hitClock(static_cast<std::uint64_t>(t % hitPeriod) >> 18 << 18);
-  }
-  EXPECT_EQ(clock.place_hitClock(static_cast<std::uint64_t>((40 * second) % hitPeriod)), 40 * second);
-  EXPECT_EQ(clock.get_hitRollovers(), 1u);
-
-  // Only TDCs for 50 s: each 36-bit reading measures its distance from the previous one.
   Clock_Follower triggers;
   EXPECT_EQ(triggers.place_hitClock(7), 7);
   EXPECT_EQ(triggers.place_tdc(7), 7);
@@ -154,60 +140,64 @@ TEST(ClockFollowerTest, SparseHitsFollowedThroughHeartbeatsAndTdcs) {
   EXPECT_EQ(triggers.get_hitRollovers(), 5u);  // and the TDC's own counter rolled over at 107 s
 }
 
+/// What a window releases, every field, in order.
+struct Released {
+  std::vector<std::tuple<Ticks, int, int, int, int>> items;
+  void operator()(const Timed_Item* released, std::size_t n) {
+    for (const Timed_Item& i : std::span(released, n)) items.emplace_back(i.time, i.x, i.y, i.tot, i.kind);
+  }
+};
+/// `items` as a window must release them: by time, equal times in arrival order.
+std::vector<std::tuple<Ticks, int, int, int, int>> in_timeOrder(std::vector<Timed_Item> items) {
+  std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+  Released sorted;
+  sorted(items.data(), items.size());
+  return sorted.items;
+}
+
 TEST(ReorderWindowTest, ShuffledItemsComeOutInTimeOrderEqualTimesInArrivalOrder) {
   Reorder_Window window(1000);
-  std::vector<Timed_Item> out;
-  const auto sink = [&](const Timed_Item* items, std::size_t n) { out.insert(out.end(), items, items + n); };
+  Released out;
   // Times step back by up to the window; equal times carry their arrival rank in x.
   std::vector<Timed_Item> in;
   Ticks latest = 0;
-  std::uint16_t rank = 0;
   for (Ticks base = 0; base < 2000000; base += 700) {
     for (const Ticks d : {Ticks{900}, Ticks{0}, Ticks{500}, Ticks{0}, Ticks{999}}) {
-      const Timed_Item item{base + d, rank++, 0, 0, 0};
-      latest = std::max(latest, item.time);
-      ASSERT_TRUE(window.push(item, latest, sink));
-      in.push_back(item);
+      in.push_back({base + d, static_cast<std::uint16_t>(in.size()), 0, 0, 0});
+      latest = std::max(latest, in.back().time);
+      ASSERT_TRUE(window.push(in.back(), latest, out));
     }
   }
-  window.finish(sink);
-  ASSERT_EQ(out.size(), in.size());
-  std::stable_sort(in.begin(), in.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
-  for (std::size_t i = 0; i < in.size(); ++i) {
-    ASSERT_EQ(out[i].time, in[i].time) << i;
-    ASSERT_EQ(out[i].x, in[i].x) << i;
-  }
+  window.finish(out);
+  EXPECT_EQ(out.items, in_timeOrder(in));
 }
 
 TEST(ReorderWindowTest, JumpsFarBeyondTheWindowKeepEveryHeldItemInOrder) {
   // A window of 16 buckets; items spread over it, then the clock jumps by far more than the ring spans, twice.
   const Ticks window = Ticks{1} << 20;
   Reorder_Window reorder(window);
-  std::vector<Ticks> out;
-  const auto sink = [&](const Timed_Item* items, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) out.push_back(items[i].time);
+  Released out;
+  std::vector<Timed_Item> in;
+  Ticks latest = 70000;
+  const auto push = [&](Ticks t) {
+    in.push_back({t, 0, 0, 0, 0});
+    return reorder.push(in.back(), latest, out);
   };
   // The first items step back, before the first one's time and below zero.
-  std::vector<Ticks> in = {70000, 500, -300, -200};
-  Ticks latest = 70000;
-  for (const Ticks t : in) ASSERT_TRUE(reorder.push({t, 0, 0, 0, 0}, latest, sink));
+  for (const Ticks t : {Ticks{70000}, Ticks{500}, Ticks{-300}, Ticks{-200}}) ASSERT_TRUE(push(t));
   for (const Ticks base : {Ticks{0}, Ticks{1} << 40, (Ticks{1} << 40) + (Ticks{1} << 22)}) {
     for (Ticks i = 0; i < 200; ++i) {
       const Ticks t = base + (i * 7919 % 200) * 5000;  // shuffled within one window
       latest = std::max(latest, t);
-      ASSERT_TRUE(reorder.push({t, 0, 0, 0, 0}, latest, sink));
-      in.push_back(t);
+      ASSERT_TRUE(push(t));
     }
   }
   // Exactly at the cut, behind a bucket that went out already.
   latest = (((latest >> 16) + 40) << 16) + window - 1;  // the cut is a bucket's last tick
-  ASSERT_TRUE(reorder.push({latest, 0, 0, 0, 0}, latest, sink));
-  ASSERT_TRUE(reorder.push({latest - window, 0, 0, 0, 0}, latest, sink));
-  in.push_back(latest);
-  in.push_back(latest - window);
-  reorder.finish(sink);
-  std::sort(in.begin(), in.end());
-  EXPECT_EQ(out, in);
+  ASSERT_TRUE(push(latest));
+  ASSERT_TRUE(push(latest - window));
+  reorder.finish(out);
+  EXPECT_EQ(out.items, in_timeOrder(in));
 }
 
 TEST(ReorderWindowTest, EveryFieldOfAnItemComesOutAsItWentIn) {
@@ -231,37 +221,24 @@ TEST(ReorderWindowTest, EveryFieldOfAnItemComesOutAsItWentIn) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     Reorder_Window window(8 * bucket);
-    std::vector<Timed_Item> out;
-    const auto sink = [&](const Timed_Item* items, std::size_t n) { out.insert(out.end(), items, items + n); };
-    Ticks latest = 6 * bucket - 1;
-    for (const auto& item : c.items) ASSERT_TRUE(window.push(item, latest, sink));
-    window.finish(sink);
-    auto expected = c.items;
-    std::stable_sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
-    ASSERT_EQ(out.size(), expected.size());
-    for (std::size_t i = 0; i < out.size(); ++i) {
-      EXPECT_EQ(out[i].time, expected[i].time) << i;
-      EXPECT_EQ(out[i].x, expected[i].x) << i;
-      EXPECT_EQ(out[i].y, expected[i].y) << i;
-      EXPECT_EQ(out[i].tot, expected[i].tot) << i;
-      EXPECT_EQ(out[i].kind, expected[i].kind) << i;
-    }
+    Released out;
+    for (const auto& item : c.items) ASSERT_TRUE(window.push(item, 6 * bucket - 1, out));
+    window.finish(out);
+    EXPECT_EQ(out.items, in_timeOrder(c.items));
   }
 }
 
 TEST(ReorderWindowTest, AnItemMoreThanTheWindowBehindTheLatestTimeIsDropped) {
   Reorder_Window window(100);
-  std::vector<Ticks> out;
-  const auto sink = [&](const Timed_Item* items, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) out.push_back(items[i].time);
-  };
-  EXPECT_TRUE(window.push({1000000, 0, 0, 0, 0}, 1000000, sink));
-  EXPECT_TRUE(window.push({999900, 0, 0, 0, 0}, 1000000, sink));   // exactly the window behind: kept
-  EXPECT_FALSE(window.push({999899, 0, 0, 0, 0}, 1000000, sink));  // one tick more: dropped
-  EXPECT_TRUE(window.push({5000000, 0, 0, 0, 0}, 5000000, sink));
-  EXPECT_FALSE(window.push({1000001, 0, 0, 0, 0}, 5000000, sink));
-  window.finish(sink);
-  EXPECT_EQ(out, (std::vector<Ticks>{999900, 1000000, 5000000}));
+  Released out;
+  const auto push = [&](Ticks t, Ticks latest) { return window.push({t, 0, 0, 0, 0}, latest, out); };
+  EXPECT_TRUE(push(1000000, 1000000));
+  EXPECT_TRUE(push(999900, 1000000));   // exactly the window behind: kept
+  EXPECT_FALSE(push(999899, 1000000));  // one tick more: dropped
+  EXPECT_TRUE(push(5000000, 5000000));
+  EXPECT_FALSE(push(1000001, 5000000));
+  window.finish(out);
+  EXPECT_EQ(out.items, in_timeOrder({{999900, 0, 0, 0, 0}, {1000000, 0, 0, 0, 0}, {5000000, 0, 0, 0, 0}}));
 }
 
 }  // namespace
