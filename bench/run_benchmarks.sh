@@ -72,6 +72,7 @@ datasets=(
   "nominal|--event-rate 2e6 --photons 20 --duration 0.5 --seed 12"
   "dense|--event-rate 1e7 --photons 40 --duration 0.05 --seed 13"
   "hotspot|--event-rate 2e6 --photons 20 --duration 0.4 --hot-pixels 4:2e6 --seed 15"
+  "darkstart|--event-rate 1e7 --photons 40 --duration 0.1 --flashes-from 0.05 --dark-rate 2e7 --seed 16"
 )
 if awk -v g="$large_gb" 'BEGIN { exit !(g > 0) }'; then
   # 16 bytes a photon, 4e7 photons a second at the nominal rates.
@@ -79,7 +80,7 @@ if awk -v g="$large_gb" 'BEGIN { exit !(g > 0) }'; then
 fi
 scale_duration() {  # the quick run keeps the rates and shortens the acquisition `scale` times
   if [ "$quick" -eq 1 ]; then
-    echo "$1" | awk -v s="$scale" '{ for (i = 1; i <= NF; i++) if ($(i-1) == "--duration") $i = $i / s; print }'
+    echo "$1" | awk -v s="$scale" '{ for (i = 1; i <= NF; i++) if ($(i-1) == "--duration" || $(i-1) == "--flashes-from") $i = $i / s; print }'
   else
     echo "$1"
   fi
@@ -225,7 +226,8 @@ I/O and nothing else. Input files are in the page cache, as they are right after
 | nominal | \`$(scale_duration "${datasets[1]#*|}") --triggers 1000\` | about two flashes in flight at any moment (each lasts about 1 µs) |
 | dense | \`$(scale_duration "${datasets[2]#*|}") --triggers 1000\` | pile-up: about ten flashes and 200 photons in any 0.5 µs |
 | hotspot | \`$(scale_duration "${datasets[3]#*|}") --triggers 1000\` | the nominal flashes plus four hot pixels, each firing about once per 0.5 µs |
-$(if [ "${#datasets[@]}" -gt 4 ]; then echo "| large | \`${datasets[4]#*|} --triggers 1000\` | the nominal rates for about $large_gb GB of photons, one run each |"; fi)
+| darkstart | \`$(scale_duration "${datasets[4]#*|}") --triggers 1000\` | a dark start: one million dark counts (about ten per 0.5 µs) before the dense flashes begin, so the first photons read are not like the rest |
+$(if [ "${#datasets[@]}" -gt 5 ]; then echo "| large | \`${datasets[5]#*|} --triggers 1000\` | the nominal rates for about $large_gb GB of photons, one run each |"; fi)
 
 ## Results
 

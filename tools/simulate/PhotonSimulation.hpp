@@ -56,6 +56,7 @@ struct Simulation_Settings {
   double tauFast_s = 5.0e-9;
   double tauSlow_s = 150.0e-9;
   std::vector<Particle_Class> classes = {{"gamma", 0.7, 0.10}, {"neutron", 0.3, 0.35}};
+  double flashesFrom_s = 0.0;  ///< no flash before this time: a dark start, the beam switched on later
   double darkRate_Hz = 1.0e3;
   int hotPixels = 0;            ///< pixels firing on their own, each at hotPixelRate_Hz
   double hotPixelRate_Hz = 0.0;
@@ -65,7 +66,8 @@ struct Simulation_Settings {
 
   /// Photons expected before losses at the detector's edges and the end of the acquisition.
   double get_expectedPhotons() const {
-    return duration_s * (eventRate_Hz * photonsPerEvent + darkRate_Hz + hotPixels * hotPixelRate_Hz);
+    return std::max(0.0, duration_s - flashesFrom_s) * eventRate_Hz * photonsPerEvent +
+           duration_s * (darkRate_Hz + hotPixels * hotPixelRate_Hz);
   }
 };
 
@@ -196,7 +198,7 @@ Simulation_Counts simulate_photonSlices(const Simulation_Settings& settings, OnE
   Simulation_Counts counts;
   Random_Generator eventRandom(settings.seed);
   Random_Generator darkRandom(~settings.seed);
-  double nextEvent = eventGap > 0.0 ? eventRandom.exponential(eventGap) : end;
+  double nextEvent = eventGap > 0.0 ? settings.flashesFrom_s / tick + eventRandom.exponential(eventGap) : end;
   double nextDark = darkGap > 0.0 ? darkRandom.exponential(darkGap) : end;
 
   // Each hot pixel draws its place and its firing times from a generator of its own, so that neither the slice

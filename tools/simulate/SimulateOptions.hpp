@@ -54,6 +54,8 @@ inline std::string get_simulateHelp() {
                 "      --dark-rate HZ      dark-count photons per second over the whole detector (default %g)\n"
                 "      --hot-pixels N:RATE N pixels at random places, each firing single photons at RATE per\n"
                 "                          second (hot pixels of a real detector; default none)\n"
+                "      --flashes-from S    no flash before S seconds into the acquisition, only dark counts and\n"
+                "                          hot pixels: a beam switched on late (default 0)\n"
                 "      --triggers MODE     external triggers: 'none' (no trigger list, the default), 'empty'\n"
                 "                          (a trigger list without entries) or a frequency in hertz\n"
                 "      --seed N            seed of the random numbers, 0 to 2^64-1 (default %llu); the same seed\n"
@@ -91,7 +93,7 @@ inline bool parse_number(const std::string& text, double& value) {
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
   enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth };
-  enum : int { raw = truth + 1, hotPixels };
+  enum : int { raw = truth + 1, hotPixels, flashesFrom };
   static const option longOptions[] = {
       {"output", required_argument, nullptr, 'o'},        {"duration", required_argument, nullptr, 'd'},
       {"event-rate", required_argument, nullptr, 'r'},    {"photons", required_argument, nullptr, 'n'},
@@ -102,6 +104,7 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       {"triggers", required_argument, nullptr, triggers}, {"seed", required_argument, nullptr, seed},
       {"truth", no_argument, nullptr, truth},             {"help", no_argument, nullptr, 'h'},
       {"raw", required_argument, nullptr, raw},           {"hot-pixels", required_argument, nullptr, hotPixels},
+      {"flashes-from", required_argument, nullptr, flashesFrom},
       tools::versionLongOption,                           {nullptr, 0, nullptr, 0}};
 
   Simulate_Options options;
@@ -187,6 +190,9 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       }
       case darkRate:
         if (!read_number("dark-rate", "a rate in hertz", 0.0, false, inf, s.darkRate_Hz)) return options;
+        break;
+      case flashesFrom:
+        if (!read_number("flashes-from", "seconds", 0.0, false, 1.0e6, s.flashesFrom_s)) return options;
         break;
       case hotPixels: {
         const std::string text = optarg;

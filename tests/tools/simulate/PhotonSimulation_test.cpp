@@ -97,6 +97,18 @@ TEST(PhotonSimulationTest, HotPixelsFireAtTheirRateOnFewPixelsWhateverTheSlicing
   for (const long slice : {7L, 10000000L}) EXPECT_TRUE(same_photons(hot, simulate(s, slice))) << slice;
 }
 
+TEST(PhotonSimulationTest, FlashesStartLateWhileDarkCountsRunFromZero) {
+  Simulation_Settings s = busy();
+  s.flashesFrom_s = 0.003;  // the last quarter of the acquisition
+  const Simulated_Run late = simulate(s);
+  ASSERT_FALSE(late.truth.empty());
+  for (const auto& e : late.truth) ASSERT_GE(e.t_s, 0.003);
+  EXPECT_NEAR(static_cast<double>(late.truth.size()), 2000.0, 230.0);  // 2e6 per second over 1 ms
+  EXPECT_NEAR(static_cast<double>(late.result.nDarkPhotons), 4000.0, 320.0);
+  EXPECT_NEAR(s.get_expectedPhotons(), 2000.0 * 20.0 + 4000.0, 1e-6);
+  EXPECT_TRUE(same_photons(late, simulate(s, 1000)));
+}
+
 TEST(PhotonSimulationTest, TriggersAreAbsentEmptyOrPeriodicFromZero) {
   // Expected count, -1 for no trigger list; at 1 kHz over 4 ms every 640000 ticks, the end excluded.
   for (const auto& [mode, frequency_Hz, count] : {std::tuple{Trigger_Mode::absent, 0.0, -1},
