@@ -85,15 +85,15 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
           freePhotons.extend_to(limit);
           if (seedTaken && !freePhotons.any_free_near(seed.x, seed.y)) continue;
         }
+        first = window.find_free(i + 1);
         if (seedTaken) {
           // A taken seed whose window ends before the first free photon after it has no partner and gives no
           // event. The seeds between it and that photon are taken too and have the same first free photon, so
           // each of them whose window also ends before it is passed over here as well, without the steps below
           // (in sparse data, every photon of a flash after its first).
-          const std::size_t nextFree = window.find_free(i + 1);
-          if (window.fetch(nextFree) && window[nextFree].toa > limit) {
-            const Time_Type tFree = window[nextFree].toa;
-            while (i + 1 < nextFree) {
+          if (window.fetch(first) && window[first].toa > limit) {
+            const Time_Type tFree = window[first].toa;
+            while (i + 1 < first) {
               const Time_Type t = window[i + 1].toa;
               if (chains.limit_of(t, settings.dTime, t + settings.durationMax) >= tFree) break;
               ++i;
@@ -101,9 +101,9 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
             if (countCells) freePhotons.drop_before(i + 1);  // as the seeds passed over would have
             continue;
           }
+          // The photons before the seed's window mark are taken or out of its reach (see grow()).
+          if (i + window.mark(i) > first) first = window.find_free(i + window.mark(i));
         }
-        if (seedTaken && window.mark(i) != 0) first = i + window.mark(i);
-        first = window.find_free(first);
       }
       if (window.fetch(first) && window[first].toa <= limit) {
         const auto chain =
