@@ -10,6 +10,7 @@
 #include <random>
 #include <vector>
 
+#include "RandomPhotons.hpp"
 #include "kovra/PhotonSource.hpp"
 #include "kovra/PhotonWindow.hpp"
 #include "kovra/reconstruction/Cells_FreePhotons.hpp"
@@ -106,18 +107,15 @@ TEST(CellsFreePhotonsTest, TwoCellsApartIsNoOnEitherSideOfZeroAndOfTheWrap) {
 TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt) {
   using Window = kovra::PhotonWindow<PhotonEvent>;
   using Range = kovra::detail::Range_FreePhotons<Window, Length, Time>;
-  const Length dSpace = Length::from_pixels(3);
+  const Length dSpace{8};
+  const auto photons = random_photons::generate(5, 3000, random_photons::Disorder::none, false).photonEvents;
   std::mt19937 random(5);
   auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
-  std::vector<PhotonEvent> photons;
-  for (long t = 0; photons.size() < 3000; t += uniform(0, 2)) {
-    photons.push_back({Length::from_pixels(uniform(0, 24)), Length::from_pixels(uniform(0, 24)), Time{t}});
-  }
   kovra::PhotonSource_Memory<PhotonEvent> source(photons, 256);
   Window window(source, false);
   Range range(window, dSpace, true);
-  const auto near = [&](const PhotonEvent& a, const PhotonEvent& b) {
-    return std::abs(a.x.value - b.x.value) < dSpace.value && std::abs(a.y.value - b.y.value) < dSpace.value;
+  const auto nearBoth = [&](const PhotonEvent& a, const PhotonEvent& b) {
+    return near(a.x.value, b.x.value, dSpace.value) && near(a.y.value, b.y.value, dSpace.value);
   };
   int checked = 0;
   for (std::size_t i = 0; window.fetch(i); ++i) {
@@ -125,7 +123,7 @@ TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt)
     // Taken up again every so often, listing or not, as the passes do when a stretch turns crowded.
     if (uniform(0, 40) == 0) range.restart_at(i + 1, uniform(0, 1) == 1);
     range.drop_before(i + 1);
-    const Time limit = window[i].toa + Time{12};
+    const Time limit = window[i].toa + Time{60};
     range.extend_to(limit);
     // Every free photon of the range is counted, and listed where the range lists: the first free photon near
     // the seed found through the lists is the one a walk finds.
@@ -133,12 +131,12 @@ TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt)
     for (std::size_t j = i + 1; window.fetch(j) && window[j].toa <= limit; ++j) {
       if (window.is_taken(j)) continue;
       EXPECT_TRUE(range.any_free_near(window[j].x, window[j].y)) << "photon " << j << " at seed " << i;
-      if (walk == Range::none && near(window[j], window[i])) walk = j;
+      if (walk == Range::none && nearBoth(window[j], window[i])) walk = j;
       ++checked;
     }
     if (range.is_listed()) {
       const PhotonEvent seed = window[i];
-      EXPECT_EQ(range.first_free_near(seed.x, seed.y, i + 1, limit, [&](const PhotonEvent& p) { return near(p, seed); }), walk)
+      EXPECT_EQ(range.first_free_near(seed.x, seed.y, i + 1, limit, [&](const PhotonEvent& p) { return nearBoth(p, seed); }), walk)
           << "seed " << i;
     }
     // The seed takes a photon now and then, as a chain would.
