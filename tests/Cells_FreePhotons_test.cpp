@@ -86,24 +86,6 @@ TEST(CellsFreePhotonsTest, NoIsTrueAcrossTheWholeRangeAndAtCellBorders) {
   EXPECT_GT(farNo, 1000) << "the counts must also say no";
 }
 
-TEST(CellsFreePhotonsTest, TwoCellsApartIsNoOnEitherSideOfZeroAndOfTheWrap) {
-  for (const std::int32_t dSpace : {1, 65536, 5 * 65536}) {
-    int shift = 0;
-    while ((std::int64_t{1} << shift) < dSpace) ++shift;
-    const auto width = static_cast<std::int64_t>(std::int64_t{1} << shift);
-    for (const std::int64_t at : {std::int64_t{0}, std::int64_t{-1}, std::int64_t{lowest}, std::int64_t{highest}}) {
-      kovra::detail::Cells_FreePhotons<Length> cells{Length{dSpace}};
-      cells.add(PhotonEvent{Length{static_cast<std::int32_t>(at)}, Length{0}, Time{0}});
-      for (const std::int64_t cellsAway : {std::int64_t{2}, std::int64_t{-2}, std::int64_t{5}}) {
-        // Moved whole cells from the photon's own cell, wrapping like the coordinates do.
-        const std::int64_t cellStart = (at >> shift) << shift;
-        const auto q = static_cast<std::int32_t>(static_cast<std::uint32_t>(cellStart + cellsAway * width));
-        EXPECT_FALSE(cells.any_near(Length{q}, Length{0})) << dSpace << " at " << at << ", " << cellsAway << " cells";
-      }
-    }
-  }
-}
-
 TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt) {
   using Window = kovra::PhotonWindow<PhotonEvent>;
   using Range = kovra::detail::Range_FreePhotons<Window, Length, Time>;

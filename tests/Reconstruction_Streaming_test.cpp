@@ -1,19 +1,16 @@
 // The algorithms over a small sliding window give the events of the whole list in memory, byte for byte: with
-// windows that must move, grow for long events, start over on input out of time order, and when reading from a
-// file and writing the event file as a stream.
+// windows that must move, grow for long events, and start over on input out of time order. (File to file, the
+// tool's memory test compares the streamed event files with the in-memory ones.)
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
-#include <limits>
 #include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "reconstructEvents_switchAlgorithm.hpp"
 
@@ -179,26 +176,6 @@ TEST(ReconstructionStreamingTest, OneEventLongerThanTheWindowStaysExact) {
     EXPECT_EQ(out.events[0].nPhotons, 5000u) << algorithm;
     EXPECT_EQ(bytes_of(out.events), bytes_of(reconstructEvents_switchAlgorithm(r, Data_PhotonEvents{photons, {}}, algorithm).events))
         << algorithm;
-  }
-}
-
-TEST(ReconstructionStreamingTest, FileToFileEqualsTheWholeFileWriter) {
-  TempDir dir;
-  const auto photons = flashes(6, 5000, 2.0);
-  for (const auto& triggers : {std::optional<std::vector<Time>>{}, std::optional<std::vector<Time>>{std::vector<Time>{}},
-                               std::optional<std::vector<Time>>{std::vector<Time>{Time{-4}, Time{9}, Time{9}}}}) {
-    const Data_PhotonEvents whole{photons, triggers};
-    FileHandler_PhotonEvents::save_file(dir.file("in.kovraphot"), whole);
-    const Reconstruction_Events r{Length::from_pixels(3), Time{10}, 0.5, Time{200}};
-    for (const char* algorithm : algorithms) {
-      FileHandler_Events::save_file(dir.file("whole.kovraevent"), reconstructEvents_switchAlgorithm(r, whole, algorithm));
-      const auto layout = FileHandler_PhotonEvents::read_layout(dir.file("in.kovraphot"));
-      PhotonSource_File source(dir.file("in.kovraphot"), layout.records, smallWindow);
-      EventFile_Writer out(dir.file("streamed.kovraevent"));
-      reconstructEvents_switchAlgorithm(r, source, algorithm, out);
-      out.finish(dir.file("in.kovraphot"), layout.extTriggers);
-      EXPECT_EQ(read_bytes(dir.file("streamed.kovraevent")), read_bytes(dir.file("whole.kovraevent"))) << algorithm;
-    }
   }
 }
 
