@@ -84,29 +84,17 @@ class MemoryMapTest(TempDirTest):
 GOOD_PHOTONS = kovra_file(2, block("photons", photon_bytes(*PHOTONS)), block("extTrigs", trigger_bytes(4)))
 
 
-def file_size_fixed(content: bytes) -> bytes:
-    """The file block's size set to what the file holds, so that a later check is reached."""
-    return content[:8] + struct.pack("<Q", len(content) - 16) + content[16:]
-
-
 MALFORMED = [
-    # (what, bytes, message)
+    # (what, bytes, message): a few of the reader's messages (the library's own tests have every one), each raised
+    # as ValueError with the tool's words
     ("empty", b"", "Read Error!"),
-    ("header cut", GOOD_PHOTONS[:12], "Read Error!"),
     ("not KOVRA", b"KOVRB" + GOOD_PHOTONS[5:], "Not a valid KOVRA file!"),
     ("file block too long", GOOD_PHOTONS[:8] + struct.pack("<Q", len(GOOD_PHOTONS)) + GOOD_PHOTONS[16:],
      f"Block size is indicated as {len(GOOD_PHOTONS)} but only {len(GOOD_PHOTONS) - 16} bytes are left in the file!"),
-    ("trailing byte", GOOD_PHOTONS + b"\0", "File size mismatch!"),
-    ("no build block", block("KOVRA", block("photons", b"")), "File is missing build information!"),
-    ("build block of 24 bytes", block("KOVRA", block("build", struct.pack("<QQQ", 0, 2, 0))),
-     "Build info size missmatch! File corrupted?"),
-    ("version 1, wrong type too", kovra_file(3, block("events", b""), version=1), "File has wrong version!"),
     ("event file", kovra_file(3, block("events", b"")), "File has wrong type!"),
-    ("unknown block", kovra_file(2, block("photons", b""), block("photon", b"")), "Block identifier not recognized!"),
     ("partial photon", kovra_file(2, block("photons", b"\0" * 17)), "File contains partial photons!"),
     ("partial trigger", kovra_file(2, block("photons", b""), block("extTrigs", b"\0" * 9)),
      "File contains partial external triggers!"),
-    ("no photon block", kovra_file(2, block("extTrigs", b"")), "File does not contain photon data!"),
 ]
 
 
@@ -130,24 +118,6 @@ class MalformedFileTest(TempDirTest):
             with self.subTest(message), self.assertRaises(ValueError) as raised:
                 read(missing if content is None else self.write_bytes("bad.kovraevent", content))
             self.assertEqual(str(raised.exception), message)
-
-    def test_every_cut_of_a_good_file_reads_as_the_tool_reads_it(self) -> None:
-        """Cut at every length, with the file size adjusted so that the walk over the blocks is reached: where the
-        tool rejects the cut file, with the same message; where it is a whole file (cut between blocks), not."""
-        rejected = 0
-        for length in range(len(GOOD_PHOTONS)):
-            with self.subTest(length=length):
-                cut = GOOD_PHOTONS[:length]
-                path = self.write_bytes("cut.kovraphot", file_size_fixed(cut) if length >= 16 else cut)
-                try:
-                    kovra.read_photons(path)
-                    message = None
-                except ValueError as error:
-                    message = str(error)
-                    rejected += 1
-                completed = run_brantel("-s", "1", "-t", "1e-7", "-i", str(path), "-o", str(self.dir / "o.kovraevent"))
-                self.assertEqual(message, brantel_message(completed))
-        self.assertEqual(rejected, len(GOOD_PHOTONS) - 1)
 
 
 class WriteArgumentsTest(TempDirTest):
