@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
@@ -24,38 +26,27 @@ const Tool tools[] = {{"kovra_simulate", KOVRA_SIMULATE_PATH, "--seed"},
 
 }  // namespace
 
-TEST(ToolCommandLineTest, HelpAndVersionOnStandardOutput) {
+TEST(ToolCommandLineTest, HelpAndVersionOnStandardOutputBadUsageOneLineAndStatusTwo) {
   for (const Tool& tool : tools) {
     const TempDir dir;
+    const std::string name = tool.name, usage = "\nTry '" + name + " --help'.\n";
     const Program_Outcome version = run_program(dir, tool.path, "--version");
-    EXPECT_EQ(version.status, 0) << tool.name;
-    EXPECT_EQ(version.out, std::string(tool.name) + " " KOVRA_VERSION "\n");
-    EXPECT_EQ(version.err, "") << tool.name;
+    EXPECT_EQ(std::tuple(version.status, version.out, version.err), std::tuple(0, name + " " KOVRA_VERSION "\n", ""));
     for (const char* help : {"--help", "-h"}) {
       const Program_Outcome outcome = run_program(dir, tool.path, help);
-      EXPECT_EQ(outcome.status, 0) << tool.name << " " << help;
-      EXPECT_THAT(outcome.out, testing::StartsWith(std::string("Usage: ") + tool.name)) << help;
-      EXPECT_THAT(outcome.out, testing::HasSubstr("--version")) << tool.name;
-      EXPECT_EQ(outcome.err, "") << tool.name << " " << help;
+      EXPECT_EQ(std::tuple(outcome.status, outcome.err), std::tuple(0, "")) << name << " " << help;
+      EXPECT_THAT(outcome.out, testing::StartsWith("Usage: " + name)) << help;
+      EXPECT_THAT(outcome.out, testing::HasSubstr("--version")) << name;
     }
-  }
-}
-
-TEST(ToolCommandLineTest, BadUsageGetsOneLineAndStatusTwo) {
-  for (const Tool& tool : tools) {
-    const struct {
-      std::string arguments, message;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"--bogus", "unknown option --bogus"},
         {"-x", "unknown option -x"},
         {tool.optionWithValue, std::string("option ") + tool.optionWithValue + " needs a value"},
     };
-    for (const auto& c : cases) {
-      const TempDir dir;
-      const Program_Outcome outcome = run_program(dir, tool.path, c.arguments);
-      EXPECT_EQ(outcome.status, 2) << tool.name << " " << c.arguments;
-      EXPECT_EQ(outcome.out, "") << tool.name << " " << c.arguments;
-      EXPECT_EQ(outcome.err, std::string(tool.name) + ": " + c.message + "\nTry '" + tool.name + " --help'.\n");
+    for (const auto& [arguments, message] : cases) {
+      const Program_Outcome outcome = run_program(dir, tool.path, arguments);
+      EXPECT_EQ(std::tuple(outcome.status, outcome.out, outcome.err), std::tuple(2, "", name + ": " + message + usage))
+          << arguments;
     }
   }
 }

@@ -1,4 +1,5 @@
-// The command line of kovra_evaluate: what a good one gives, and one exact message for each bad one.
+// The command line of kovra_evaluate: what a good one gives, and one exact message for each kind of bad one
+// (getopt's own messages: ToolCommandLineTest).
 
 #include <cmath>
 #include <sstream>
@@ -40,7 +41,6 @@ TEST(EvaluateOptionsTest, GridsSettingsAndTheTruthBesideThePhotons) {
   EXPECT_EQ(o.grid.durationMax_s, (std::vector<double>{2e-6, INFINITY}));
   EXPECT_EQ(o.grid.algorithms, (std::vector<std::string>{"default", "fullChain_direct"}));
   EXPECT_EQ(o.grid.dTime_ext, -0.5);
-  EXPECT_EQ(o.grid.size(), 12U);
 
   // kovra_brantel's defaults: one setting, unlimited duration, the default algorithm, no factor.
   const auto d = parse("run.kovraphot -s 5 --dTime 1e-7 --truth other.truth.csv");
@@ -49,23 +49,18 @@ TEST(EvaluateOptionsTest, GridsSettingsAndTheTruthBesideThePhotons) {
   EXPECT_TRUE(std::isinf(d.grid.durationMax_s.at(0)));
   EXPECT_EQ(d.grid.algorithms, (std::vector<std::string>{"default"}));
   EXPECT_FALSE(d.grid.dTime_ext.has_value());
-  EXPECT_TRUE(parse("--help").helpRequested);
 }
 
 TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
-  const std::string emptyEntry = "option --dSpace-grid needs a comma-separated list without empty entries, not ";
   const struct {
     std::string args;
     std::string message;
   } cases[] = {
-      {"run.kovraphot --dSpace-grid '' -t 1", emptyEntry + "\"\""},
-      {"run.kovraphot --dSpace-grid 1,,2 -t 1", emptyEntry + "\"1,,2\""},
-      {"run.kovraphot --dSpace-grid 1,2, -t 1", emptyEntry + "\"1,2,\""},
+      {"run.kovraphot --dSpace-grid 1,,2 -t 1",
+       "option --dSpace-grid needs a comma-separated list without empty entries, not \"1,,2\""},
       {"run.kovraphot -s 1 --dTime-grid 1e-7,-2e-7", "option --dTime-grid must not be negative, got \"-2e-7\""},
       {"run.kovraphot -s 1 --dTime-grid 1e-7;2e-7", "option --dTime-grid needs a number, not \"1e-7;2e-7\""},
       {"run.kovraphot -s 1 --dTime-grid inf", "option --dTime-grid needs a number, not \"inf\""},
-      {"run.kovraphot -s 1 -t 1 --durationMax-grid 1e-6,nan", "option --durationMax-grid needs a number, not \"nan\""},
-      {"run.kovraphot -s x -t 1", "option --dSpace needs a number, not \"x\""},
       {"run.kovraphot -s 1 -t 1 --algorithm-grid default,fast", "option --algorithm-grid: unknown algorithm \"fast\""},
       {"run.kovraphot -s 1 --dSpace-grid 1,2 -t 1", "options --dSpace and --dSpace-grid exclude each other"},
       {"run.kovraphot -s 1 -s 2 -t 1", "option --dSpace given twice"},
@@ -77,8 +72,6 @@ TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
       {"run.kovraphot -s 1 -t 1 --fom-photons 2.5",
        "option --fom-photons needs a whole number from 1 to 1e9, not \"2.5\""},
       {"run.kovraphot -s 1 -t 1 --merge-max 2", "option --merge-max must be from 0 to 1"},
-      {"run.kovraphot -s 1 -t 1 --bogus", "unknown option --bogus"},
-      {"run.kovraphot -s", "option -s needs a value"},
   };
   for (const auto& c : cases) {
     EXPECT_THAT([&] { parse(c.args); }, ThrowsMessage<std::invalid_argument>(StrEq(c.message))) << c.message;

@@ -85,13 +85,9 @@ TEST(MetricsTest, HandBuiltReconstructionsGiveTheKnownFigures) {
     const auto m = Scene(c.dark).evaluate(c.members);
     EXPECT_EQ(m.nFlashes, 2U);
     EXPECT_EQ(m.nEvents, c.members.size());
-    EXPECT_DOUBLE_EQ(m.efficiency, c.efficiency);
-    EXPECT_DOUBLE_EQ(m.split_rate, c.split);
-    EXPECT_DOUBLE_EQ(m.merge_rate, c.merge);
-    EXPECT_DOUBLE_EQ(m.fake_rate, c.fake);
-    EXPECT_DOUBLE_EQ(m.purity, c.purity);
-    EXPECT_DOUBLE_EQ(m.completeness, c.completeness);
-    EXPECT_DOUBLE_EQ(m.iou, c.iou);
+    const double got[] = {m.efficiency, m.split_rate, m.merge_rate, m.fake_rate, m.purity, m.completeness, m.iou};
+    const double want[] = {c.efficiency, c.split, c.merge, c.fake, c.purity, c.completeness, c.iou};
+    for (int i = 0; i < 7; ++i) EXPECT_DOUBLE_EQ(got[i], want[i]) << "figure " << i;
   }
 }
 

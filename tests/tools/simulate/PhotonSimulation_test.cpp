@@ -1,10 +1,13 @@
-// The photon model: the shape of the file (time order, bounds, whole pixels, triggers), that a seed fixes it
-// whatever the slicing, and that the physics comes out as set. Every run has a fixed seed and the statistical
-// bounds are about five standard errors wide, so they never flake.
+// The photon model: the shape of the file (time order, bounds, whole pixels, triggers), the flash of every
+// photon, that a seed fixes both whatever the slicing, and that the physics comes out as set. Every run has a
+// fixed seed and the statistical bounds are about five standard errors wide, so they never flake.
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <map>
+#include <span>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -23,51 +26,75 @@ constexpr double tick = Time::tick_seconds;
 struct Simulated_Run {
   Simulation_Result result;
   std::vector<True_Event> truth;
+  std::vector<std::int64_t> flashOfPhoton;
 };
 
 Simulated_Run simulate(const Simulation_Settings& settings, long sliceTicks = 0) {
   Simulated_Run run;
-  run.result = simulate_photonEvents(settings, [&](const True_Event& e) { run.truth.push_back(e); }, sliceTicks);
+  run.result = simulate_photonEvents_withFlashes(
+      settings, [&](const True_Event& e) { run.truth.push_back(e); },
+      [&](std::span<const std::int64_t> f) { run.flashOfPhoton.insert(run.flashOfPhoton.end(), f.begin(), f.end()); },
+      sliceTicks);
   return run;
 }
 
+/// The same photons, and the same flash for each.
 bool same_photons(const Simulated_Run& a, const Simulated_Run& b) {
   const auto &pa = a.result.photons.photonEvents, &pb = b.result.photons.photonEvents;
-  return pa.size() == pb.size() && std::memcmp(pa.data(), pb.data(), pa.size() * sizeof(PhotonEvent)) == 0;
+  return pa.size() == pb.size() && std::memcmp(pa.data(), pb.data(), pa.size() * sizeof(PhotonEvent)) == 0 &&
+         a.flashOfPhoton == b.flashOfPhoton;
 }
 
 // Overlapping flashes and dark counts on a detector wider than it is high, snapped to whole pixels; a slow
 // decay long enough for light to spread over many slices and past the end of the acquisition.
-Simulation_Settings busy(std::uint64_t seed = 1) {
+Simulation_Settings busy() {
   Simulation_Settings s;
   s.duration_s = 0.004, s.eventRate_Hz = 2.0e6, s.darkRate_Hz = 1.0e6, s.height_px = 64, s.snapToPixels = true;
-  s.tauSlow_s = 2e-6, s.seed = seed;
+  s.tauSlow_s = 2e-6, s.seed = 1;
   return s;
 }
 
 }  // namespace
 
-TEST(PhotonSimulationTest, PhotonsAreOrderedInsideTheAcquisitionCountedAndFixedBySeedWhateverTheSlicing) {
-  const Simulated_Run first = simulate(busy());
+TEST(PhotonSimulationTest, PhotonsAreOrderedInsideTheAcquisitionLabelledAndFixedBySeedWhateverTheSlicing) {
+  Simulation_Settings s = busy();
+  s.flashesFrom_s = 0.003;  // flashes in the last quarter only, dark counts from zero
+  const Simulated_Run first = simulate(s);
   const auto& r = first.result;
   const auto& photons = r.photons.photonEvents;
   EXPECT_TRUE(std::is_sorted(photons.begin(), photons.end(),
                              [](const PhotonEvent& a, const PhotonEvent& b) { return a.toa < b.toa; }));
-  const long endTicks = static_cast<long>(std::ceil(busy().duration_s / tick));
-  for (const auto& p : photons) {
+  const long endTicks = static_cast<long>(std::ceil(s.duration_s / tick));
+  ASSERT_EQ(first.flashOfPhoton.size(), photons.size());
+  std::vector<std::uint64_t> perFlash(first.truth.size(), 0);
+  for (std::size_t i = 0; i < photons.size(); ++i) {
+    const PhotonEvent& p = photons[i];
     ASSERT_TRUE(p.toa.value >= 0 && p.toa.value < endTicks) << p.toa.value;
     ASSERT_TRUE(p.x.value >= 0 && p.x.get_pixels() < 256.0 && p.y.value >= 0 && p.y.get_pixels() < 64.0);
     ASSERT_TRUE(p.x.value % Length::units_per_pixel == 0 && p.y.value % Length::units_per_pixel == 0);
+    // The flash that sent it (-1: a dark count): light comes after the flash, around it (sigma 1 pixel).
+    const std::int64_t f = first.flashOfPhoton[i];
+    ASSERT_TRUE(f >= -1 && f < static_cast<std::int64_t>(first.truth.size())) << f;
+    if (f < 0) continue;
+    const True_Event& flash = first.truth[static_cast<std::size_t>(f)];
+    ++perFlash[static_cast<std::size_t>(f)];
+    ASSERT_GE(p.toa.get_seconds(), flash.t_s - tick) << i;
+    ASSERT_LT(std::hypot(p.x.get_pixels() - flash.x_px, p.y.get_pixels() - flash.y_px), 8.0) << i;
   }
   EXPECT_EQ(photons.size(), r.nEventPhotons + r.nDarkPhotons);
+  EXPECT_EQ(std::ranges::count(first.flashOfPhoton, -1), static_cast<long>(r.nDarkPhotons));
   ASSERT_EQ(first.truth.size(), r.nEvents);
+  for (std::size_t f = 0; f < first.truth.size(); ++f) {
+    ASSERT_GE(first.truth[f].t_s, 0.003);
+    ASSERT_EQ(perFlash[f], first.truth[f].nPhotons) << f;
+  }
+  EXPECT_NEAR(static_cast<double>(r.nEvents), 2000.0, 230.0);  // 2e6 per second over 1 ms
   EXPECT_NEAR(static_cast<double>(r.nDarkPhotons), 4000.0, 320.0);
 
-  // The default slice, slices far shorter than a flash's light, a few flashes long, the whole acquisition.
-  for (const long slice : {0L, 7L, 1000L, 10000000L}) {
-    EXPECT_TRUE(same_photons(first, simulate(busy(), slice))) << slice;
-  }
-  EXPECT_FALSE(same_photons(first, simulate(busy(2))));
+  // Slices far shorter than a flash's light, and the whole acquisition in one.
+  for (const long slice : {7L, 10000000L}) EXPECT_TRUE(same_photons(first, simulate(s, slice))) << slice;
+  s.seed = 2;
+  EXPECT_FALSE(same_photons(first, simulate(s)));
 }
 
 TEST(PhotonSimulationTest, HotPixelsFireAtTheirRateOnFewPixelsWhateverTheSlicing) {
@@ -84,29 +111,13 @@ TEST(PhotonSimulationTest, HotPixelsFireAtTheirRateOnFewPixelsWhateverTheSlicing
   EXPECT_NEAR(static_cast<double>(hot.result.nDarkPhotons), 24000.0, 800.0);
   EXPECT_TRUE(std::is_sorted(photons.begin(), photons.end(),
                              [](const PhotonEvent& a, const PhotonEvent& b) { return a.toa < b.toa; }));
-  std::vector<std::pair<int, int>> places;
-  for (const auto& p : photons) places.emplace_back(p.x.value, p.y.value);
-  std::sort(places.begin(), places.end());
+  std::map<std::pair<int, int>, std::size_t> perPlace;
+  for (const auto& p : photons) ++perPlace[{p.x.value, p.y.value}];
   std::vector<std::size_t> runs;  // photons per place, for places hit more than 1000 times
-  for (std::size_t i = 0, j = 0; i < places.size(); i = j) {
-    for (j = i; j < places.size() && places[j] == places[i]; ++j) {}
-    if (j - i > 1000) runs.push_back(j - i);
-  }
+  for (const auto& [place, n] : perPlace) if (n > 1000) runs.push_back(n);
   ASSERT_EQ(runs.size(), 3u);
   for (const std::size_t n : runs) EXPECT_NEAR(static_cast<double>(n), 8000.0, 450.0);
   for (const long slice : {7L, 10000000L}) EXPECT_TRUE(same_photons(hot, simulate(s, slice))) << slice;
-}
-
-TEST(PhotonSimulationTest, FlashesStartLateWhileDarkCountsRunFromZero) {
-  Simulation_Settings s = busy();
-  s.flashesFrom_s = 0.003;  // the last quarter of the acquisition
-  const Simulated_Run late = simulate(s);
-  ASSERT_FALSE(late.truth.empty());
-  for (const auto& e : late.truth) ASSERT_GE(e.t_s, 0.003);
-  EXPECT_NEAR(static_cast<double>(late.truth.size()), 2000.0, 230.0);  // 2e6 per second over 1 ms
-  EXPECT_NEAR(static_cast<double>(late.result.nDarkPhotons), 4000.0, 320.0);
-  EXPECT_NEAR(s.get_expectedPhotons(), 2000.0 * 20.0 + 4000.0, 1e-6);
-  EXPECT_TRUE(same_photons(late, simulate(s, 1000)));
 }
 
 TEST(PhotonSimulationTest, TriggersAreAbsentEmptyOrPeriodicFromZero) {

@@ -27,36 +27,31 @@ Program_Outcome run_simulate(const TempDir& dir, const std::string& args) {
 
 }  // namespace
 
+// The numeric options share one reader: a row for each kind of bound. (Help, version and getopt's messages:
+// ToolCommandLineTest.)
 TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
   const std::string classRule = "--class: expected NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a weight "
                                 "greater than 0 and a slow fraction from 0 to 1, got '";
   const std::string hotRule = "--hot-pixels: expected N:RATE with a whole number of pixels from 0 to 1000000 and a "
                               "rate in hertz greater than 0, got '";
-  const std::string seedRule = "--seed: expected a whole number from 0 to 18446744073709551615, got '";
+  const std::string tooMany = "1e+10 photons expected, more than the limit of 1e+09; shorten --duration";
   // The arguments follow "-o a.kovraphot" unless they start with -o.
   const struct { std::vector<std::string> args; std::string message; } cases[] = {
       {{}, "no output file given (-o FILE.kovraphot)"},
       {{"-o", "a.kovraevent"}, "the output file must end in .kovraphot, got 'a.kovraevent'"},
       {{"-d", "0"}, "--duration: expected seconds greater than 0 and at most 1000000, got '0'"},
       {{"-r", "-1"}, "--event-rate: expected a rate in hertz at least 0, got '-1'"},
-      {{"-n", ""}, "--photons: expected a mean photon count at least 0 and at most 1000000, got ''"},
       {{"--height", "32768"}, "--height: expected a whole number of pixels at least 1 and at most 32767, got '32768'"},
       {{"--width", "2.5"}, "--width: expected a whole number of pixels, got '2.5'"},
-      {{"--class", "gamma:1"}, classRule + "gamma:1'"},
       {{"--class", "a,b:1:0.1"}, classRule + "a,b:1:0.1'"},
-      {{"--class", "a:0:0.1"}, classRule + "a:0:0.1'"},
       {{"--class", "a:1:1.5"}, classRule + "a:1:1.5'"},
       {{"--triggers", "0"}, "--triggers: expected 'none', 'empty' or a frequency in hertz greater than 0, got '0'"},
       {{"--triggers", "1e9"}, "--triggers: more than 1e8 triggers in the acquisition"},
-      {{"--hot-pixels", "3"}, hotRule + "3'"},
       {{"--hot-pixels", "2.5:1e5"}, hotRule + "2.5:1e5'"},
-      {{"--hot-pixels", "4:0"}, hotRule + "4:0'"},
-      {{"--hot-pixels", "1:1e10"}, "1e+10 photons expected, more than the limit of 1e+09; shorten --duration"},
-      {{"--seed=-1"}, seedRule + "-1'"},
-      {{"--seed", "18446744073709551616"}, seedRule + "18446744073709551616'"},
-      {{"-r", "1e9", "-n", "10"}, "1e+10 photons expected, more than the limit of 1e+09; shorten --duration"},
-      {{"--bogus"}, "unknown option --bogus"},
-      {{"--seed"}, "option --seed needs a value"},
+      {{"--hot-pixels", "1:1e10"}, tooMany},
+      {{"--seed", "18446744073709551616"},
+       "--seed: expected a whole number from 0 to 18446744073709551615, got '18446744073709551616'"},
+      {{"-r", "1e9", "-n", "10"}, tooMany},
       {{"extra"}, "unexpected argument 'extra'"},
   };
   for (const auto& c : cases) {
@@ -64,80 +59,61 @@ TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
     std::string args = c.args.empty() || c.args[0] == "-o" ? "" : "-o a.kovraphot";
     for (const auto& a : c.args) args += " '" + a + "'";
     const auto r = run_simulate(dir, args);
-    EXPECT_EQ(r.status, 2) << args;
-    EXPECT_EQ(r.err, "kovra_simulate: " + c.message + "\nTry 'kovra_simulate --help'.\n");
+    EXPECT_EQ(std::tuple(r.status, r.err),
+              std::tuple(2, "kovra_simulate: " + c.message + "\nTry 'kovra_simulate --help'.\n"));
     EXPECT_TRUE(r.out.empty() && !std::filesystem::exists(dir.file("a.kovraphot"))) << args;
   }
-  const auto help = run_simulate(TempDir(), "--help");
-  EXPECT_TRUE(help.status == 0 && help.out.starts_with("Usage: kovra_simulate -o FILE.kovraphot")) << help.out;
 }
 
-TEST(SimulateProgramTest, FileHoldsTheModelsPhotonsAndTruthListsEveryFlash) {
-  TempDir dir;
-  // Given classes replace the default ones.
-  const auto r = run_simulate(dir, "--output=run.kovraphot -d 0.002 -r 5e5 -n 8 --sigma 2 --width 64 --height 32 "
-                                   "--snap --tau-fast 4e-9 --tau-slow 1e-7 --class p:1:0.2 --class q:1:0.6 "
-                                   "--dark-rate 2e5 --triggers empty --seed 18446744073709551615 --truth");
-  ASSERT_TRUE(r.status == 0 && r.err.empty()) << r.status << r.err;
-
-  // The same settings given to the model directly: the program must have passed every option through.
-  kovra::simulate::Simulation_Settings s;
-  s.duration_s = 0.002, s.eventRate_Hz = 5e5, s.photonsPerEvent = 8, s.sigma_px = 2, s.width_px = 64;
-  s.height_px = 32, s.snapToPixels = true, s.tauFast_s = 4e-9, s.tauSlow_s = 1e-7, s.darkRate_Hz = 2e5;
-  s.classes = {{"p", 1, 0.2}, {"q", 1, 0.6}}, s.triggerMode = kovra::simulate::Trigger_Mode::empty, s.seed = ~0ULL;
-  std::string truth = "t_s,x_px,y_px,nPhotons,class\n";
-  const auto expected = kovra::simulate::simulate_photonEvents(s, [&](const kovra::simulate::True_Event& e) {
-    char line[200];
-    std::snprintf(line, sizeof line, "%.12f,%.4f,%.4f,%llu,%s\n", e.t_s, e.x_px, e.y_px,
-                  static_cast<unsigned long long>(e.nPhotons), e.classIndex == 0 ? "p" : "q");
-    truth += line;
-  });
-  const auto loaded = kovra::tpx3spidr::FileHandler_PhotonEvents().load_file(dir.file("run.kovraphot"));
-  ASSERT_EQ(loaded.size(), expected.photons.size());
-  EXPECT_EQ(std::memcmp(loaded.photonEvents.data(), expected.photons.photonEvents.data(), 16 * loaded.size()), 0);
-  EXPECT_TRUE(loaded.extTriggers.has_value() && loaded.extTriggers->empty());
-  EXPECT_EQ(read_bytes(dir.file("run.truth.csv")), truth);
-  EXPECT_EQ(r.out, "kovra_simulate: wrote " + std::to_string(expected.photons.size()) + " photons (" +
-                       std::to_string(expected.nEventPhotons) + " from " + std::to_string(expected.nEvents) +
-                       " flashes, " + std::to_string(expected.nDarkPhotons) +
-                       " dark counts, 0 triggers) to run.kovraphot\nkovra_simulate: true flashes in run.truth.csv\n"
-                       "kovra_simulate: the flash of each photon in run.truth.kovraflash\n");
-  const auto flashes = kovra::simulate::read_photonFlashes(dir.file("run.truth.kovraflash"), loaded.photonEvents);
-  EXPECT_EQ(flashes.nFlashes, expected.nEvents);
-  EXPECT_EQ(std::ranges::count(flashes.flashOfPhoton, -1), static_cast<long>(expected.nDarkPhotons));
-}
-
-TEST(SimulateProgramTest, EveryFileIsWrittenAsTheRunGoesUnderAMemoryLimitFarBelowItsSize) {
+TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemoryLimitFarBelowItsSize) {
   TempDir dir;
   // About 3 million photons (48 MB) with triggers, truth and raw output (about 150 MB), in a process whose data
-  // may not exceed 16 MiB: only a run that writes as it goes gets through.
+  // may not exceed 16 MiB: only a run that writes as it goes gets through. Every setting differs from its
+  // default, so the model below must get them all; given classes replace the default ones.
   constexpr long dataLimitBytes = 16L << 20;
-  const std::string options = "-d 0.075 -r 2e6 --triggers 2e5 --seed 9 --truth --raw run.tpx3 --width 400";
   const auto r = run_program(dir, "prlimit", "--data=" + std::to_string(dataLimitBytes) + " " KOVRA_SIMULATE_PATH
-                                                 " -o run.kovraphot " + options);
-  ASSERT_EQ(r.status, 0) << r.err;
+                 " --output=run.kovraphot -d 0.075 -r 2e6 -n 25 --sigma 2 --width 400 --height 300 --snap "
+                 "--tau-fast 4e-9 --tau-slow 1e-7 --class p:1:0.2 --class q:1:0.6 --dark-rate 2e5 --hot-pixels 2:1e4 "
+                 "--flashes-from 0.001 --triggers 2e5 --seed 18446744073709551615 --truth --raw run.tpx3");
+  ASSERT_TRUE(r.status == 0 && r.err.empty()) << r.status << r.err;
 
   kovra::simulate::Simulation_Settings s;
-  s.duration_s = 0.075, s.eventRate_Hz = 2e6, s.triggerMode = kovra::simulate::Trigger_Mode::periodic;
-  s.triggerFrequency_Hz = 2e5, s.seed = 9, s.width_px = 400;
+  s.duration_s = 0.075, s.eventRate_Hz = 2e6, s.photonsPerEvent = 25, s.sigma_px = 2, s.width_px = 400;
+  s.height_px = 300, s.snapToPixels = true, s.tauFast_s = 4e-9, s.tauSlow_s = 1e-7, s.darkRate_Hz = 2e5;
+  s.classes = {{"p", 1, 0.2}, {"q", 1, 0.6}}, s.hotPixels = 2, s.hotPixelRate_Hz = 1e4, s.flashesFrom_s = 0.001;
+  s.triggerMode = kovra::simulate::Trigger_Mode::periodic, s.triggerFrequency_Hz = 2e5, s.seed = ~0ULL;
+  std::string truth = "t_s,x_px,y_px,nPhotons,class\n";
   std::vector<std::int64_t> flashOfPhoton;
   const auto expected = kovra::simulate::simulate_photonEvents_withFlashes(
-      s, [](const auto&) {},
+      s,
+      [&](const kovra::simulate::True_Event& e) {
+        char line[200];
+        std::snprintf(line, sizeof line, "%.12f,%.4f,%.4f,%llu,%s\n", e.t_s, e.x_px, e.y_px,
+                      static_cast<unsigned long long>(e.nPhotons), e.classIndex == 0 ? "p" : "q");
+        truth += line;
+      },
       [&](std::span<const std::int64_t> f) { flashOfPhoton.insert(flashOfPhoton.end(), f.begin(), f.end()); }, 0);
   ASSERT_GT(expected.photons.size() * sizeof(kovra::tpx3spidr::PhotonEvent), 2u * dataLimitBytes);
 
-  const std::string memoryPath = dir.file("memory.kovraphot");
-  kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(memoryPath, expected.photons);
-  EXPECT_TRUE(read_bytes(dir.file("run.kovraphot")) == read_bytes(memoryPath));
+  kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(dir.file("memory.kovraphot"), expected.photons);
+  EXPECT_TRUE(read_bytes(dir.file("run.kovraphot")) == read_bytes(dir.file("memory.kovraphot")));
+  EXPECT_TRUE(read_bytes(dir.file("run.truth.csv")) == truth);
   EXPECT_EQ(kovra::simulate::read_photonFlashes(dir.file("run.truth.kovraflash"), expected.photons.photonEvents)
                 .flashOfPhoton,
             flashOfPhoton);
-
   std::FILE* raw = std::fopen(dir.file("memory.tpx3").c_str(), "wb");
   ASSERT_NE(raw, nullptr);
-  kovra::simulate::write_raw(expected.photons, s.width_px, s.height_px, s.seed, raw, [](const auto&) {});
+  std::size_t nHits = 0;
+  kovra::simulate::write_raw(expected.photons, s.width_px, s.height_px, s.seed, raw, [&](const auto&) { ++nHits; });
   std::fclose(raw);
   EXPECT_TRUE(read_bytes(dir.file("run.tpx3")) == read_bytes(dir.file("memory.tpx3")));
+  EXPECT_EQ(r.out, "kovra_simulate: wrote " + std::to_string(expected.photons.size()) + " photons (" +
+                       std::to_string(expected.nEventPhotons) + " from " + std::to_string(expected.nEvents) +
+                       " flashes, " + std::to_string(expected.nDarkPhotons) + " dark counts, " +
+                       std::to_string(expected.photons.extTriggers->size()) +
+                       " triggers) to run.kovraphot\nkovra_simulate: true flashes in run.truth.csv\n"
+                       "kovra_simulate: the flash of each photon in run.truth.kovraflash\n"
+                       "kovra_simulate: wrote the raw form, " + std::to_string(nHits) + " hits, to run.tpx3\n");
 }
 
 TEST(SimulateProgramTest, ARunThatCannotWriteEverythingLeavesEveryExistingFileAsItWas) {
