@@ -10,10 +10,8 @@
 #include <string>
 
 #include "Parameters.hpp"
-#include "convert_durationMax.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "logging.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 namespace tpx = kovra::tpx3spidr;
 
@@ -32,7 +30,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   assert(parameters.duration_max_s >= 0);
-  const tpx::Time durationMax = convert_durationMax(parameters.duration_max_s);
+  const tpx::Time durationMax = tpx::convert_durationMax(parameters.duration_max_s);
 
   if (!parameters.input_file) {
     logging<LogLevel::error>("No file supplied! Exiting...");

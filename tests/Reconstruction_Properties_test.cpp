@@ -15,7 +15,6 @@
 
 #include "RandomPhotons.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 using kovra::tpx3spidr::Event;
 using kovra::tpx3spidr::Length;

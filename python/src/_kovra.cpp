@@ -16,9 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "convert_durationMax.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 
 namespace py = pybind11;
@@ -132,7 +130,7 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
   if (!(duration_max_s >= 0)) throw std::invalid_argument("duration_max_s must be zero or more");
   // Warnings are collected during the run and printed afterwards to sys.stdout, where a notebook shows them.
   std::vector<std::string> warnings;
-  const tpx::Reconstruction_Events reconstruction{dSpace, dTime, d_time_ext, convert_durationMax(duration_max_s),
+  const tpx::Reconstruction_Events reconstruction{dSpace, dTime, d_time_ext, tpx::convert_durationMax(duration_max_s),
                                                   [&warnings](const std::string& w) { warnings.push_back(w); }};
 
   const tpx::Data_PhotonEvents input{to_vector<tpx::PhotonEvent>(photons), to_triggers(triggers)};

@@ -16,7 +16,6 @@
 #include "FileBytes.hpp"
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 using namespace kovra::tpx3spidr;
 

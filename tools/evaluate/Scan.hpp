@@ -14,12 +14,10 @@
 #include <string>
 #include <vector>
 
-#include "convert_durationMax.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
 #include "inspect/Progress.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 namespace kovra::evaluate {
 
@@ -35,7 +33,7 @@ struct Setting {
     using kovra::tpx3spidr::Length;
     using kovra::tpx3spidr::Time;
     return {Length::from_pixels(dSpace_px), Time::make_from_seconds<true>(dTime_s), dTime_ext,
-            convert_durationMax(durationMax_s)};
+            kovra::tpx3spidr::convert_durationMax(durationMax_s)};
   }
 };
 
