@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Parameters.hpp"
+#include "kovra/Reconstruction_Parallel.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "logging.hpp"
 
@@ -66,9 +67,14 @@ int main(int argc, char** argv) {
   const kovra::File_Layout layout = tpx::FileHandler_PhotonEvents::read_layout(inputFile);
   logging<LogLevel::info>(inputFile + ": Total number of photons in file = " + std::to_string(layout.records.count));
 
-  tpx::PhotonSource_File photons(inputFile, layout.records);
+  // On every core the run may use (KOVRA_THREADS sets how many), with the bytes of one thread.
   tpx::EventFile_Writer events(outputFile);
-  reconstructEvents_switchAlgorithm(reconstruction, photons, parameters.algorithm, events);
+  const kovra::Algorithm algorithm = kovra::find_algorithm(parameters.algorithm);
+  const kovra::Parallel_Settings parallel{
+      kovra::get_threadCount(),
+      kovra::read_countVariable("KOVRA_PIECE_PHOTONS", 1, kovra::max_piecePhotons).value_or(kovra::default_piecePhotons)};
+  kovra::reconstruct_parallel(reconstruction, algorithm, kovra::make_photonList<tpx::PhotonEvent>(inputFile, layout.records),
+                              parallel, events);
   events.finish(inputFile, layout.extTriggers);
 
   logging<LogLevel::info>(inputFile + ": Total number of reconstructed events = " + std::to_string(events.size()));
