@@ -41,7 +41,7 @@ def draw_map(figure, axes, data: h5py.File) -> None:
     # Empty cells are black; the colours start at a blue that stands out from them. Few counts read better on a
     # linear scale, many on a logarithmic one.
     colours = matplotlib.colormaps["plasma"].with_extremes(bad="black")
-    norm = LogNorm(vmin=1, vmax=largest) if largest > 50 else Normalize(vmin=0, vmax=max(largest, 1))
+    norm = LogNorm(vmin=1, vmax=largest) if largest > 50 else Normalize(vmin=1, vmax=max(largest, 2))
     image = axes.imshow(np.ma.masked_equal(counts, 0), origin="upper", extent=(0, side_px, side_px, 0),
                         interpolation="nearest", cmap=colours, norm=norm)
     axes.set_xlabel("x (pixel)")
