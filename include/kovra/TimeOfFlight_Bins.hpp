@@ -68,7 +68,8 @@ class TimeOfFlight_Bins {
  private:
   /// lo + ceil(i w / n) with w = hi - lo, as i (w / n) + ceil(i (w % n) / n): no product exceeds 64 bits for
   /// i <= n <= max_timeOfFlightBins.
-  static TimeOfFlight_Ticks linear_edge(TimeOfFlight_Ticks lo, TimeOfFlight_Ticks hi, std::uint64_t i, std::uint64_t n) {
+  static TimeOfFlight_Ticks linear_edge(TimeOfFlight_Ticks lo, TimeOfFlight_Ticks hi, std::uint64_t i,
+                                        std::uint64_t n) {
     const TimeOfFlight_Ticks width = hi - lo;
     const std::uint64_t rest = i * (width % n);
     return lo + i * (width / n) + rest / n + (rest % n != 0 ? 1 : 0);

@@ -239,8 +239,8 @@ py::tuple tof_histogram(const py::buffer& records, const py::buffer& triggers, c
   if (s.tofMax_s) selection.tofMax = ticks(*s.tofMax_s);
   if (s.region_px) {
     const auto& r = *s.region_px;
-    selection.region = kovra::Detector_Region<tpx::Length>{tpx::Length::from_pixels(r[0]), tpx::Length::from_pixels(r[1]),
-                                                           tpx::Length::from_pixels(r[2]), tpx::Length::from_pixels(r[3])};
+    const auto at = [](double px) { return tpx::Length::from_pixels(px); };
+    selection.region = kovra::Detector_Region<tpx::Length>{at(r[0]), at(r[1]), at(r[2]), at(r[3])};
   }
   if (list.empty()) throw std::invalid_argument("no time of flight: the trigger list is empty");
   const kovra::TriggerList_Check<tpx::Time> check = check_triggers(list);

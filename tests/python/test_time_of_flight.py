@@ -121,6 +121,7 @@ class AgreementTest(TempDirTest):
             np.testing.assert_array_equal(h5["tof_edges"][:], stack.edges)
             self.assertEqual(h5["stack"].attrs["axes"], b"tof,y,x")
             self.assertEqual(h5["stack"].attrs["records_counted"], stack.tally["counted"])
+            self.assertEqual(h5["stack"].attrs["records_seen"], len(self.events))
             self.assertEqual(h5["stack"].compression, "gzip")
         np.testing.assert_array_equal(read_tiff(self.dir / "t.tif"), stack.counts)
 

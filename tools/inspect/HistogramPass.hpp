@@ -79,7 +79,8 @@ class Histogram_Outputs {
     const TimeOfFlight_Ticks lo = selection.tofMin.value_or(0);
     const TimeOfFlight_Ticks longest = clock->get_check().get_longestInterval();
     if (!selection.tofMax && longest == 0) {
-      const std::string why = "no time-of-flight range: the triggers give no interval between two of them; give --tof-max";
+      const std::string why =
+          "no time-of-flight range: the triggers give no interval between two of them; give --tof-max";
       if (options.wants_timeOfFlight()) throw std::invalid_argument(why);
       note = why;
       return;

@@ -63,7 +63,8 @@ class Plot_Data {
              const std::string& selection, const std::string& note, std::uint64_t events) const {
     H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
     const hdf5_detail::H5_Writer writer(fileName);
-    const H5_Handle file = writer.handle(H5Fcreate(fileName.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+    const H5_Handle file =
+        writer.handle(H5Fcreate(fileName.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
     const auto side = static_cast<hsize_t>(map.get_width());
     const H5_Handle mapSet = writer.create_array(file.get(), "map", H5T_STD_U64LE, {side, side});
     writer.write_all(mapSet.get(), H5T_NATIVE_UINT64, map.get_counts().data());

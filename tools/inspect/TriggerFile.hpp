@@ -4,8 +4,8 @@
 // memory stays bounded however many triggers the file has.
 //
 // Opening walks the list once: the library's check (order, count, longest interval) and the first trigger of
-// every chunk (of 4096 by default). A record's time then picks its chunk from those (the last whose first trigger is at or
-// before it), and the library's clock answers within the chunk. Records in time order read each chunk once.
+// every chunk (of 4096 by default). A record's time then picks its chunk from those (the last whose first trigger
+// is at or before it), and the library's clock answers within the chunk. Records in time order read each chunk once.
 
 #include <algorithm>
 #include <cstddef>
