@@ -64,6 +64,10 @@ class CampaignConfigTest(unittest.TestCase):
         campaign = check_campaign(self.config(mapSize_px="512"))
         self.assertEqual(campaign.names, ("run10", "run2"))
         self.assertEqual(campaign.map_size_px, 512)
+        self.assertEqual(campaign.tof_args, ("--tof-bins", "100", "--size", "512", "--binning", "8"))
+        campaign = check_campaign(self.config(tofBins="20", tofMax_s="1e-3", stackBinning_px=0.5))
+        self.assertEqual(campaign.tof_args, ("--tof-bins", "20", "--tof-max", "0.001", "--size", "256", "--binning",
+                                             "0.5"))
 
     def test_bad_settings_are_refused_with_one_clear_message(self) -> None:
         empty = self.folder("empty")
@@ -97,6 +101,9 @@ class CampaignConfigTest(unittest.TestCase):
             ({"mapSize_px": 1.5}, '"mapSize_px" must be a whole number from 1 to 32768, got 1.5'),
             ({"mapSize_px": 32769}, '"mapSize_px" must be a whole number from 1 to 32768'),
             ({"mapSize_px": 0}, '"mapSize_px" must be at least 1'),
+            ({"tofBins": 2.5}, '"tofBins" must be a whole number from 1 to 1000000, got 2.5'),
+            ({"tofMax_s": 0}, '"tofMax_s" must be greater than 0, got 0'),
+            ({"stackBinning_px": "wide"}, "\"stackBinning_px\" must be a number, got 'wide'"),
             ({"paramsFile": str(self.root / "none.json")}, '"paramsFile": no such file'),
             ({"paramsFile": str(bad_json)}, f'"paramsFile": {bad_json} is not a JSON file'),
             ({"paramsFile": str(no_section)}, f'"paramsFile": {no_section} has no "brantel" object'),

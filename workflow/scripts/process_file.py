@@ -24,6 +24,7 @@ CHUNK_RECORDS = 1 << 20
 # Pulse-shape values are collected in fixed logarithmic bins (seconds), so that files can be added up.
 PSD_EDGES_S = np.logspace(-11.0, -3.0, 401)
 PHOTON_COUNT_LINE = re.compile(r"Total number of photons in file = (\d+)")
+TRIGGER_LINE = re.compile(r"^ext\. triggers (.*)$", re.MULTILINE)
 
 
 @dataclass(frozen=True)
@@ -49,8 +50,16 @@ class FileOutputs:
     def image(self) -> Path:
         return self.output_dir / f"{self.name}.png"
 
+    @property
+    def tof(self) -> Path:
+        return self.output_dir / f"{self.name}.tof.csv"
+
+    @property
+    def stack(self) -> Path:
+        return self.output_dir / f"{self.name}.stack.h5"
+
     def published(self) -> tuple[Path, ...]:
-        return (self.events, self.summary, self.hdf5, self.image)
+        return (self.events, self.summary, self.hdf5, self.image, self.tof, self.stack)
 
 
 def describe_exit(tool: str, returncode: int) -> str:
@@ -135,6 +144,31 @@ def event_statistics(hdf5_path: Path, map_size_px: int) -> tuple[dict[str, Any],
     return numbers, histograms
 
 
+def time_of_flight(outputs: FileOutputs, summary: str, inspect_tool: str, tof_args: Sequence[str], log: Any,
+                   status: dict[str, Any]) -> None:
+    """The spectrum and stack of a file with triggers. A file without (or with too few to give a range) has none,
+    which is noted in its status, not a failure."""
+    for path in (outputs.tof, outputs.stack):
+        atomic_files.remove_if_present(path)
+    found = TRIGGER_LINE.search(summary)
+    triggers = found.group(1) if found else "absent"
+    if triggers in ("absent", "empty"):
+        status.update(tof="none", tof_message=f"trigger list {triggers}")
+        return
+    partial_tof = atomic_files.partial_path(outputs.tof)
+    partial_stack = atomic_files.partial_path(outputs.stack)
+    command = [inspect_tool, outputs.events.name, *tof_args, "--spectrum", partial_tof.name, "--stack-hdf5",
+               partial_stack.name]
+    result = run_tool(command, log, cwd=outputs.output_dir)
+    if result.returncode != 0:
+        status.update(tof="none", tof_message=tool_message(result.stderr) or describe_exit("kovra_inspect",
+                                                                                             result.returncode))
+        return
+    atomic_files.publish(partial_tof, outputs.tof)
+    atomic_files.publish(partial_stack, outputs.stack)
+    status["tof"] = "ok"
+
+
 def process_file(
     name: str,
     photon_file: Path,
@@ -144,6 +178,7 @@ def process_file(
     map_size_px: int,
     status_path: Path,
     log_path: Path,
+    tof_args: Sequence[str] = (),
 ) -> dict[str, Any]:
     outputs = FileOutputs(name, output_dir)
     output_dir.mkdir(parents=True, exist_ok=True)
@@ -193,6 +228,7 @@ def process_file(
         atomic_files.write_text(outputs.summary, result.stdout)
         atomic_files.publish(partial_hdf5, outputs.hdf5)
         atomic_files.publish(partial_image, outputs.image)
+        time_of_flight(outputs, result.stdout, inspect_tool, tof_args, log, status)
 
     numbers, histograms = event_statistics(outputs.hdf5, map_size_px)
     status.update(numbers)
@@ -213,6 +249,7 @@ def main(snakemake: Any) -> None:
         map_size_px=int(snakemake.params.map_size_px),
         status_path=Path(snakemake.output.status),
         log_path=Path(snakemake.log[0]),
+        tof_args=snakemake.params.tof_args,
     )
     atomic_files.write_text(Path(snakemake.output.status), json.dumps(status, indent=2, sort_keys=True) + "\n")
 
