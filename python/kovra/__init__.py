@@ -168,17 +168,21 @@ def write_events(path: str | os.PathLike[str], events: npt.ArrayLike,
 def reconstruct(photons: npt.ArrayLike, d_space_px: float, d_time_s: float, d_time_ext: Optional[float] = None,
                 duration_max_s: Optional[float] = None, algorithm: str = "default",
                 triggers: Optional[npt.ArrayLike] = None,
-                membership: bool = False) -> EventData | tuple[EventData, Membership]:
+                membership: bool = False, threads: Optional[int] = None) -> EventData | tuple[EventData, Membership]:
     """Groups photons into events exactly as `kovra_brantel -s d_space_px -t d_time_s [--dTime_ext d_time_ext]
     [-D duration_max_s] --algorithm algorithm` does (None: the option left out). The photons must be in
     non-decreasing time of arrival. The triggers are carried over to the result unchanged, as the tool does.
     With `membership=True` the result is `(EventData, Membership)`: also which photons each event took.
+    `threads`: how many threads to use; None uses as many as the tool would (the cores this process may run on,
+    or KOVRA_THREADS). The events are the same for every count. A run with `membership=True` uses one thread.
     """
     records = _as_records(photons, PHOTON_DTYPE, "photons")
     limit = float("inf") if duration_max_s is None else float(duration_max_s)
     ext = None if d_time_ext is None else float(d_time_ext)
+    if threads is not None and (isinstance(threads, bool) or not isinstance(threads, int) or not 1 <= threads <= 1024):
+        raise ValueError(f"threads must be a whole number from 1 to 1024 or None, not {threads!r}")
     events, times, members = _kovra.reconstruct(records, float(d_space_px), float(d_time_s), ext, limit, algorithm,
-                                                _as_triggers(triggers), bool(membership))
+                                                _as_triggers(triggers), bool(membership), threads)
     result = EventData(events.view(EVENT_DTYPE), None if times is None else times.view(TRIGGER_DTYPE))
     if not membership:
         return result

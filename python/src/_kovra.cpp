@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "kovra/Histogram_TimeOfFlight.hpp"
+#include "kovra/Reconstruction_Parallel.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace py = pybind11;
@@ -122,11 +123,12 @@ struct Membership_Pairs {
 };
 
 /// The tool's run on photons in memory: the same conversions in the same order (time distance, space distance,
-/// longest duration) and the same algorithm switch. Returns (event bytes, trigger bytes or None, membership), the
+/// longest duration), the same algorithm switch, and the same threads (`threads`, else as many as the tool would
+/// use; a run that reports membership uses one). Returns (event bytes, trigger bytes or None, membership), the
 /// membership, when asked for, as (photon indexes, event indexes) by photon, else None.
 py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_time_s, std::optional<double> d_time_ext,
                       double duration_max_s, const std::string& algorithm, const std::optional<py::buffer>& triggers,
-                      bool membership) {
+                      bool membership, std::optional<unsigned> threads) {
   const tpx::Time dTime = tpx::Time::make_from_seconds<true>(d_time_s);
   const tpx::Length dSpace = tpx::Length::from_pixels(d_space_px);
   // The tool asserts this of its settings; here it is a caller's value, so it is an error instead.
@@ -154,7 +156,16 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
       output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm, pairs));
       pairs = pairs.ordered(input.size());
     } else {
-      output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm));
+      const kovra::Algorithm chosen = kovra::find_algorithm(algorithm);
+      const kovra::Parallel_Settings parallel{
+          threads ? *threads : kovra::get_threadCount(),
+          kovra::read_countVariable("KOVRA_PIECE_PHOTONS", 1, kovra::max_piecePhotons).value_or(kovra::default_piecePhotons)};
+      kovra::EventList<tpx::Event> events;
+      events.reserve(list.size());
+      kovra::reconstruct_parallel(reconstruction, chosen, kovra::make_photonList(std::span<const tpx::PhotonEvent>(list)),
+                                  parallel, events);
+      std::optional<std::vector<tpx::Time>> extTriggers(input.extTriggers);
+      output.emplace(std::move(events.events), std::move(extTriggers));
     }
   };
   run();
@@ -290,7 +301,8 @@ PYBIND11_MODULE(_kovra, m) {
   m.def("write_photons", &write_photons, py::arg("path"), py::arg("photons"), py::arg("triggers"));
   m.def("write_events", &write_events, py::arg("path"), py::arg("events"), py::arg("triggers"));
   m.def("reconstruct", &reconstruct, py::arg("photons"), py::arg("d_space_px"), py::arg("d_time_s"),
-        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"), py::arg("membership"));
+        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"), py::arg("membership"),
+        py::arg("threads"));
 
   m.def("time_of_flight", &time_of_flight, py::arg("times"), py::arg("triggers"));
   py::class_<TimeOfFlight_Settings>(m, "TimeOfFlightSettings")
