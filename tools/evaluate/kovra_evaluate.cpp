@@ -51,7 +51,8 @@ void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& pro
     if (index >= 0) fomClasses[c] = truth.classNames[static_cast<std::size_t>(index)];
   }
 
-  const auto rows = run_scan(options.grid, photons, evaluator, options.fomMinPhotons, progress);
+  const unsigned threads = options.threads ? *options.threads : kovra::get_threadCount();
+  const auto rows = run_scan(options.grid, photons, evaluator, options.fomMinPhotons, progress, threads);
   const std::size_t best = find_best(rows, options.mergeMax);
   if (rows.size() > 1) {
     print_table(std::cout, rows, best);
