@@ -140,6 +140,8 @@ class CampaignWorkflowTest(unittest.TestCase):
                 self.assertEqual(row["status"], "ok")
                 self.assertEqual(row["events"], fields["records"])
                 self.assertIn(f"Total number of photons in file = {row['photons']}\n", log)
+                if not ARGS.profile:  # --cores 2 over three files: one thread each
+                    self.assertIn("$ KOVRA_THREADS=1 ", log)
                 self.assertEqual(f"{float(row['span_s']):.6g}", f"{float(fields['span'].split()[0]):.6g}")
                 self.assertEqual(f"{float(row['event_rate_per_s']):.6g}",
                                  f"{float(fields['mean'].split()[1]):.6g}")

@@ -35,6 +35,7 @@ KNOWN_KEYS = (
     "tofBins",
     "tofMax_s",
     "stackBinning_px",
+    "threadsPerFile",
 )
 
 PHOTON_SUFFIX = ".kovraphot"
@@ -67,6 +68,23 @@ class Campaign:
     inspect_tool: str
     map_size_px: int
     tof_args: tuple[str, ...]  # kovra_inspect's options for the time-of-flight spectrum and stack
+    threads_per_file: int | None = None  # kovra_brantel's threads per photon file; None: shared out (threads_for)
+
+
+# Threads per file where the cores to share are not known (a cluster job): a node's share that keeps a job's
+# wait in the queue short.
+CLUSTER_THREADS_PER_FILE = 4
+
+
+def threads_for(campaign: Campaign, cores: Any) -> int:
+    """kovra_brantel's threads for each photon file: "threadsPerFile" when set, else the cores given to Snakemake
+    (--cores) shared out over the files, at least one each; under a cluster, where the cores are not one
+    machine's, CLUSTER_THREADS_PER_FILE. A file's events do not depend on it."""
+    if campaign.threads_per_file is not None:
+        return campaign.threads_per_file
+    if not isinstance(cores, int) or cores <= 0 or cores >= 1 << 20:
+        return CLUSTER_THREADS_PER_FILE
+    return max(1, cores // max(1, len(campaign.names)))
 
 
 def job_minutes(photon_file_bytes: int) -> int:
@@ -217,6 +235,13 @@ def check_campaign(config: Mapping[str, Any]) -> Campaign:
     tof_args += ["--size", _format_number(map_size_number), "--binning",
                  _format_number(_number("stackBinning_px", stack_binning, 1.0 / 65536, False))]
 
+    threads_per_file = None
+    if given("threadsPerFile") is not None:
+        threads = _number("threadsPerFile", given("threadsPerFile"), 1.0, False)
+        if not threads.is_integer() or threads > 1024:
+            raise CampaignConfigError(f'"threadsPerFile" must be a whole number from 1 to 1024, got {given("threadsPerFile")!r}')
+        threads_per_file = int(threads)
+
     bin_dir = given("bin")
     if bin_dir is not None:
         bin_dir = _text("bin", bin_dir)
@@ -237,4 +262,5 @@ def check_campaign(config: Mapping[str, Any]) -> Campaign:
         inspect_tool=inspect,
         map_size_px=int(map_size_number),
         tof_args=tuple(tof_args),
+        threads_per_file=threads_per_file,
     )

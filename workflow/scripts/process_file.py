@@ -8,12 +8,13 @@ campaign report, and the file's stale outputs from an earlier run are removed.
 
 
 import json
+import os
 import re
 import signal
 import subprocess
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Sequence
+from typing import Any, Mapping, Sequence
 
 import h5py
 import numpy as np
@@ -80,9 +81,14 @@ def tool_message(stderr: str) -> str:
     return " / ".join(line.strip() for line in stderr.splitlines() if line.strip())
 
 
-def run_tool(command: Sequence[str], log: Any, cwd: Path | None = None) -> subprocess.CompletedProcess[str]:
-    result = subprocess.run(list(command), cwd=cwd, capture_output=True, text=True, errors="replace")
-    log.write(f"$ {' '.join(command)}\n")
+def run_tool(command: Sequence[str], log: Any, cwd: Path | None = None,
+             environment: Mapping[str, str] | None = None) -> subprocess.CompletedProcess[str]:
+    """Runs a tool, with `environment` added to this process's, and logs the command, what it said and how it
+    ended."""
+    extra = dict(environment or {})
+    result = subprocess.run(list(command), cwd=cwd, capture_output=True, text=True, errors="replace",
+                            env={**os.environ, **extra} if extra else None)
+    log.write(f"$ {' '.join([*(f'{key}={value}' for key, value in extra.items()), *command])}\n")
     if cwd is not None:
         log.write(f"  (in {cwd})\n")
     log.write(result.stdout)
@@ -179,6 +185,7 @@ def process_file(
     status_path: Path,
     log_path: Path,
     tof_args: Sequence[str] = (),
+    threads: int = 1,
 ) -> dict[str, Any]:
     outputs = FileOutputs(name, output_dir)
     output_dir.mkdir(parents=True, exist_ok=True)
@@ -200,7 +207,7 @@ def process_file(
     with open(log_path, "w", encoding="utf-8") as log:
         partial_events = atomic_files.partial_path(outputs.events)
         command = [*brantel_args, "-i", str(photon_file), "-o", str(partial_events)]
-        result = run_tool(command, log)
+        result = run_tool(command, log, environment={"KOVRA_THREADS": str(threads)})
         if result.returncode != 0:
             return fail("kovra_brantel", result)
         atomic_files.publish(partial_events, outputs.events)
@@ -250,6 +257,7 @@ def main(snakemake: Any) -> None:
         status_path=Path(snakemake.output.status),
         log_path=Path(snakemake.log[0]),
         tof_args=snakemake.params.tof_args,
+        threads=int(snakemake.threads),
     )
     atomic_files.write_text(Path(snakemake.output.status), json.dumps(status, indent=2, sort_keys=True) + "\n")
 
