@@ -8,6 +8,7 @@ Slurm script passes workflow/profiles/slurm). Exits 77 (skipped) when snakemake 
 import argparse
 import csv
 import os
+import resource
 import shutil
 import subprocess
 import sys
@@ -27,6 +28,11 @@ ARGS = argparse.Namespace()
 
 def run(command: list[str], cwd: Path) -> subprocess.CompletedProcess[str]:
     return subprocess.run(command, cwd=cwd, capture_output=True, text=True)
+
+
+def allow_core_dumps() -> None:
+    """Core dumps as large as the system allows, as on a machine where they are switched on."""
+    resource.setrlimit(resource.RLIMIT_CORE, (resource.getrlimit(resource.RLIMIT_CORE)[1],) * 2)
 
 
 class CampaignWorkflowTest(unittest.TestCase):
@@ -68,7 +74,7 @@ class CampaignWorkflowTest(unittest.TestCase):
         settings = {"input": "in", "output": "out", "bin": str(Path(ARGS.bin).resolve()), **SETTINGS}
         settings.update(dict(entry.split("=", 1) for entry in config))
         command += ["--config", *(f"{key}={value}" for key, value in settings.items())]
-        return run(command, self.root)
+        return subprocess.run(command, cwd=self.root, capture_output=True, text=True, preexec_fn=allow_core_dumps)
 
     def direct_run(self, name: str) -> dict[str, bytes]:
         """kovra_brantel and kovra_inspect run by hand on one photon file, as the campaign runs them."""
@@ -113,6 +119,9 @@ class CampaignWorkflowTest(unittest.TestCase):
         result = self.snakemake()
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
         out = self.root / "out"
+        # kovra_brantel ends abnormally on the broken file; with core dumps on, the kernel would leave a core file
+        # in the folder Snakemake runs in (where the core pattern is a plain name, as Debian's "core").
+        self.assertEqual([path.name for path in (*self.root.glob("core*"), *out.glob("core*"))], [])
         for name in SIMULATIONS:
             for file_name, content in self.direct_run(name).items():
                 with self.subTest(output=file_name):
