@@ -100,6 +100,10 @@ class CampaignWorkflowTest(unittest.TestCase):
         out = self.root / "out"
         return {str(path.relative_to(out)): path.stat().st_mtime_ns for path in out.rglob("*") if path.is_file()}
 
+    def changed_since(self, before: dict[str, int]) -> list[str]:
+        after = self.snapshot()
+        return sorted(path for path in after if before.get(path) != after[path])
+
     def test_1_bad_settings_stop_before_any_job(self) -> None:
         cases = [
             (["input=nowhere"], 'campaign settings: "input": no such folder: nowhere'),
@@ -174,17 +178,25 @@ class CampaignWorkflowTest(unittest.TestCase):
         self.assertIn("Nothing to be done", again.stdout + again.stderr)
         self.assertEqual(self.snapshot(), before)
 
+        report = ["campaign.csv", "campaign.md", "campaign_event_map.png", "campaign_pulse_shape.png",
+                  "campaign_stack.h5", "campaign_tof.png", "logs/campaign_report.log"]
         # A new file: only it and the report are made.
         self.simulate("gamma", ["--duration", "0.005", "--seed", "13"])
         added = self.snakemake()
         self.assertEqual(added.returncode, 0, added.stderr)
-        after = self.snapshot()
-        changed = sorted(path for path in after if before.get(path) != after[path])
-        self.assertEqual(changed, ["campaign.csv", "campaign.md", "campaign_event_map.png",
-                                   "campaign_pulse_shape.png", "campaign_stack.h5", "campaign_tof.png", "gamma.h5", "gamma.kovraevent", "gamma.png",
-                                   "gamma.summary.txt", "logs/campaign_report.log", "logs/gamma.log",
-                                   "status/gamma.json", "status/gamma.npz"])
+        self.assertEqual(self.changed_since(before), sorted(report + [
+            "gamma.h5", "gamma.kovraevent", "gamma.png", "gamma.summary.txt", "logs/gamma.log", "status/gamma.json",
+            "status/gamma.npz"]))
         self.assertEqual(self.direct_run("gamma")["gamma.kovraevent"], (out / "gamma.kovraevent").read_bytes())
+
+        # One file redone by hand, as the docs say: its status file deleted, and only it and the report are made.
+        before = self.snapshot()
+        (out / "status" / "beta.json").unlink()
+        redone = self.snakemake()
+        self.assertEqual(redone.returncode, 0, redone.stderr)
+        self.assertEqual(self.changed_since(before), sorted(report + [
+            "beta.h5", "beta.kovraevent", "beta.png", "beta.summary.txt", "logs/beta.log", "status/beta.json",
+            "status/beta.npz"]))
 
 
 def main() -> int:
