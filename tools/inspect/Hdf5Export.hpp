@@ -8,8 +8,9 @@
 //                         trigger list, with zero entries when that list is empty
 //
 // Each field's unit is stated by two attributes on the dataset: "<field>_unit" (text) and "<field>_scale" (the
-// unit per raw count), so x_px = x * x_scale; the trigger dataset carries "unit" and "scale". Objects are created
-// without modification times, so the same input always gives the same bytes.
+// unit per raw count), so x_px = x * x_scale; the trigger dataset carries "unit" and "scale". Text attributes are
+// variable-length UTF-8 strings, which h5py reads as str. Objects are created without modification times, so the
+// same input always gives the same bytes.
 
 #include <hdf5.h>
 
@@ -82,14 +83,16 @@ class H5_Writer {
 
   H5_Handle handle(hid_t id, herr_t (*close)(hid_t)) const { return H5_Handle(check(id), close); }
 
+  /// A text attribute as a variable-length UTF-8 string (h5py reads a fixed-length one as bytes).
   void write_stringAttribute(hid_t object, const std::string& name, const std::string& value) const {
     const H5_Handle type = handle(H5Tcopy(H5T_C_S1), H5Tclose);
-    check(H5Tset_size(type.get(), value.size() + 1));
-    check(H5Tset_strpad(type.get(), H5T_STR_NULLTERM));
+    check(H5Tset_size(type.get(), H5T_VARIABLE));
+    check(H5Tset_cset(type.get(), H5T_CSET_UTF8));
     const H5_Handle space = handle(H5Screate(H5S_SCALAR), H5Sclose);
     const H5_Handle attribute =
         handle(H5Acreate2(object, name.c_str(), type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
-    check(H5Awrite(attribute.get(), type.get(), value.c_str()));
+    const char* text = value.c_str();
+    check(H5Awrite(attribute.get(), type.get(), &text));
   }
 
   void write_doubleAttribute(hid_t object, const std::string& name, double value) const {

@@ -123,6 +123,22 @@ std::vector<Entry_Type> read_h5(hid_t file, const char* path, hid_t type) {
   return entries;
 }
 
+/// A text attribute as h5py sees it: "str:" and its text for a variable-length UTF-8 string (h5py gives a str),
+/// "bytes" for any other string type (h5py gives bytes).
+std::string read_textAttribute(hid_t object, const char* name) {
+  const hid_t attribute = H5Aopen(object, name, H5P_DEFAULT), type = H5Aget_type(attribute);
+  std::string seen = "bytes";
+  if (H5Tis_variable_str(type) > 0 && H5Tget_cset(type) == H5T_CSET_UTF8) {
+    char* text = nullptr;
+    EXPECT_GE(H5Aread(attribute, type, &text), 0) << name;
+    seen = std::string("str:") + text;
+    H5free_memory(text);
+  }
+  H5Tclose(type);
+  H5Aclose(attribute);
+  return seen;
+}
+
 /// Exports `rows` in chunks of two and reads them back by field name into the test's own layout.
 template <typename Row, typename Record_Type>
 void check_hdf5(const TempDir& dir, const std::vector<Row>& rows, const Triggers& triggers) {
@@ -139,9 +155,27 @@ void check_hdf5(const TempDir& dir, const std::vector<Row>& rows, const Triggers
   } else {
     H5Tinsert(type, "toa", offsetof(P, toa), H5T_NATIVE_INT64);
   }
-  EXPECT_EQ(read_h5<Row>(file, std::is_same_v<Row, E> ? "events" : "photons", type), rows);
+  constexpr bool events = std::is_same_v<Row, E>;
+  const char* records = events ? "events" : "photons";
+  EXPECT_EQ(read_h5<Row>(file, records, type), rows);
+  const hid_t dataset = H5Dopen2(file, records, H5P_DEFAULT);
+  std::vector<std::string> units;
+  for (const char* field : {"x", "y", events ? "t" : "toa", "nPhotons", "psd"}) {
+    const std::string name = std::string(field) + "_unit";
+    if (H5Aexists(dataset, name.c_str()) > 0) units.push_back(name + " " + read_textAttribute(dataset, name.c_str()));
+  }
+  H5Dclose(dataset);
+  const std::vector<std::string> eventUnits = {"x_unit str:pixel", "y_unit str:pixel", "t_unit str:s",
+                                                "nPhotons_unit str:photons", "psd_unit str:s"};
+  const std::vector<std::string> photonUnits = {"x_unit str:pixel", "y_unit str:pixel", "toa_unit str:s"};
+  EXPECT_EQ(units, events ? eventUnits : photonUnits);
   const bool hasTriggers = H5Lexists(file, "extTriggers", H5P_DEFAULT) > 0;
   EXPECT_EQ(hasTriggers ? Triggers(read_h5<i64>(file, "extTriggers", H5T_NATIVE_INT64)) : std::nullopt, triggers);
+  if (hasTriggers) {
+    const hid_t times = H5Dopen2(file, "extTriggers", H5P_DEFAULT);
+    EXPECT_EQ(read_textAttribute(times, "unit"), "str:s");
+    H5Dclose(times);
+  }
   H5Tclose(type);
   H5Fclose(file);
 }
