@@ -277,6 +277,11 @@ TEST_F(InspectTest, ProgramOutput) {
       {"known.kovraevent --image no/m.png", 1, "",
        "kovra_inspect: known.kovraevent: cannot write PNG file \"no/m.png\": No such file or directory\n"},
       {"", 2, "", "kovra_inspect: no input file given" + usage},
+      // Images are PNG files, whatever the name says: a name that says otherwise is refused.
+      {"known.kovraevent -i map.jpg", 2, "",
+       "kovra_inspect: option --image needs a file name ending in .png, not \"map.jpg\"" + usage},
+      {"known.kovraevent --plot map.PNG", 2, "",
+       "kovra_inspect: option --plot needs a file name ending in .png, not \"map.PNG\"" + usage},
       {"a.kovraevent -s --csv -", 2, "", "kovra_inspect: the summary and --csv - cannot share standard output" + usage},
   };
   for (const auto& [arguments, status, output, error] : cases) {
@@ -285,6 +290,7 @@ TEST_F(InspectTest, ProgramOutput) {
     EXPECT_THAT(out, ::testing::HasSubstr(output)) << arguments;
   }
   EXPECT_EQ(read_bytes(dir.file("x.h5")).substr(0, 8), "\x89HDF\r\n\x1a\n");
+  EXPECT_FALSE(std::filesystem::exists(dir.file("map.jpg")) || std::filesystem::exists(dir.file("map.PNG")));
 }
 
 /// The time of flight as defined, by a walk over all triggers: the largest not above t.
