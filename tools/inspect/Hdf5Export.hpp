@@ -14,8 +14,10 @@
 
 #include <hdf5.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -23,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "inspect/OutputPath_Atomic.hpp"
 #include "inspect/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
@@ -70,14 +73,35 @@ std::vector<H5_FieldUnit> get_h5FieldUnits() {
 
 namespace hdf5_detail {
 
+/// HDF5's own words for the failure it just reported: the most specific entry of its error stack.
+inline std::string get_h5ErrorText() {
+  std::string text = "HDF5 error";
+  H5Ewalk2(
+      H5E_DEFAULT, H5E_WALK_UPWARD,
+      [](unsigned n, const H5E_error2_t* entry, void* found) -> herr_t {
+        if (n == 0 && entry->desc != nullptr) *static_cast<std::string*>(found) = entry->desc;
+        return 0;
+      },
+      &text);
+  return text;
+}
+
 class H5_Writer {
  public:
-  explicit H5_Writer(std::string fileName_) : fileName(std::move(fileName_)) {}
+  /// `fileName` is the name the messages give (the target, when the library writes a temporary beside it).
+  explicit H5_Writer(std::string fileName_) : fileName(std::move(fileName_)) { errno = 0; }
 
-  /// Throws the one message of every HDF5 failure unless `status` says success.
+  /// Throws the one message of every HDF5 failure unless `status` says success, with the reason: the system's
+  /// where a system call failed (errno is cleared after every success, so a value belongs to the failing call),
+  /// else HDF5's.
   template <typename Status_Type>
   Status_Type check(Status_Type status) const {
-    if (status < 0) throw std::runtime_error("cannot write HDF5 file \"" + fileName + "\"");
+    if (status < 0) {
+      const int error = errno;
+      throw std::runtime_error("cannot write HDF5 file \"" + fileName +
+                               "\": " + (error != 0 ? std::string(std::strerror(error)) : get_h5ErrorText()));
+    }
+    errno = 0;
     return status;
   }
 
@@ -171,16 +195,13 @@ class H5_Writer {
 
 }  // namespace hdf5_detail
 
-/// Writes the whole file as HDF5 to `fileName` (replacing it), one chunk of records at a time; throws
-/// std::runtime_error when HDF5 reports a failure.
+/// The content of the HDF5 export, written to `temporary`; `fileName` names it in messages.
 template <typename Record_Type>
-void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file, Progress* progress = nullptr) {
-  static_assert(sizeof(Length) == 4 && sizeof(Time) == 8);
-  H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);  // failures become one exception, not a printed error stack
+void write_hdf5Content(const std::string& temporary, const std::string& fileName, const RecordFile<Record_Type>& file,
+                       Progress* progress) {
   const hdf5_detail::H5_Writer writer(fileName);
-
   const H5_Handle h5File =
-      writer.handle(H5Fcreate(fileName.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+      writer.handle(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
   const H5_Handle recordType = writer.create_recordType<Record_Type>();
   const H5_Handle records =
       writer.create_dataset(h5File.get(), Record_Traits<Record_Type>::name, recordType.get(), file.size());
@@ -208,6 +229,18 @@ void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file
     });
   }
   writer.check(H5Fflush(h5File.get(), H5F_SCOPE_GLOBAL));
+}
+
+/// Writes the whole file as HDF5 to `fileName` (replacing it once complete), one chunk of records at a time;
+/// throws std::runtime_error with the reason when the file cannot be written.
+template <typename Record_Type>
+void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file, Progress* progress = nullptr) {
+  static_assert(sizeof(Length) == 4 && sizeof(Time) == 8);
+  H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);  // failures become one exception, not a printed error stack
+  OutputPath_Atomic output(fileName, "HDF5 file");
+  output.create();
+  write_hdf5Content(output.get_temporary(), fileName, file, progress);
+  output.commit();
 }
 
 }  // namespace kovra::inspect

@@ -1,6 +1,7 @@
 // kovra_simulate: writes a photon file of a simulated scintillator, and optionally the true flashes beside it.
 
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -22,9 +23,10 @@ namespace {
 
 using namespace kovra::simulate;
 
-/// Says that `path` cannot be written, on standard error, and gives the status for it.
-int cannot_write(const std::string& path) {
-  std::cerr << "kovra_simulate: cannot write '" << path << "'\n";
+/// Says on standard error that `path` cannot be written and the system's reason (an errno value), and gives the
+/// status for it.
+int cannot_write(const std::string& path, int error) {
+  std::cerr << "kovra_simulate: cannot write '" << path << "': " << std::strerror(error) << "\n";
   return kovra::tools::exit_failure;
 }
 
@@ -35,7 +37,10 @@ int run_simulate(const Simulate_Options& options) {
   using kovra::tpx3spidr::Time;
 
   // The photon file's writer stops the program on a target it cannot write; ask first, with a message.
-  if (!kovra::OutputFile_Atomic(options.outputPath).stream()) return cannot_write(options.outputPath);
+  {
+    kovra::OutputFile_Atomic probe(options.outputPath);
+    if (!probe.stream()) return cannot_write(options.outputPath, probe.get_error());
+  }
   kovra::ContainerFile_Writer<2> photonFile(options.outputPath);
 
   const std::string truthPath = get_truthPath(options.outputPath);
@@ -43,7 +48,7 @@ int run_simulate(const Simulate_Options& options) {
   std::optional<PhotonFlashes_Writer> flashes;
   if (options.writeTruth) {
     truth.emplace(truthPath);
-    if (!truth->stream()) return cannot_write(truthPath);
+    if (!truth->stream()) return cannot_write(truthPath, truth->get_error());
     truth->stream() << "t_s,x_px,y_px,nPhotons,class\n";
     try {
       flashes.emplace(get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
@@ -59,7 +64,7 @@ int run_simulate(const Simulate_Options& options) {
   std::optional<Raw_Writer<decltype(countHit)>> raw;
   if (!options.rawPath.empty()) {
     rawFile.emplace(options.rawPath);
-    if (!rawFile->stream()) return cannot_write(options.rawPath);
+    if (!rawFile->stream()) return cannot_write(options.rawPath, rawFile->get_error());
     raw.emplace(
         options.settings.width_px, options.settings.height_px, options.settings.seed,
         [&rawFile](const std::uint64_t* words, std::size_t n) {
@@ -91,7 +96,7 @@ int run_simulate(const Simulate_Options& options) {
           for (const auto& p : photons) raw->add_photon(p);
         }
       });
-  if (!photonFile.good()) return cannot_write(options.outputPath);
+  if (!photonFile.good()) return cannot_write(options.outputPath, photonFile.get_error());
   photonFile.end_block();
 
   Trigger_Times triggers(options.settings);
@@ -106,7 +111,7 @@ int run_simulate(const Simulate_Options& options) {
       photonFile.append(std::span<const Time>(piece));
       nTriggers += piece.size();
     }
-    if (!photonFile.good()) return cannot_write(options.outputPath);
+    if (!photonFile.good()) return cannot_write(options.outputPath, photonFile.get_error());
     photonFile.end_block();
   }
 

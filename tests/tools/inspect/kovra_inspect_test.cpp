@@ -186,6 +186,26 @@ TEST_F(InspectTest, Hdf5ExportReadsBack) {
   check_hdf5<E, Event>(dir, {}, Triggers(std::in_place));
 }
 
+TEST_F(InspectTest, AnHdf5ExportThatCannotBeWrittenSaysWhyAndLeavesNothing) {
+  std::filesystem::create_directory(dir.file("folder.h5"));
+  // The second run may not write more than 2000 bytes (the export takes about 10 kB); its signal is ignored, so
+  // that the write fails instead.
+  const std::tuple<std::string, std::string, std::string> cases[] = {  // program, arguments, reason
+      {KOVRA_INSPECT_PATH, "known.kovraevent --hdf5 folder.h5", "\"folder.h5\": Is a directory"},
+      {"env", "--ignore-signal=XFSZ prlimit --fsize=2000 " KOVRA_INSPECT_PATH " known.kovraevent --hdf5 big.h5",
+       "\"big.h5\": File too large"},
+  };
+  for (const auto& [program, arguments, reason] : cases) {
+    const Program_Outcome r = run_program(dir, program, arguments);
+    EXPECT_EQ(std::tuple(r.status, r.err),
+              std::tuple(1, "kovra_inspect: known.kovraevent: cannot write HDF5 file " + reason + "\n"));
+  }
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) names.push_back(entry.path().filename());
+  std::ranges::sort(names);
+  EXPECT_EQ(names, (std::vector<std::string>{"folder.h5", "known.kovraevent", "stderr.txt", "stdout.txt"}));
+}
+
 /// The decoded image's width and RGB bytes, through libpng (which checks every chunk).
 std::pair<png_uint_32, std::vector<std::uint8_t>> decode_png(const std::string& file) {
   png_image image{};
