@@ -9,7 +9,9 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
+#include "common/OutputFolders.hpp"
 #include "import/Import.hpp"
 #include "import/ImportOptions.hpp"
 #include "import/PhotonFileOutput.hpp"
@@ -62,6 +64,10 @@ int run_importTool(const Import_Options& options) {
   kovra::inspect::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   progress.set_label("importing");
   std::optional<PhotonFile_Output> output;
+  if (const std::error_code error = kovra::tools::create_outputFolders(options.outputFile)) {
+    std::cerr << "kovra_import: cannot write \"" << options.outputFile << "\": " << error.message() << '\n';
+    return kovra::tools::exit_failure;
+  }
   try {
     output.emplace(options.outputFile, options.triggerEdge >= 0);
   } catch (const std::invalid_argument& e) {

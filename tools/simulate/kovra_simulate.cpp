@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/OutputFolders.hpp"
 #include "kovra/ContainerFile_Writer.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
@@ -36,6 +37,10 @@ int run_simulate(const Simulate_Options& options) {
   using kovra::tpx3spidr::PhotonEvent;
   using kovra::tpx3spidr::Time;
 
+  // Missing folders are made, as kovra_brantel makes those of its output (the truth files go beside the photons).
+  for (const std::string& path : {options.outputPath, options.rawPath}) {
+    if (const std::error_code error = kovra::tools::create_outputFolders(path)) return cannot_write(path, error.value());
+  }
   // The photon file's writer stops the program on a target it cannot write; ask first, with a message.
   {
     kovra::OutputFile_Atomic probe(options.outputPath);

@@ -294,8 +294,8 @@ TEST_F(InspectTest, ProgramOutput) {
        ""},
       {"--hdf5 x.h5 known.kovraevent", 0, "", ""},
       {"photons.kovraevent", 1, "", "kovra_inspect: photons.kovraevent: File has wrong type!\n"},
-      {"known.kovraevent --image no/m.png", 1, "",
-       "kovra_inspect: known.kovraevent: cannot write PNG file \"no/m.png\": No such file or directory\n"},
+      {"known.kovraevent --image known.kovraevent/m.png", 1, "",
+       "kovra_inspect: known.kovraevent: cannot write PNG file \"known.kovraevent/m.png\": Not a directory\n"},
       {"", 2, "", "kovra_inspect: no input file given" + usage},
       // Images are PNG files, whatever the name says: a name that says otherwise is refused.
       {"known.kovraevent -i map.jpg", 2, "",
@@ -461,8 +461,8 @@ TEST_F(InspectTest, TimeOfFlightFailuresWriteNothing) {
           << arguments;
     }
   }
-  EXPECT_EQ(run("one.kovraevent --tof-max 1 --plot no/t.png"), 1);
-  EXPECT_EQ(err, "kovra_inspect: one.kovraevent: cannot write PNG file \"no/t.png\": No such file or directory\n");
+  EXPECT_EQ(run("one.kovraevent --tof-max 1 --plot one.kovraevent/t.png"), 1);
+  EXPECT_EQ(err, "kovra_inspect: one.kovraevent: cannot write PNG file \"one.kovraevent/t.png\": Not a directory\n");
 }
 
 TEST_F(InspectTest, BadTimeOfFlightOptions) {
