@@ -168,7 +168,7 @@ class CampaignWorkflowTest(unittest.TestCase):
         # Only alpha has triggers: its stack is the sum, beta is listed without a spectrum.
         self.assertFalse(list(out.glob("beta.tof.csv")))
         self.assertIn("- `beta.kovraphot`: no spectrum (trigger list absent)", markdown)
-        self.assertIn("`campaign_stack.h5`: the stacks of 1 files summed.", markdown)
+        self.assertIn("`campaign_stack.h5`: the stacks of 1 file summed.", markdown)
         self.assertEqual((out / "campaign_stack.h5").read_bytes()[:8], b"\x89HDF\r\n\x1a\n")
 
         # Nothing new: nothing is done, nothing is touched.

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "common/Counts.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
 #include "inspect/Progress.hpp"
@@ -220,7 +221,8 @@ inline void print_report(std::ostream& out, const Scan_Row& row, const std::arra
       << "\ntime error:     RMS " << format_number(m.time_rms_ns) << " ns, 95 % below "
       << format_number(m.time_p95_ns) << " ns"
       << "\nFoM:            " << format_number(m.fom) << " (" << fomClasses[0] << " vs " << fomClasses[1] << ", "
-      << m.fomEvents << " events with at least " << fomMinPhotons << " photons)\n";
+      << tools::format_count(m.fomEvents, "event") << " with at least " << tools::format_count(fomMinPhotons, "photon")
+      << ")\n";
 }
 
 }  // namespace kovra::evaluate

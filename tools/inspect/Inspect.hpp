@@ -12,6 +12,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
 #include "inspect/CsvExport.hpp"
 #include "inspect/Hdf5Export.hpp"
@@ -96,9 +97,10 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
     progress.set_label("image");
     const std::uint64_t outside = write_selectedImage(options, file, progress);
     if (outside != 0) {
-      notes << "kovra_inspect: " << outside << " of " << file.size() << " " << Record_Traits<Record_Type>::name
-            << " lie outside the image of " << options.size_px << " x " << options.size_px
-            << " pixels and were left out\n";
+      using Traits = Record_Traits<Record_Type>;
+      notes << "kovra_inspect: " << outside << " of " << tools::format_count(file.size(), Traits::oneName, Traits::name)
+            << (outside == 1 ? " lies" : " lie") << " outside the image of " << options.size_px << " x "
+            << options.size_px << " pixels and " << (outside == 1 ? "was" : "were") << " left out\n";
     }
   }
   if (histograms) histograms->run(out, notes, progress);

@@ -28,6 +28,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/Counts.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonSimulation.hpp"
 
@@ -184,8 +185,8 @@ inline Photon_Flashes read_photonFlashes(const std::string& path,
   Photon_Flashes result;
   result.nFlashes = flashes_detail::get_le(data + 24, 8);
   if (nPhotons != photons.size()) {
-    throw std::invalid_argument(where + "made for " + std::to_string(nPhotons) + " photons, the photon file has " +
-                                std::to_string(photons.size()));
+    throw std::invalid_argument(where + "made for " + tools::format_count(nPhotons, "photon") +
+                                ", the photon file has " + std::to_string(photons.size()));
   }
   if ((bytes.size() - photonFlashes_headerBytes) / static_cast<std::size_t>(width) != nPhotons ||
       (bytes.size() - photonFlashes_headerBytes) % static_cast<std::size_t>(width) != 0) {

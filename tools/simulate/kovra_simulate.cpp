@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
 #include "kovra/ContainerFile_Writer.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
@@ -134,13 +135,18 @@ int run_simulate(const Simulate_Options& options) {
     return kovra::tools::exit_failure;
   }
 
-  std::cout << "kovra_simulate: wrote " << nPhotons << " photons (" << counts.nEventPhotons << " from "
-            << counts.nEvents << " flashes, " << counts.nDarkPhotons << " dark counts";
-  if (triggers.present()) std::cout << ", " << nTriggers << " triggers";
+  using kovra::tools::format_count;
+  std::cout << "kovra_simulate: wrote " << format_count(nPhotons, "photon") << " (" << counts.nEventPhotons << " from "
+            << format_count(counts.nEvents, "flash", "flashes") << ", "
+            << format_count(counts.nDarkPhotons, "dark count");
+  if (triggers.present()) std::cout << ", " << format_count(nTriggers, "trigger");
   std::cout << ") to " << options.outputPath << "\n";
   if (truth) std::cout << "kovra_simulate: true flashes in " << truthPath << "\n";
   if (flashes) std::cout << "kovra_simulate: the flash of each photon in " << flashes->get_path() << "\n";
-  if (raw) std::cout << "kovra_simulate: wrote the raw form, " << nHits << " hits, to " << options.rawPath << "\n";
+  if (raw) {
+    std::cout << "kovra_simulate: wrote the raw form, " << format_count(nHits, "hit") << ", to " << options.rawPath
+              << "\n";
+  }
   return 0;
 }
 

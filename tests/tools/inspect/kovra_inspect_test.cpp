@@ -285,7 +285,7 @@ TEST_F(InspectTest, ProgramOutput) {
       // Every field at its extremes, in the shortest text that reads back to the same value.
       // The selection reaches the image: of the events with 8 photons or more only one, outside it.
       {"known.kovraevent --photons-min 8 --size 25 -i m.png", 0, "",
-       "kovra_inspect: 1 of 6 events lie outside the image of 25 x 25 pixels and were left out\n"},
+       "kovra_inspect: 1 of 6 events lies outside the image of 25 x 25 pixels and was left out\n"},
       {"wide.kovraevent --csv -", 0,
        "x,y,t,x_px,y_px,t_s,nPhotons,psd_s\n0,0,0,0,0,0,1,0\n-1,2147483647,-9223372036854775808,-1.52587890625e-05,"
        "32767.99998474121,-14411518807.585587,2,0.30000000000000004\n-2147483648,-21845,9223372036854775807,-32768,"
