@@ -11,7 +11,7 @@
 // Writing goes through a seekable std::ostream with a large buffer, so block writers can write headers, stream
 // records and go back to fill in sizes. A target that cannot be written (missing directory, no permission, a
 // directory in its place) gives a stream that is bad from the start, exactly like a file stream that failed to
-// open: writes do nothing and positions read as -1.
+// open: writes do nothing and positions read as -1. `get_error` says why a stream went bad.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -48,6 +48,9 @@ class FileDescriptor_Buffer : public std::streambuf {
 
   /// Whether every byte handed over so far reached the file.
   bool good() const { return fd >= 0 && !failed; }
+
+  /// The system's error number of the write that failed, 0 while none has.
+  int get_error() const { return error; }
 
  protected:
   int_type overflow(int_type c) override {
@@ -109,6 +112,7 @@ class FileDescriptor_Buffer : public std::streambuf {
       if (done < 0 && errno == EINTR) continue;
       if (done <= 0) {
         failed = true;
+        error = done < 0 ? errno : ENOSPC;
         return false;
       }
       data += done;
@@ -120,6 +124,7 @@ class FileDescriptor_Buffer : public std::streambuf {
 
   int fd;
   bool failed = false;
+  int error = 0;
   std::vector<char> buffer;
 };
 
@@ -144,6 +149,10 @@ class OutputFile_Atomic {
   std::ostream& stream() { return out; }
 
   const std::string& get_path() const { return path; }
+
+  /// Why the stream went bad, as a system error number (EISDIR for a directory at the target, EINVAL for another
+  /// file that is not a regular one); 0 while it is good.
+  int get_error() const { return openError != 0 ? openError : buffer.get_error(); }
 
   /// Flushes, makes the content durable and moves it over the target. Throws std::runtime_error when any step
   /// fails; the target is then unchanged.
@@ -198,7 +207,14 @@ class OutputFile_Atomic {
   int open_temporary() {
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0) {
-      if (!S_ISREG(status.st_mode) || ::access(path.c_str(), W_OK) != 0) return -1;
+      if (!S_ISREG(status.st_mode)) {
+        openError = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return -1;
+      }
+      if (::access(path.c_str(), W_OK) != 0) {
+        openError = errno;
+        return -1;
+      }
     }
     const std::string dir = directory();
 #if defined(O_TMPFILE)
@@ -207,7 +223,10 @@ class OutputFile_Atomic {
 #endif
     std::string pattern = hidden_sibling(".XXXXXX");
     const int named = ::mkostemp(pattern.data(), O_CLOEXEC);
-    if (named < 0) return -1;
+    if (named < 0) {
+      openError = errno;
+      return -1;
+    }
     // mkostemp creates the file readable by its owner only; give it the mode a plain file stream would.
     const mode_t mask = ::umask(0);
     ::umask(mask);
@@ -229,6 +248,7 @@ class OutputFile_Atomic {
 
   std::string path;
   std::string temporaryName;  // the temporary's name while it has one
+  int openError = 0;          // set by open_temporary, so declared before fd
   int fd;
   detail::FileDescriptor_Buffer buffer;
   std::ostream out;
