@@ -38,13 +38,25 @@ std::string bytes_of(const std::vector<Event>& events) {
   return {reinterpret_cast<const char*>(events.data()), events.size() * sizeof(Event)};
 }
 
-/// The events of a run on `threads` workers in pieces of `piece` photons; every piece border is cut (no run
-/// takes over a piece just because no worker has taken it yet), however fast the first run is.
+/// Every piece border cut (no run takes over a piece just because no worker has taken it yet), however fast the
+/// first run is; and the same with every limit of a run shrunk, so that short lists take every path: agreement
+/// zones of a few photons, blocks of one or two events, runs that wait for room after one block, looks at every
+/// hook or every other, a static cut searched among a few photons only.
+const kovra::detail::Piece_Tuning cutEverywhere{.takeOverUntaken = false};
+const kovra::detail::Piece_Tuning shrunk[] = {
+    {.zonePhotons = 3, .blockEvents = 2, .blocksHeld = 1, .staticSearchPhotons = 2, .hooksBetweenLooks = 1,
+     .takeOverUntaken = false},
+    {.zonePhotons = 40, .blockEvents = 1, .blocksHeld = 2, .staticSearchPhotons = 8, .hooksBetweenLooks = 2,
+     .takeOverUntaken = false},
+    {.zonePhotons = 17, .blockEvents = 3, .blocksHeld = 1, .staticSearchPhotons = 1, .hooksBetweenLooks = 4}};
+
+/// The events of a run on `threads` workers in pieces of `piece` photons.
 std::vector<Event> run_parallel(const Reconstruction_Events& r, Algorithm algorithm,
-                                const std::vector<PhotonEvent>& photons, unsigned threads, std::uint64_t piece) {
+                                const std::vector<PhotonEvent>& photons, unsigned threads, std::uint64_t piece,
+                                const kovra::detail::Piece_Tuning& tuning = cutEverywhere) {
   kovra::EventList<Event> out;
   kovra::reconstruct_parallel(r, algorithm, kovra::make_photonList(std::span<const PhotonEvent>(photons)),
-                              kovra::Parallel_Settings{threads, piece, false}, out);
+                              kovra::Parallel_Settings{threads, piece, tuning}, out);
   return out.events;
 }
 
@@ -125,21 +137,30 @@ TEST(ReconstructionParallelTest, EveryThreadCountAndPieceSizeGivesTheBytesOfOneT
       const auto r = make_settings(s);
       for (const auto& [name, algorithm] : algorithms) {
         const std::string expected = bytes_of(reconstructEvents_switchAlgorithm(r, whole, name).events);
-        // Every thread count at one small piece size, then tiny and uneven pieces.
-        std::vector<std::pair<unsigned, std::uint64_t>> runs;
-        for (unsigned threads = 1; threads <= 8; ++threads) runs.emplace_back(threads, 64);
-        for (const std::uint64_t piece : {1U, 2U, 7U, 100U, 1000U}) runs.emplace_back(3, piece);
-        for (const auto& [threads, piece] : runs) {
-          EXPECT_EQ(bytes_of(run_parallel(r, algorithm, set.photons, threads, piece)), expected)
+        // Every thread count at one small piece size, then tiny and uneven pieces, shrunk limits, and pieces
+        // taken over wherever a run gets there first (as the tool runs).
+        struct Run {
+          unsigned threads;
+          std::uint64_t piece;
+          kovra::detail::Piece_Tuning tuning = cutEverywhere;
+        };
+        std::vector<Run> runs;
+        for (unsigned threads = 1; threads <= 8; ++threads) runs.push_back({threads, 64});
+        for (const std::uint64_t piece : {1U, 2U, 7U, 100U, 1000U}) runs.push_back({3, piece});
+        for (const auto& tuning : shrunk) runs.push_back({4, 50, tuning});
+        runs.push_back({3, 64, kovra::detail::Piece_Tuning{}});
+        for (std::size_t k = 0; k < runs.size(); ++k) {
+          const auto& run = runs[k];
+          EXPECT_EQ(bytes_of(run_parallel(r, algorithm, set.photons, run.threads, run.piece, run.tuning)), expected)
               << set.name << ", " << name << ", dSpace " << s.dSpace << ", dTime " << s.dTime << ", durationMax "
-              << s.durationMax << ", factor " << s.factor.value_or(-99) << ", " << threads << " threads, pieces of "
-              << piece;
+              << s.durationMax << ", factor " << s.factor.value_or(-99) << ", " << run.threads
+              << " threads, pieces of " << run.piece << ", run " << k;
           ++compared;
         }
       }
     }
   }
-  EXPECT_GT(compared, 2000);
+  EXPECT_GT(compared, 3000);
 }
 
 TEST(ReconstructionParallelTest, InputOutOfOrderRunsAsOneThreadWould) {

@@ -48,16 +48,11 @@ inline constexpr std::uint64_t max_piecePhotons = std::uint64_t{1} << 62;
 /// piece of 2^18 photons makes eight reads.
 inline constexpr std::size_t piece_windowCapacity = std::size_t{1} << 16;
 
-/// Photons after a piece's start searched for a static cut (Piece_Cuts.hpp), read from the file: 16 KiB.
-inline constexpr std::uint64_t staticCut_searchPhotons = 1024;
-
 /// How a run is shared out: workers, and photons per piece.
 struct Parallel_Settings {
   unsigned threads = 1;
   std::uint64_t piecePhotons = default_piecePhotons;
-  /// Whether a run that reaches a piece no worker has taken yet takes it over (else it waits for a worker to
-  /// take it, which tests use so that every piece border is cut, however the threads are scheduled).
-  bool takeOverUntaken = true;
+  detail::Piece_Tuning tuning = {};
 };
 
 /// The photons of a run: their number; the source a one-thread run reads; and sources over them from a given
@@ -135,10 +130,11 @@ bool may_beOrdered(const Photon_List<PhotonEvent_Type>& photons) {
 /// first piece), else at the start itself.
 template <typename PhotonEvent_Type>
 std::pair<std::uint64_t, bool> find_pieceBegin(const Photon_List<PhotonEvent_Type>& photons, const Piece_Plan& plan,
-                                               std::uint64_t piece, std::optional<std::int64_t> bound) {
+                                               std::uint64_t piece, std::optional<std::int64_t> bound,
+                                               std::uint64_t searched) {
   const std::uint64_t start = plan.begin_of(piece);
   if (piece == 0 || !bound) return {start, false};
-  const std::uint64_t end = std::min(plan.end_of(piece), start + staticCut_searchPhotons);
+  const std::uint64_t end = std::min(plan.end_of(piece), start + searched);
   const auto near = read_photons(photons, start - 1, end - start + 1);
   for (std::size_t k = 1; k < near.size(); ++k) {
     if (is_staticCut((near[k].toa - near[k - 1].toa).value, *bound)) return {start - 1 + k, true};
@@ -152,20 +148,26 @@ void run_pieces(const Reconstruction_Type& part, Algorithm algorithm, const Phot
                 const Piece_Plan& plan, const Parallel_Settings& parallel, Out_Type& out) {
   using Event_Type = typename Reconstruction_Type::Event_Type;
   using Time_Type = typename PhotonEvent_Type::time_type;
-  // Pieces taken beyond the one being written: enough that no worker idles behind a slow piece, few enough that
-  // the events waiting for the writer stay small. Blocks a run past its first piece may hold meanwhile: 1 MiB.
-  Piece_Schedule<Event_Type> schedule(plan, 2 * std::uint64_t{parallel.threads}, 8, parallel.takeOverUntaken);
+  static_assert(Output_Part<Piece_Output<Event_Type, Time_Type>, Time_Type>, "the hooks of the algorithms");
+  // Pieces taken beyond the one being written: one more than the workers, so that none idles behind a slow piece
+  // while the events waiting for the writer stay few (a run holds at most its first piece's events and 1 MiB).
+  Piece_Schedule<Event_Type> schedule(plan, std::uint64_t{parallel.threads} + 1, parallel.tuning);
   const auto bound = find_staticCutBound(part, algorithm);
   Worker_Pool pool(
       parallel.threads,
       [&](unsigned) {
         while (auto* run = schedule.take_piece()) {
-          const auto [begin, atCut] = find_pieceBegin(photons, plan, run->firstPiece, bound);
+          const auto [begin, atCut] =
+              find_pieceBegin(photons, plan, run->firstPiece, bound, parallel.tuning.staticSearchPhotons);
           schedule.start(*run, begin, atCut);
-          Piece_Output<Event_Type, Time_Type> runOut(schedule, *run, part.dTime);
-          auto source = photons.open_from(begin, piece_windowCapacity);
-          run_algorithm(part, algorithm, *source, runOut);
-          runOut.finish(!runOut.has_stopped());
+          try {
+            Piece_Output<Event_Type, Time_Type> runOut(schedule, *run, part.dTime);
+            auto source = photons.open_from(begin, piece_windowCapacity);
+            run_algorithm(part, algorithm, *source, runOut);
+            runOut.finish(!runOut.has_stopped());
+          } catch (const Part_GivenUp&) {
+            // Taken over, or the whole run stops: nothing of this run is used.
+          }
           schedule.release(*run);
         }
       },

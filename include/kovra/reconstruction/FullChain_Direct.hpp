@@ -53,8 +53,9 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
                                        std::bool_constant<ordered>) {
     for (; s < until && window.fetch(s); ++s) {
       window.release_before(s);
-      if (window.is_taken(s)) continue;
-      if (detail::stops_before_seed<Time_Type>(out, s)) return window.size();  // a part stops: no seed is left
+      const bool taken = window.is_taken(s);
+      if (detail::stops_before_seed<Time_Type>(out, s, taken)) return window.size();  // a part stops: no seed is left
+      if (taken) continue;
       window.set_taken(s);
       const PhotonEvent_Type seed = window[s];
       PhotonEventChain_Type chain(seed);
@@ -96,6 +97,7 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
               chain.add_photon(offered);
               window.set_taken(j);
               detail::report_member(membership, out.size(), j);
+              detail::note_taken<Time_Type>(out, j);
               if constexpr (ordered) {
                 members.add(offered);
               } else {

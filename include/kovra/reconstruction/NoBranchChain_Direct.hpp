@@ -77,6 +77,13 @@ struct NoBranchChain_Rule {
     std::uint64_t eventIndex;
   };
 
+  /// Who hears of the photons a chain takes: the membership sink, and the output (see Output_Part).
+  template <typename Membership_Type, typename Out_Type>
+  struct Listeners {
+    Membership_Type& membership;
+    Out_Type& out;
+  };
+
   /// A chain being grown: its summary, its last photon and how far it looks.
   template <typename PhotonEventChain_Type>
   struct Growing {
@@ -102,23 +109,24 @@ struct NoBranchChain_Rule {
   /// the chain looked while it was last (capped at 255): the photons in between were taken or out of its reach,
   /// and stay so, so a chain seeded later by that photon can start looking there.
   ///
-  /// Every photon that joins is reported to `membership` as a member of event `start.eventIndex`; the seed is not.
+  /// Every photon that joins is reported to `told.membership` as a member of event `start.eventIndex` (the seed is
+  /// not) and to `told.out`.
   ///
   /// Returns the chain as grown: its summary in `chain`, and in `last` the last photon it took (the seed when it
   /// took none), which is also the furthest, since photons join in list order.
-  template <typename PhotonEventChain_Type, typename Window_Type, typename Range_Type, typename Membership_Type>
+  template <typename PhotonEventChain_Type, typename Window_Type, typename Range_Type, typename Listeners_Type>
   Growing<PhotonEventChain_Type> grow(Free_Photons freePhotons, Window_Type& window, const Chain_Start& start,
-                                      Range_Type& range, Membership_Type& membership, Resume_Marks marks) const {
+                                      Range_Type& range, Listeners_Type told, Resume_Marks marks) const {
     auto g = begin_chain<PhotonEventChain_Type>(window, start, marks);
     switch (freePhotons) {
       case Free_Photons::listed:
-        grow_listed(g, window, start.firstCandidate, range, membership);
+        grow_listed(g, window, start.firstCandidate, range, told);
         break;
       case Free_Photons::counted:
-        grow_walking<true>(g, window, start.firstCandidate, range, membership);
+        grow_walking<true>(g, window, start.firstCandidate, range, told);
         break;
       case Free_Photons::walked:
-        grow_walking<false>(g, window, start.firstCandidate, range, membership);
+        grow_walking<false>(g, window, start.firstCandidate, range, told);
         break;
     }
     return g;
@@ -145,12 +153,13 @@ struct NoBranchChain_Rule {
 
   /// Photon j joins the chain: it is taken, reported to `membership` as a member of the chain's event, becomes
   /// the last photon, and its time gap widens the chain's search time by the factor.
-  template <typename PhotonEventChain_Type, typename Window_Type, typename Membership_Type>
-  void join(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t j, Membership_Type& membership) const {
+  template <typename PhotonEventChain_Type, typename Window_Type, typename Listeners_Type>
+  void join(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t j, Listeners_Type told) const {
     const auto& candidate = window[j];
     g.chain.add_photon(candidate);
     window.set_taken(j);
-    report_member(membership, g.eventIndex, j);
+    report_member(told.membership, g.eventIndex, j);
+    note_taken<Time_Type>(told.out, j);
     // With a factor of 0.0 the product is always 0 ticks, so the search time stays as it is.
     if (factor != 0.0) g.searchTime = add_saturating(g.searchTime, (candidate.toa - g.tLast).scaled(factor));
     note_resume(g, window, g.last, j + 1);
@@ -169,9 +178,9 @@ struct NoBranchChain_Rule {
   /// takes a photon into it, as when each walk was called directly (inlined together, they cost the default
   /// algorithm 3-4 % more instructions).
   template <bool counted, typename PhotonEventChain_Type, typename Window_Type, typename Range_Type,
-            typename Membership_Type>
-  [[gnu::noinline]] void grow_walking(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t firstCandidate,
-                    Range_Type& range, Membership_Type& membership) const {
+            typename Listeners_Type>
+  [[gnu::noinline]] void grow_walking(Growing<PhotonEventChain_Type>& g, Window_Type& window,
+                                      std::size_t firstCandidate, Range_Type& range, Listeners_Type told) const {
     const auto near = near_test();
     // The answer for one last photon cannot change while it stays last, so it is asked at most once per last
     // photon.
@@ -189,7 +198,7 @@ struct NoBranchChain_Rule {
       const auto& candidate = window[j];
       // One branch for the three tests: most candidates fail one of them at random.
       if (near(g.lastX, candidate.x) & near(g.lastY, candidate.y) & !window.is_taken(j)) {
-        join(g, window, j, membership);
+        join(g, window, j, told);
         if constexpr (counted) range.note_taken(j);
         misses = 0;
       }
@@ -210,9 +219,9 @@ struct NoBranchChain_Rule {
   /// the first free photon near its last one and not later than its limit, which is exactly the photon the walk
   /// would stop at (Range_FreePhotons::first_free_near), or none, where the walk would reach the limit with no
   /// photon joined. The resume marks are those of the walk.
-  template <typename PhotonEventChain_Type, typename Window_Type, typename Range_Type, typename Membership_Type>
-  [[gnu::noinline]] void grow_listed(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t firstCandidate,
-                   Range_Type& range, Membership_Type& membership) const {
+  template <typename PhotonEventChain_Type, typename Window_Type, typename Range_Type, typename Listeners_Type>
+  [[gnu::noinline]] void grow_listed(Growing<PhotonEventChain_Type>& g, Window_Type& window,
+                                     std::size_t firstCandidate, Range_Type& range, Listeners_Type told) const {
     const auto near = near_test();
     const auto nearLast = [&](const auto& candidate) { return near(g.lastX, candidate.x) & near(g.lastY, candidate.y); };
 
@@ -233,7 +242,7 @@ struct NoBranchChain_Rule {
         j = range.first_free_near(g.lastX, g.lastY, j, g.limit, nearLast);
         if (j == Range_Type::none) break;
       }
-      join(g, window, j, membership);
+      join(g, window, j, told);
       range.note_taken(j);
     }
     // No free photon near the last one before the limit: the walk would have gone to the first photon past it.
@@ -268,6 +277,7 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
   using Event_Type = typename PhotonEventChain_Type::Event_Type;
   using detail::Free_Photons;
   const auto rule = detail::make_noBranchChain_rule(settings);
+  using Listeners = typename decltype(rule)::template Listeners<Membership_Type, Out_Type>;
 
   detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
     using Window_Type = std::remove_reference_t<decltype(window)>;
@@ -287,8 +297,9 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
       }
       // Every seed moves the counted range past itself: photons before a seed can join none of its chains.
       if (freeFound == Free_Photons::counted) freePhotons.drop_before(i + 1);
-      if (window.is_taken(i)) continue;
-      if (detail::stops_before_seed<Time_Type>(out, i)) return;
+      const bool taken = window.is_taken(i);
+      if (detail::stops_before_seed<Time_Type>(out, i, taken)) return;
+      if (taken) continue;
       window.set_taken(i);
       detail::report_member(membership, out.size(), i);
       const PhotonEvent_Type seed = window[i];
@@ -296,7 +307,7 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
       const std::size_t first = ordered ? window.find_free(i + 1) : i + 1;
       if (window.fetch(first) && window[first].toa <= rule.limit_of(seed.toa, settings.dTime, tEnd)) {
         const auto grown = rule.template grow<PhotonEventChain_Type>(freeFound, window, {i, first, tEnd, out.size()},
-                                                                     freePhotons, membership,
+                                                                     freePhotons, Listeners{membership, out},
                                                                      detail::Resume_Marks::skipped);
         out.append(grown.chain.to_event());
         detail::note_chainEnd<Time_Type>(out, grown.last);

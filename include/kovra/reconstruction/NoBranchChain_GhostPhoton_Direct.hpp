@@ -50,6 +50,7 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
   using Event_Type = typename PhotonEventChain_Type::Event_Type;
   using detail::Free_Photons;
   const auto rule = detail::make_noBranchChain_rule(settings);
+  using Listeners = typename decltype(rule)::template Listeners<Membership_Type, Out_Type>;
 
   // The window mark of a photon: how far past it its own chain looked while the photon was its last one; see
   // grow(). Every taken photon was its chain's last one for a while, so its mark is written before it is read
@@ -80,7 +81,7 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
       const bool countCells = freeFound != Free_Photons::walked;
       const PhotonEvent_Type seed = window[i];
       const bool seedTaken = window.is_taken(i);
-      if (!seedTaken && detail::stops_before_seed<Time_Type>(out, i)) return;
+      if (detail::stops_before_seed<Time_Type>(out, i, seedTaken)) return;
       const Time_Type tEnd = seed.toa + settings.durationMax;
       const Time_Type limit = rule.limit_of(seed.toa, settings.dTime, tEnd);
       std::size_t first = i + 1;
@@ -112,7 +113,7 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
       }
       if (window.fetch(first) && window[first].toa <= limit) {
         const auto grown = rule.template grow<PhotonEventChain_Type>(freeFound, window, {i, first, tEnd, out.size()},
-                                                                     freePhotons, membership, marks);
+                                                                     freePhotons, Listeners{membership, out}, marks);
         const auto& chain = grown.chain;
         if (chain.nPhotons > 1) {
           // Only now is the seed known to give an event (no photon joined a chain of one).

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "kovra/reconstruction/Piece_Runs.hpp"
+#include "kovra/reconstruction/Reconstruction_Pass.hpp"
 
 namespace kovra::detail {
 
@@ -30,14 +31,14 @@ class Piece_Output {
  public:
   using Run = Piece_Run<Event_Type>;
 
-  /// Events handed to the writer at a time: 4096 events are 128 KiB.
-  static constexpr std::size_t blockEvents = 4096;
-  /// Hooks between two looks at whether the run should give up (taken over, or the whole run failed); a power
-  /// of two.
-  static constexpr std::uint64_t hooksBetweenLooks = 4096;
-
   Piece_Output(Piece_Schedule<Event_Type>& schedule_, Run& run_, Time_Type dTime_)
-      : schedule(schedule_), run(run_), dTime(dTime_), furthest(run_.begin) {
+      : schedule(schedule_),
+        run(run_),
+        dTime(dTime_),
+        blockEvents(schedule_.get_tuning().blockEvents),
+        lookMask(schedule_.get_tuning().hooksBetweenLooks - 1),
+        furthest(run_.begin),
+        takenWatched(run_.coveredEnd - run_.begin) {
     block.reserve(blockEvents);
   }
 
@@ -61,15 +62,23 @@ class Piece_Output {
   // Between its agreement zone and the end of what it covers a run has nothing to find or compare: the hooks
   // there only count, and look now and then whether the run should give up (the quiet stretch).
 
-  bool stops_before_seed(std::size_t i) {
-    if (i < quietEnd && (++hooks & (hooksBetweenLooks - 1)) != 0) return false;
-    return look_beforeSeed(run.begin + i);
+  bool stops_before_seed(std::size_t i, bool taken) {
+    if (i < quietEnd && (++hooks & lookMask) != 0) return false;
+    return look_beforeSeed(run.begin + i, taken);
+  }
+
+  /// A chain took photon j. Beyond what the run covers, this may settle the following run's fate (chain_reached);
+  /// now and then it looks whether the run should give up, so that a run taken over inside an endless chain (a
+  /// hot pixel with no durationMax) does not follow it to its end.
+  void note_taken(std::size_t j) {
+    if (j < takenWatched && (++takenHooks & lookMask) != 0) return;
+    look_atTaken(j);
   }
 
   void note_chainEnd(std::size_t last) { furthest = std::max(furthest, run.begin + last); }
 
   bool stops_before_photon(std::size_t i, Time_Type t) {
-    if (i < quietEnd && (++hooks & (hooksBetweenLooks - 1)) != 0) return false;
+    if (i < quietEnd && (++hooks & lookMask) != 0) return false;
     return look_beforePhoton(run.begin + i, i == 0, t);
   }
 
@@ -89,11 +98,11 @@ class Piece_Output {
     Time_Type before;  // the time of the photon before it
   };
 
-  [[gnu::noinline]] bool look_beforeSeed(std::uint64_t q) {
+  [[gnu::noinline]] bool look_beforeSeed(std::uint64_t q, bool taken) {
     lastLook = ++hooks;
     if (should_stop()) return true;
     if (stopAt != notYet) return false;  // agreed: only the events before the cut are still to come
-    const bool ownCut = furthest < q || q == run.begin;
+    const bool ownCut = !taken && (furthest < q || q == run.begin);
     if (!pastZone) {
       if (q < run.zoneEnd) {
         if (ownCut) run.cuts.add({q, appended});
@@ -102,6 +111,7 @@ class Piece_Output {
         leave_zone();
       }
     }
+    if (q >= run.firstPieceEnd) pastFirstPiece = true;
     if (q < run.coveredEnd) {
       safeEvents = appended;
     } else {
@@ -111,6 +121,19 @@ class Piece_Output {
     }
     update_quietEnd();
     return false;
+  }
+
+  [[gnu::noinline]] void look_atTaken(std::size_t j) {
+    if (schedule.gives_up(run)) throw Part_GivenUp{};
+    const std::uint64_t q = run.begin + j;
+    if (stopAt != notYet || q < run.coveredEnd) {
+      takenWatched = std::max<std::uint64_t>(takenWatched, run.coveredEnd - run.begin);
+      return;
+    }
+    const std::uint64_t next = schedule.chain_reached(run, q);
+    if (next == notYet) throw Part_GivenUp{};
+    takenWatched = next - run.begin;
+    update_quietEnd();
   }
 
   [[gnu::noinline]] bool look_beforePhoton(std::uint64_t q, bool first, Time_Type t) {
@@ -141,6 +164,7 @@ class Piece_Output {
         run.progress.store(settled, std::memory_order_release);
       }
     }
+    if (pastZone && q >= run.firstPieceEnd) pastFirstPiece = true;
     if (q < run.coveredEnd) safeEvents = opened;
     update_quietEnd();
     return false;
@@ -170,10 +194,11 @@ class Piece_Output {
     return false;
   }
 
-  /// The quiet stretch: past the zone, with no candidate pending, up to the end of what the run covers (counted
-  /// from the run's first photon).
+  /// The quiet stretch: past the zone, with no candidate pending, up to the end of its first piece (where the run
+  /// may start to wait for room) and then of what the run covers; counted from the run's first photon.
   void update_quietEnd() {
-    quietEnd = pastZone && candidates.empty() && stopAt == notYet ? run.coveredEnd - run.begin : 0;
+    const std::uint64_t end = pastFirstPiece ? run.coveredEnd : std::min(run.coveredEnd, run.firstPieceEnd);
+    quietEnd = pastZone && candidates.empty() && stopAt == notYet ? end - run.begin : 0;
   }
 
   void leave_zone() {
@@ -186,7 +211,7 @@ class Piece_Output {
     // seed by seed, the current seed is in it; photon by photon, the chains written were opened before the
     // current photon, which is at most that end.
     if (hooks != lastLook) safeEvents = appended;
-    schedule.hand_over(run, std::move(block), safeEvents, pastZone);
+    schedule.hand_over(run, std::move(block), safeEvents, pastFirstPiece);
     block = {};
     block.reserve(blockEvents);
   }
@@ -194,16 +219,21 @@ class Piece_Output {
   Piece_Schedule<Event_Type>& schedule;
   Run& run;
   Time_Type dTime;
+  std::size_t blockEvents;
+  std::uint64_t lookMask;
   std::vector<Event_Type> block;
   std::uint64_t appended = 0;
   std::uint64_t safeEvents = 0;
   std::uint64_t furthest;         // seed by seed: the last photon a chain took so far
+  std::uint64_t takenWatched;     // seed by seed: a chain taking this photon or a later one is looked at
   std::uint64_t opened = 0;       // photon by photon: chains opened so far
   std::uint64_t stopAt = notYet;  // agreed: stop once this many events are emitted
   std::uint64_t quietEnd = 0;
   std::uint64_t hooks = 0;
+  std::uint64_t takenHooks = 0;
   std::uint64_t lastLook = 0;  // the hook count at the last look (quiet hooks only count)
   bool pastZone = false;
+  bool pastFirstPiece = false;
   bool stopped = false;
   Cut_Cursor<Event_Type> cursor;
   std::deque<Candidate> candidates;  // photon by photon: possible own cuts not yet settled, in order

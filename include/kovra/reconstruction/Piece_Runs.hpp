@@ -22,9 +22,12 @@
 // dTime with no durationMax) runs on one worker and stays exact. A piece no worker has taken yet when the run
 // before reaches it is taken over the same way.
 //
-// Waiting never closes a circle: a run waits only for the progress of the run after it within that run's
-// agreement zone, where a run never waits for anything; a run waits for room for its events only once past its
-// zone and only while it is not the one being written, and the one being written never waits.
+// Waiting never closes a circle. A run waits for the run after it only for its progress through its agreement
+// zone (offer_cut), and a run inside its zone waits for nothing: reach() and the waits for room come only past
+// its first piece, and chain_reached() never waits. (The forward chain may call reach() while its last
+// candidates in the zone are unsettled, but a cut the run before settles at a photon in the zone is settled in
+// that run too, so nobody waits for them.) A run waits for room for its events only past its first piece and
+// only while it is not the one being written, and the one being written never waits for room.
 
 #include <algorithm>
 #include <atomic>
@@ -84,10 +87,27 @@ class Own_Cut_List {
 
 inline constexpr std::uint64_t notYet = std::numeric_limits<std::uint64_t>::max();
 
-/// Photons at the start of a piece within which its run and the run before must agree on a cut. On the dense
-/// benchmark data (about 400 photons in any dTime window) agreement came within a few thousand photons; four
-/// times that is left for harder data, and a run finds and publishes its own cuts only there.
-inline constexpr std::uint64_t agreement_zonePhotons = std::uint64_t{1} << 14;
+/// How the pieces of a parallel run are handled. Tests shrink these so that every path is taken on short lists;
+/// no value changes a result.
+struct Piece_Tuning {
+  /// Photons at the start of a piece within which its run and the run before must agree on a cut. On the dense
+  /// benchmark data (about 400 photons in any dTime window) agreement came after 1000 photons on average, 5445
+  /// at most (74 cuts); three times that is left for harder data, and a run finds and publishes its own cuts only
+  /// there.
+  std::uint64_t zonePhotons = std::uint64_t{1} << 14;
+  /// Events handed to the writer at a time: 4096 events are 128 KiB.
+  std::size_t blockEvents = 4096;
+  /// Blocks of events a run past its first piece may hold while it is not the one being written: 1 MiB.
+  std::size_t blocksHeld = 8;
+  /// Photons after a piece's start searched for a static cut (Piece_Cuts.hpp): 16 KiB read per piece.
+  std::uint64_t staticSearchPhotons = 1024;
+  /// Hooks of a run's algorithm between two looks at whether the run should give up (taken over, or the whole
+  /// run failed); a power of two.
+  std::uint64_t hooksBetweenLooks = 4096;
+  /// Whether a run reaching a piece no worker has taken yet takes it over; otherwise it waits for a worker to
+  /// take it (tests, so that every piece border is cut however the threads are scheduled).
+  bool takeOverUntaken = true;
+};
 
 template <typename Event_Type>
 struct Piece_Run;
@@ -102,10 +122,10 @@ struct Cut_Cursor {
 /// One run: the algorithm run by one worker from the start of a piece (or a static cut in it).
 template <typename Event_Type>
 struct Piece_Run {
-  Piece_Run(const Piece_Plan& plan, std::uint64_t piece)
+  Piece_Run(const Piece_Plan& plan, std::uint64_t piece, std::uint64_t zonePhotons)
       : firstPiece(piece),
         firstPieceEnd(plan.end_of(piece)),
-        cuts(std::min(plan.size, agreement_zonePhotons)),
+        cuts(std::min(plan.size, zonePhotons)),
         coveredEnd(firstPieceEnd) {}
 
   const std::uint64_t firstPiece;
@@ -114,7 +134,7 @@ struct Piece_Run {
   // Set once, under the schedule's lock, before `started`.
   std::uint64_t begin = 0;   // the first photon it reads
   bool beginsAtCut = false;  // begin is a static cut: the run before stops exactly there
-  std::uint64_t zoneEnd = 0;  // its own cuts before this photon are published (see agreement_zonePhotons)
+  std::uint64_t zoneEnd = 0;  // its own cuts before this photon are published (see Piece_Tuning::zonePhotons)
   bool started = false;
 
   // Published by the run's own thread.
@@ -143,13 +163,11 @@ class Piece_Schedule {
   using Run = Piece_Run<Event_Type>;
 
   /// `ahead`: pieces that may be taken beyond the one being written, which bounds the events held in memory.
-  /// `blocksHeld`: blocks of events a run past its zone may hold while it is not the one being written.
-  /// `takeOverUntaken`: a run reaching a piece no worker has taken yet takes it over; otherwise it waits until a
-  /// worker takes it (tests, so that every piece border is cut however fast the first run is).
-  Piece_Schedule(Piece_Plan plan_, std::uint64_t ahead_, std::size_t blocksHeld_, bool takeOverUntaken_ = true)
-      : plan(plan_), ahead(ahead_), blocksHeld(blocksHeld_), takeOverUntaken(takeOverUntaken_) {}
+  Piece_Schedule(Piece_Plan plan_, std::uint64_t ahead_, const Piece_Tuning& tuning_)
+      : plan(plan_), ahead(ahead_), tuning(tuning_) {}
 
   const Piece_Plan& get_plan() const { return plan; }
+  const Piece_Tuning& get_tuning() const { return tuning; }
 
   /// Wakes everyone; every wait then gives up, and runs stop at their next look.
   void stop() {
@@ -175,8 +193,8 @@ class Piece_Schedule {
     std::unique_lock lock(mutex);
     changed.wait(lock, [&] { return stopping || nextPiece >= plan.count() || nextPiece < limit_locked(); });
     if (stopping || nextPiece >= plan.count()) return nullptr;
-    runs.push_back(std::make_unique<Run>(plan, nextPiece++));
-    if (!takeOverUntaken) changed.notify_all();  // a run may wait for this piece to be taken
+    runs.push_back(std::make_unique<Run>(plan, nextPiece++, tuning.zonePhotons));
+    if (!tuning.takeOverUntaken) changed.notify_all();  // a run may wait for this piece to be taken
     if (runs.size() == 1) writerWakes.notify_all();
     return runs.back().get();
   }
@@ -187,7 +205,7 @@ class Piece_Schedule {
       const std::lock_guard lock(mutex);
       run.begin = begin;
       run.beginsAtCut = beginsAtCut;
-      run.zoneEnd = beginsAtCut ? begin : std::min(run.firstPieceEnd, begin + agreement_zonePhotons);
+      run.zoneEnd = beginsAtCut ? begin : std::min(run.firstPieceEnd, begin + tuning.zonePhotons);
       run.started = true;
       run.progress.store(begin, std::memory_order_release);
     }
@@ -207,7 +225,7 @@ class Piece_Schedule {
   Verdict reach(Run& run, std::uint64_t q, std::uint64_t eventsBefore) {
     std::unique_lock lock(mutex);
     while (!stopping && !run.abandoned.load(std::memory_order_relaxed) && q >= run.coveredEnd) {
-      if (!takeOverUntaken && run.coveredEnd / plan.size >= nextPiece) {
+      if (!tuning.takeOverUntaken && run.coveredEnd / plan.size >= nextPiece) {
         changed.wait(lock);
         continue;
       }
@@ -230,8 +248,7 @@ class Piece_Schedule {
       }
       if (q < following->zoneEnd) return {};
       // Past the following run's agreement zone without agreement: take that run's pieces over.
-      abandon_locked(*following);
-      run.coveredEnd = following->firstPieceEnd;
+      take_over_locked(run, *following);
     }
     if (stopping || run.abandoned.load(std::memory_order_relaxed)) return {true, notYet};
     return {};
@@ -244,7 +261,7 @@ class Piece_Schedule {
     std::unique_lock lock(mutex);
     if (stopping || run.abandoned.load(std::memory_order_relaxed)) return {true, notYet};
     if (cut.at < run.coveredEnd) return {};  // reach() took the piece over
-    if (!takeOverUntaken && run.coveredEnd / plan.size >= nextPiece) return {};
+    if (!tuning.takeOverUntaken && run.coveredEnd / plan.size >= nextPiece) return {};
     Run* following = find_following_locked(run);
     if (following == nullptr || !following->started || following->beginsAtCut || cut.at < following->begin ||
         cut.at >= following->zoneEnd) {
@@ -265,17 +282,42 @@ class Piece_Schedule {
     return {true, cut.eventsBefore};
   }
 
+  /// A chain of the run took photon q, past the pieces the run covers: pieces nobody runs are taken over, and so
+  /// are the pieces of a following run whose agreement zone the chain took a photon beyond (the run has no own cut
+  /// between the chain's seed and that photon, and those before the seed were compared already). Returns the
+  /// first photon at which a chain's photon means something new, or notYet when the run must give up: it was
+  /// abandoned, or its chain took a photon at or beyond a static cut, which only a run whose start will not be
+  /// agreed does.
+  ///
+  /// It never waits (the run may be inside its own agreement zone, where the run before may wait for it): where the
+  /// next piece is not taken yet (and is not to be taken over) or its run has not started, it answers to look
+  /// again at the next photon taken.
+  std::uint64_t chain_reached(Run& run, std::uint64_t q) {
+    const std::lock_guard lock(mutex);
+    while (!stopping && !run.abandoned.load(std::memory_order_relaxed) && q >= run.coveredEnd) {
+      if (!tuning.takeOverUntaken && run.coveredEnd / plan.size >= nextPiece) return q + 1;
+      Run* following = find_following_locked(run);
+      if (following == nullptr) continue;
+      if (!following->started) return q + 1;
+      if (following->beginsAtCut) return q < following->begin ? following->begin : notYet;
+      if (q < following->zoneEnd) return following->zoneEnd;
+      take_over_locked(run, *following);
+    }
+    if (stopping || run.abandoned.load(std::memory_order_relaxed)) return notYet;
+    return run.coveredEnd;
+  }
+
   /// Hands a block of the run's events to the writer; `safeEvents`: the run's events before this count belong to
-  /// the output whatever its end. A run past its agreement zone that is not being written waits here while it
-  /// holds many blocks.
-  void hand_over(Run& run, std::vector<Event_Type>&& block, std::uint64_t safeEvents, bool pastZone) {
+  /// the output whatever its end. A run past its first piece that is not being written waits here while it holds
+  /// tuning.blocksHeld blocks (within its first piece it never waits: the run before may wait for its cuts).
+  void hand_over(Run& run, std::vector<Event_Type>&& block, std::uint64_t safeEvents, bool pastFirstPiece) {
     std::unique_lock lock(mutex);
     if (!block.empty()) run.blocks.push_back(std::move(block));
     run.safeEvents = std::max(run.safeEvents, safeEvents);
     if (&run == writing) writerWakes.notify_all();
     changed.wait(lock, [&] {
-      return stopping || run.abandoned.load(std::memory_order_relaxed) || !pastZone || &run == writing ||
-             run.blocks.size() < blocksHeld;
+      return stopping || run.abandoned.load(std::memory_order_relaxed) || !pastFirstPiece || &run == writing ||
+             run.blocks.size() < tuning.blocksHeld;
     });
   }
 
@@ -374,15 +416,26 @@ class Piece_Schedule {
     assert(piece < plan.count());
     if (piece >= nextPiece) {  // nobody took it: this run takes it
       nextPiece = piece + 1;
-      run.coveredEnd = plan.end_of(piece);
-      if (&run == writing) changed.notify_all();  // pieces further on may be taken now
+      cover_locked(run, plan.end_of(piece));
       return nullptr;
     }
     for (auto& r : runs) {
       if (r->firstPiece == piece && !r->abandoned.load(std::memory_order_relaxed)) return r.get();
     }
-    run.coveredEnd = plan.end_of(piece);  // its run was abandoned, or another run took it and was abandoned
+    cover_locked(run, plan.end_of(piece));  // its run was abandoned, or another run took it and was abandoned
     return nullptr;
+  }
+
+  /// The run covers the photons up to `end`; pieces further on may be taken now if it is being written.
+  void cover_locked(Run& run, std::uint64_t end) {
+    run.coveredEnd = end;
+    if (&run == writing) changed.notify_all();
+  }
+
+  /// The run takes the pieces of `following` over; `following` is abandoned.
+  void take_over_locked(Run& run, Run& following) {
+    abandon_locked(following);
+    cover_locked(run, following.firstPieceEnd);
   }
 
   void agree_locked(Run& run, Run& following, std::uint64_t endEvents, std::uint64_t nextSkips) {
@@ -390,6 +443,7 @@ class Piece_Schedule {
     run.endEvents = endEvents;
     run.next = &following;
     run.nextSkips = nextSkips;
+    if (&run == writing) writerWakes.notify_all();  // its events up to the cut may be written now
   }
 
   void abandon_locked(Run& run) {
@@ -410,8 +464,7 @@ class Piece_Schedule {
 
   const Piece_Plan plan;
   const std::uint64_t ahead;
-  const std::size_t blocksHeld;
-  const bool takeOverUntaken;
+  const Piece_Tuning tuning;
   std::mutex mutex;
   std::condition_variable changed;      // workers wait here
   std::condition_variable writerWakes;  // the writer waits here

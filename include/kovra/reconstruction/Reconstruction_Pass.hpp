@@ -58,27 +58,38 @@ inline constexpr const char* inputOrder_notOrdered =
     "about 4 to 9 times as long)";
 
 /// The output of one part of a parallel run. Seed by seed (no-branch, ghost-photon and full chains), it is asked
-/// before each free seed whether the pass stops there, and told the last photon each chain took; photon by photon
-/// (forward chain), it is asked before each photon, with that photon's time, and told which photon opened the
-/// chain each photon joined or opened. Indices count from the part's first photon.
+/// before each seed (saying whether it is taken) whether the pass stops there, told each photon a chain takes, and
+/// the last photon of each chain; photon by photon (forward chain), it is asked before each photon, with that
+/// photon's time, and told which photon opened the chain each photon joined or opened. Indices count from the
+/// part's first photon. Its hooks may throw Part_GivenUp, which ends the pass.
 template <typename Out_Type, typename Time_Type>
-concept Output_Part = requires(Out_Type& out, std::size_t i, Time_Type t) {
-  { out.stops_before_seed(i) } -> std::same_as<bool>;
+concept Output_Part = requires(Out_Type& out, std::size_t i, Time_Type t, bool taken) {
+  { out.stops_before_seed(i, taken) } -> std::same_as<bool>;
+  out.note_taken(i);
   out.note_chainEnd(i);
   { out.stops_before_photon(i, t) } -> std::same_as<bool>;
   out.note_chainOf(i, i);
 };
 
+/// Thrown by a part's output when its pass is to end at once: its run was taken over, or the parallel run stops.
+struct Part_GivenUp {};
+
 namespace detail {
 
-/// Whether a part's pass stops before seed `i`; never for a whole run.
+/// Whether a part's pass stops before seed `i` (`taken` by a chain before it, or free); never for a whole run.
 template <typename Time_Type, typename Out_Type>
-bool stops_before_seed(Out_Type& out, std::size_t i) {
+bool stops_before_seed(Out_Type& out, std::size_t i, bool taken) {
   if constexpr (Output_Part<Out_Type, Time_Type>) {
-    return out.stops_before_seed(i);
+    return out.stops_before_seed(i, taken);
   } else {
     return false;
   }
+}
+
+/// Tells a part's output that a chain took photon `j`.
+template <typename Time_Type, typename Out_Type>
+void note_taken(Out_Type& out, std::size_t j) {
+  if constexpr (Output_Part<Out_Type, Time_Type>) out.note_taken(j);
 }
 
 /// Tells a part's output the last photon a chain took.
