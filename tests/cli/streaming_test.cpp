@@ -25,7 +25,11 @@ using namespace kovra::tpx3spidr;
 namespace {
 
 constexpr std::uint64_t photonCount = 5'000'000;                   // an 80 MB photon file
-constexpr std::uint64_t dataLimitBytes = std::uint64_t{24} << 20;  // a quarter of it, heap and stack included
+// The data limit (heap and thread stacks included): 24 MiB on one thread, a quarter of the file; each further
+// thread may add 12 MiB (its stack reserves 8, its window and the events of its piece the rest), so that three
+// threads run under 48 MiB, still well below the file.
+constexpr std::uint64_t dataLimitBytes = std::uint64_t{24} << 20;
+constexpr std::uint64_t dataPerThreadBytes = std::uint64_t{12} << 20;
 
 /// Flashes of about 20 photons within 2 pixels and 300 ns, 100000 per second, in time order; written through
 /// the streaming writer, so the test itself never holds the list either.
@@ -65,20 +69,23 @@ TEST(MemoryBoundTest, EveryAlgorithmRunsUnderALimitFarBelowTheFileSize) {
   const Data_PhotonEvents photons = FileHandler_PhotonEvents().load_file(input);
   ASSERT_EQ(photons.size(), photonCount);
   ASSERT_GT(photonCount * sizeof(PhotonEvent), 3 * dataLimitBytes);
+  ASSERT_GT(photonCount * sizeof(PhotonEvent), 3 * (dataLimitBytes + 2 * dataPerThreadBytes) / 2);
 
   const Reconstruction_Events settings{Length::from_pixels(5), Time::make_from_seconds<true>(5e-7), std::nullopt,
                                        Time::make_from_seconds<true>(2e-6)};
   for (const std::string algorithm : {"default", "noBranchChain_direct", "forwardChain_photonBuildup", "fullChain_direct"}) {
-    const std::string output = dir.file(algorithm + ".kovraevent");
-    const std::string command = "prlimit --data=" + std::to_string(dataLimitBytes) + " " KOVRA_BRANTEL_PATH
-                                " -s 5 -t 5e-7 -D 2e-6 --verbose -1 --algorithm " + algorithm + " -i " + input +
-                                " -o " + output;
-    const int status = std::system(command.c_str());
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
-
     FileHandler_Events::save_file(dir.file("memory.kovraevent"),
                                   reconstructEvents_switchAlgorithm(settings, photons, algorithm));
-    EXPECT_TRUE(read_bytes(output) == read_bytes(dir.file("memory.kovraevent"))) << algorithm;
+    for (const std::uint64_t threads : {1U, 3U}) {
+      const std::string output = dir.file(algorithm + ".kovraevent");
+      const std::string command = "KOVRA_THREADS=" + std::to_string(threads) + " prlimit --data=" +
+                                  std::to_string(dataLimitBytes + (threads - 1) * dataPerThreadBytes) +
+                                  " " KOVRA_BRANTEL_PATH " -s 5 -t 5e-7 -D 2e-6 --verbose -1 --algorithm " + algorithm +
+                                  " -i " + input + " -o " + output;
+      const int status = std::system(command.c_str());
+      ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
+      EXPECT_TRUE(read_bytes(output) == read_bytes(dir.file("memory.kovraevent"))) << algorithm << " " << threads;
+    }
   }
 }
 
