@@ -95,7 +95,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
     summary.photons += photons.size();
     photons.clear();
   };
-  const auto take_photon = [&](const Photon& photon) {
+  const auto take_photon = [&](const Photon& photon, std::uint64_t /*firstHit*/ = 0) {
     photons.push_back(photon);
     if (photons.size() == photons.capacity()) flush_photons();
   };
