@@ -117,7 +117,7 @@ struct Grouped {
     out.checksum = out.checksum * 1000003 + static_cast<std::uint64_t>(p.x.value) * 31 +
                    static_cast<std::uint64_t>(p.y.value) * 17 + static_cast<std::uint64_t>(p.toa.value);
   };
-  for (const Timed_Item& hit : hits) grouping.add_hit(hit, sink);
+  grouping.add_hits(hits, 0, sink);
   grouping.finish(sink);
   return out;
 }

@@ -15,8 +15,8 @@
 // per pixel nearly always suffices), and the closed photons whose time an open or future photon could still
 // undercut. All of them span one window of time, whatever the file's length.
 //
-// Hits are counted from the start of the stream, or from where restart() says a run begins; every photon
-// carries the index of its first hit, which is its place in the opening order across runs.
+// The caller numbers the hits, in time order (other items may take numbers between them); every photon carries
+// the number of its first hit, its place in the opening order, the same in every run that makes it.
 
 #include <algorithm>
 #include <array>
@@ -25,6 +25,7 @@
 #include <cstring>
 #include <functional>
 #include <queue>
+#include <span>
 #include <vector>
 
 #include "import/PixelStacks.hpp"
@@ -84,54 +85,46 @@ class Hit_Grouping {
 
   Hit_Grouping(unsigned width_, unsigned height_, unsigned radius_, Ticks window_, Photon_Time photonTime_)
       : radius(static_cast<int>(radius_)),
-        wide(radius_ > Pixel_Stacks::direct_radius),
+        search(choose_search(radius_)),
         window(window_),
         photonTime(photonTime_),
         pixels(width_, height_, radius_) {}
 
-  /// Drops everything held, unwritten, and counts the next hit as hit `firstHit`: a run that begins there.
-  void restart(std::uint64_t firstHit) {
+  /// Drops everything held, unwritten: a run that begins with the next hit.
+  void restart() {
     frontSeq += open.size();
     open.clear();
     closed = {};
     pixels.restart();
-    nextHit = firstHit;
   }
 
-  /// Takes the next hit (times never decrease from one call to the next); hands finished photons to
-  /// `sink(const Photon&, firstHit)`. Returns the index of the first hit of the photon the hit joined.
+  /// Takes the next hit, number `number` (times and numbers never decrease from one call to the next); hands
+  /// finished photons to `sink(const Photon&, firstHit)`. Returns the number of the first hit of the photon the
+  /// hit joined.
   template <typename Sink_Type>
-  std::uint64_t add_hit(const Timed_Item& hit, Sink_Type&& sink) {
-    const Ticks t = hit.time;
-    while (!open.empty() && open.front().first + window < t) {
-      closed.push(get_photon(open.front()));
-      open.pop_front();
-      ++frontSeq;
+  std::uint64_t add_hit(const Timed_Item& hit, std::uint64_t number, Sink_Type&& sink) {
+    switch (search) {
+      case Search::pixel:
+        return add_hitBy<Search::pixel>(hit, number, sink);
+      case Search::square:
+        return add_hitBy<Search::square>(hit, number, sink);
+      default:
+        return add_hitBy<Search::photons>(hit, number, sink);
     }
-    emit_upTo(open.empty() ? t : std::min(t, open.front().first), sink);
+  }
 
-    const int x = hit.x;
-    const int y = hit.y;
-    std::uint64_t seq = wide ? find_amongPhotons(x, y, t) : pixels.find_leastOpen(x, y, t, frontSeq);
-    if (seq == 0) {
-      seq = frontSeq + open.size();
-      open.push_back(Open_Photon{t, t, nextHit, {x, x, y, y}});
+  /// add_hit for each hit of `items`, numbered from `first` on; items of another kind (trigger edges) take
+  /// their number and are passed over. The way to search is chosen once for them all.
+  template <typename Sink_Type>
+  void add_hits(std::span<const Timed_Item> items, std::uint64_t first, Sink_Type&& sink) {
+    switch (search) {
+      case Search::pixel:
+        return add_hitsBy<Search::pixel>(items, first, sink);
+      case Search::square:
+        return add_hitsBy<Search::square>(items, first, sink);
+      default:
+        return add_hitsBy<Search::photons>(items, first, sink);
     }
-    pixels.add_hit(x, y, t, window, seq, frontSeq);
-    Open_Photon& photon = open[static_cast<std::size_t>(seq - frontSeq)];
-    if (wide) keep_hit(photon, x, y);
-    photon.weight += hit.tot;
-    photon.weightedX += std::uint64_t{hit.tot} * hit.x;
-    photon.weightedY += std::uint64_t{hit.tot} * hit.y;
-    photon.sumX += hit.x;
-    photon.sumY += hit.y;
-    ++photon.hits;
-    if (hit.tot > photon.strongestTot) {
-      photon.strongestTot = hit.tot;
-      photon.strongestTime = t;
-    }
-    ++nextHit;
-    return photon.firstHit;
   }
 
   /// Closes every photon and hands the rest over: the end of the input.
@@ -150,11 +143,62 @@ class Hit_Grouping {
     emit_upTo(INT64_MAX, sink);
   }
 
-  /// The index the next hit gets.
-  std::uint64_t get_nextHit() const { return nextHit; }
   Ticks get_window() const { return window; }
 
  private:
+  /// How the photon a hit joins is found: the hit's pixel alone (radius 0), every pixel of the square around it
+  /// (radius 1), or the open photons first (larger radii; find_amongPhotons).
+  enum class Search { pixel, square, photons };
+  static Search choose_search(unsigned radius) {
+    return radius == 0 ? Search::pixel : radius <= Pixel_Stacks::direct_radius ? Search::square : Search::photons;
+  }
+
+  template <Search S, typename Sink_Type>
+  void add_hitsBy(std::span<const Timed_Item> items, std::uint64_t first, Sink_Type& sink) {
+    for (const Timed_Item& item : items) {
+      if (item.kind == 0) add_hitBy<S>(item, first, sink);
+      ++first;
+    }
+  }
+
+  template <Search S, typename Sink_Type>
+  std::uint64_t add_hitBy(const Timed_Item& hit, std::uint64_t number, Sink_Type& sink) {
+    const Ticks t = hit.time;
+    while (!open.empty() && open.front().first + window < t) {
+      closed.push(get_photon(open.front()));
+      open.pop_front();
+      ++frontSeq;
+    }
+    emit_upTo(open.empty() ? t : std::min(t, open.front().first), sink);
+
+    const int x = hit.x;
+    const int y = hit.y;
+    std::uint64_t seq = 0;
+    if constexpr (S == Search::photons) {
+      seq = find_amongPhotons(x, y, t);
+    } else {
+      seq = pixels.find_leastOpen < S == Search::pixel ? 0 : 1 > (x, y, t, frontSeq);
+    }
+    if (seq == 0) {
+      seq = frontSeq + open.size();
+      open.push_back(Open_Photon{t, t, number, {x, x, y, y}});
+    }
+    pixels.add_hit(x, y, t, window, seq, frontSeq);
+    Open_Photon& photon = open[static_cast<std::size_t>(seq - frontSeq)];
+    if constexpr (S == Search::photons) keep_hit(photon, x, y);
+    photon.weight += hit.tot;
+    photon.weightedX += std::uint64_t{hit.tot} * hit.x;
+    photon.weightedY += std::uint64_t{hit.tot} * hit.y;
+    photon.sumX += hit.x;
+    photon.sumY += hit.y;
+    ++photon.hits;
+    if (hit.tot > photon.strongestTot) {
+      photon.strongestTot = hit.tot;
+      photon.strongestTime = t;
+    }
+    return photon.firstHit;
+  }
+
   struct Open_Photon {
     Ticks first = 0;
     Ticks strongestTime = 0;
@@ -187,10 +231,10 @@ class Hit_Grouping {
     for (std::size_t i = 0; i < n; ++i) {
       const Open_Photon& p = open[i];
       if (x + radius < p.box[0] || x - radius > p.box[1] || y + radius < p.box[2] || y - radius > p.box[3]) continue;
-      if (p.hits > Open_Photon::kept_hits) return pixels.find_leastOpen(x, y, t, frontSeq);
+      if (p.hits > Open_Photon::kept_hits) return pixels.find_leastOpen<-1>(x, y, t, frontSeq);
       if (holds_hitNear(p, x, y)) return frontSeq + i;
     }
-    return open.size() > n ? pixels.find_leastOpen(x, y, t, frontSeq) : 0;
+    return open.size() > n ? pixels.find_leastOpen<-1>(x, y, t, frontSeq) : 0;
   }
 
   void keep_hit(Open_Photon& p, int x, int y) const {
@@ -255,13 +299,12 @@ class Hit_Grouping {
   }
 
   const int radius;
-  const bool wide;  ///< whether the radius is beyond the direct search of the pixels' stacks
+  const Search search;
   const Ticks window;
   const Photon_Time photonTime;
   Pixel_Stacks pixels;
   detail::Fifo_Ring<Open_Photon> open;  ///< in opening order; the first has sequence number frontSeq
   std::uint64_t frontSeq = 1;           ///< sequence numbers start at 1: Pixel_Stacks takes 0 for none
-  std::uint64_t nextHit = 0;
   std::priority_queue<Closed_Photon, std::vector<Closed_Photon>, std::greater<>> closed;
 };
 

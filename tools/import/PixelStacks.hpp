@@ -57,19 +57,16 @@ class Pixel_Stacks {
     deeperUntil = INT64_MIN;
   }
 
-  /// The least open number (at least `oldestOpen`) of a pixel within the radius in x and in y of (x, y); 0 for
-  /// none.
+  /// The least open number (at least `oldestOpen`) of a pixel within the radius in x and in y of (x, y), at
+  /// time t; 0 for none. R is the radius when it is at most direct_radius, and -1 otherwise.
+  template <int R>
   std::uint64_t find_leastOpen(int x, int y, Ticks t, std::uint64_t oldestOpen) {
-    // A node pushed at time T holds photons that had a hit at its pixel by T, all closed after T + window: once
-    // the time is past that for the latest node, no closed top hides an open photon, and none needs popping.
-    const bool deeperMayBeOpen = t <= deeperUntil;
-    switch (sparse ? -1 : radius) {
-      case 0:
-        return deeperMayBeOpen ? find_direct<0, true>(x, y, oldestOpen) : find_direct<0, false>(x, y, oldestOpen);
-      case 1:
-        return deeperMayBeOpen ? find_direct<1, true>(x, y, oldestOpen) : find_direct<1, false>(x, y, oldestOpen);
-      default:
-        return find_inUsed(x, y, oldestOpen);
+    if constexpr (R < 0) {
+      return find_marked(x, y, oldestOpen);
+    } else {
+      // A node pushed at time T holds photons that had a hit at its pixel by T, all closed after T + window:
+      // once the time is past that for the latest node, no closed top hides an open photon, none needs popping.
+      return t <= deeperUntil ? find_direct<R, true>(x, y, oldestOpen) : find_direct<R, false>(x, y, oldestOpen);
     }
   }
 
@@ -150,7 +147,7 @@ class Pixel_Stacks {
   /// (the map has 8 spare bytes at its end), shifted down to x0, hold 57 columns from x0 on, more than the
   /// square's 2 radius + 1 <= 33; the mask keeps the square's columns within the frame (bits past a row's end
   /// are the next row's).
-  std::uint64_t find_inUsed(int x, int y, std::uint64_t oldestOpen) {
+  std::uint64_t find_marked(int x, int y, std::uint64_t oldestOpen) {
     const int x0 = std::max(0, x - radius);
     const int x1 = std::min(static_cast<int>(width) - 1, x + radius);
     const int y1 = std::min(static_cast<int>(height) - 1, y + radius);

@@ -33,7 +33,7 @@ Grouped group(const std::vector<Reference_Hit>& hits, unsigned radius, Ticks win
   const auto sink = [&](const Hit_Grouping::Photon& p, std::uint64_t) {
     out.photons.push_back({p.x.value, p.y.value, p.toa.value});
   };
-  for (const auto& h : hits) out.firstHits.push_back(grouping.add_hit(to_item(h), sink));
+  for (std::size_t i = 0; i < hits.size(); ++i) out.firstHits.push_back(grouping.add_hit(to_item(hits[i]), i, sink));
   grouping.finish(sink);
   return out;
 }
@@ -177,11 +177,11 @@ TEST(HitGroupingTest, ARestartedGroupingIsAFreshOne) {
           list.push_back({{p.x.value, p.y.value, p.toa.value}, first});
         };
       };
-      reused.restart(from);
-      fresh.restart(from);
+      reused.restart();
       const std::size_t stop = std::min(hits.size(), from + 800);
       for (std::size_t i = from; i < stop; ++i) {
-        ASSERT_EQ(reused.add_hit(to_item(hits[i]), into(fromReused)), fresh.add_hit(to_item(hits[i]), into(fromFresh)));
+        ASSERT_EQ(reused.add_hit(to_item(hits[i]), i, into(fromReused)),
+                  fresh.add_hit(to_item(hits[i]), i, into(fromFresh)));
       }
       reused.finish_closed(into(fromReused));
       fresh.finish(into(fromFresh));

@@ -1,0 +1,392 @@
+#pragma once
+
+// The import on several threads: the same photons, in the same order, as on one.
+//
+// The thread that reads, decodes and orders (the clock and the reorder window are sequential by nature and
+// cheap) packs what the window releases into pieces of about `pieceItems` items and publishes them; worker
+// threads sort and group the pieces (Piece_Worker), each run over a piece going on into the next piece up to
+// the cut where the next piece's own run agrees with it (Cut_Search). The reading thread also writes: it takes
+// the pieces in order, follows the chain of runs that are right (the first piece's, then, after each cut, the
+// next piece's run from the cut on), keeps of each run the photons that opened between its start and its cut,
+// and merges across each cut the few photons whose times interleave. Where a run finds no cut in the next
+// piece, the next piece's own run is set aside and the piece after it is grouped again continuing that run's
+// grouping, so a stretch where runs never agree is grouped by one thread after the other, exactly. Trigger
+// edges come from each piece's own run, in order.
+//
+// Bounded memory: at most 2 x workers + 2 pieces are in flight; the reading thread waits (writing, or grouping
+// a piece itself when no worker has taken it) while that many are. Nothing is global; a result depends on
+// neither the thread count nor the timing, only on the pieces, which depend on `pieceItems` alone, and the
+// photons are the same for any piece size.
+
+#include <time.h>
+
+#include <algorithm>
+#include <cassert>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "import/ImportPieces.hpp"
+#include "kovra/Worker_Pool.hpp"
+
+namespace kovra::import {
+
+/// What the import on several threads did, for the trace line.
+struct Parallel_Stats {
+  std::uint64_t pieces = 0;
+  std::uint64_t cuts = 0;     ///< runs that ended at a cut the next piece's run agreed with
+  std::uint64_t takenOn = 0;  ///< pieces grouped again because no cut came in the piece before (see the top)
+  double serialSeconds = 0;   ///< processor time of the reading and writing thread, its grouping of pieces left out
+};
+
+/// The pieces, the workers and the writer. `Output_Type` takes add_photons(const Photon*, count) and
+/// add_trigger(Ticks), from the thread that constructs the pipeline only.
+template <typename Output_Type>
+class Piece_Pipeline {
+ public:
+  using Photon = Hit_Grouping::Photon;
+
+  /// `threads`: the threads that work, this one included (at least 2).
+  Piece_Pipeline(const Import_Options& options_, Output_Type& output_, unsigned threads, std::size_t pieceItems_)
+      : options(options_),
+        output(output_),
+        pieceItems(std::max<std::size_t>(pieceItems_, 1)),
+        maxPieces(8 * std::size_t{threads} + 2),
+        startSeconds(get_threadSeconds()),
+        filling(std::make_unique<Piece>()),
+        pool(
+            threads - 1, [this](unsigned) { work(); }, [this] { wake_all(); }) {}
+
+  /// The reorder window's sink.
+  void operator()(const Packed_Bucket& bucket) {
+    filling->input.add(bucket);
+    if (filling->input.words.size() >= pieceItems) publish(false);
+  }
+
+  /// The end of the input: writes the rest and ends the workers. Adds the photons and triggers written to the
+  /// counts given.
+  Parallel_Stats finish(std::uint64_t& photons, std::uint64_t& triggers) {
+    publish(true);
+    allPublished = true;
+    while (!pieces.empty()) catch_up();
+    assert(pending.empty());
+    {
+      const std::lock_guard lock(mutex);
+      writerDone = true;
+    }
+    changed.notify_all();
+    pool.join();
+    photons += photonsWritten;
+    triggers += triggersWritten;
+    stats.serialSeconds = get_threadSeconds() - startSeconds - helpSeconds;
+    return stats;
+  }
+
+ private:
+  enum class Job_State { waiting, claimed, done };
+  struct Job {
+    Job_State state = Job_State::waiting;
+    std::unique_ptr<Hit_Grouping> start;  ///< for a piece grouped again: the grouping it continues
+    Run_Output out;
+  };
+  struct Piece {
+    std::uint64_t number = 0;
+    Piece_Input input;
+    Job fresh;                 ///< the piece's own run, from a fresh start
+    std::optional<Job> again;  ///< the piece grouped again, when the chain of right runs needs it
+  };
+  /// What the writer takes from the next piece: the photons of its own run from a cut on, those of the piece
+  /// grouped again, or none (the run before went through it).
+  enum class Role { own, again, passed };
+
+  static double get_threadSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+  }
+
+  void wake_all() {
+    { const std::lock_guard lock(mutex); }
+    changed.notify_all();
+  }
+
+  Piece& get_piece(std::uint64_t number) { return *pieces[static_cast<std::size_t>(number - firstPiece)]; }
+
+  // The reading thread's side.
+
+  void publish(bool last) {
+    filling->number = stats.pieces;
+    filling->input.last = last;
+    filling->input.first = nextItem;
+    nextItem += filling->input.words.size();
+    {
+      const std::lock_guard lock(mutex);
+      pieces.push_back(std::move(filling));
+      if (againFor && againFor->first == firstPiece + pieces.size() - 1) {
+        pieces.back()->again.emplace(Job{Job_State::waiting, std::move(againFor->second), {}});
+        againFor.reset();
+      }
+    }
+    changed.notify_all();
+    ++stats.pieces;
+    filling = spare.empty() ? std::make_unique<Piece>() : std::move(spare.back());
+    if (!spare.empty()) spare.pop_back();
+    write_ready(false);
+    while (pieces.size() >= maxPieces) catch_up();
+  }
+
+  /// Writes what is ready; then, while too many pieces are in flight (or all are published), groups a piece no
+  /// worker has taken yet, or waits for the front one when there is none. Waiting needs the piece after the
+  /// front one published: with a single piece in flight that one may still be filling.
+  void catch_up() {
+    write_ready(false);
+    if (pieces.empty() || (!allPublished && pieces.size() < maxPieces)) return;
+    Piece* piece = nullptr;
+    Job* job = nullptr;
+    {
+      const std::lock_guard lock(mutex);
+      std::tie(piece, job) = find_job(true);
+      if (job != nullptr) job->state = Job_State::claimed;
+    }
+    if (job == nullptr) {
+      write_ready(true, 1);
+      return;
+    }
+    const double start = get_threadSeconds();
+    if (!helper) helper.emplace(options);
+    helper->run(
+        piece->input, std::move(job->start), [&] { return wait_forNext(*piece); }, job->out);
+    helpSeconds += get_threadSeconds() - start;
+    {
+      const std::lock_guard lock(mutex);
+      job->state = Job_State::done;
+    }
+  }
+
+  /// Writes the pieces at the front whose runs are done; with `block`, waits for (or does) their runs, for at
+  /// most `most` pieces.
+  void write_ready(bool block, std::size_t most = SIZE_MAX) {
+    for (std::size_t written = 0; written < most && !pieces.empty(); ++written) {
+      Piece& piece = *pieces.front();
+      if (!settle(piece, piece.fresh, block)) return;
+      Job* run = role == Role::own ? &piece.fresh : role == Role::again ? &*piece.again : nullptr;
+      if (run != nullptr && !settle(piece, *run, block)) return;
+      for (const Ticks t : piece.fresh.out.triggers) output.add_trigger(t);
+      triggersWritten += piece.fresh.out.triggers.size();
+      if (run != nullptr) {
+        write_photons(run->out);
+        follow_chain(*run);
+      } else {
+        role = againNext ? Role::again : Role::passed;
+        againNext = false;
+      }
+      std::unique_ptr<Piece> done;
+      {
+        const std::lock_guard lock(mutex);
+        done = std::move(pieces.front());
+        pieces.pop_front();
+        ++firstPiece;
+      }
+      recycle(std::move(done));
+    }
+  }
+
+  /// Whether `job` is done; with `block`, makes it so, doing it here when no worker has taken it.
+  bool settle(Piece& piece, Job& job, bool block) {
+    std::unique_lock lock(mutex);
+    if (job.state == Job_State::done) return true;
+    if (!block) return false;
+    if (job.state == Job_State::waiting) {
+      job.state = Job_State::claimed;
+      lock.unlock();
+      const double start = get_threadSeconds();
+      if (!helper) helper.emplace(options);
+      helper->run(
+          piece.input, std::move(job.start), [&] { return wait_forNext(piece); }, job.out);
+      helpSeconds += get_threadSeconds() - start;
+      lock.lock();
+      job.state = Job_State::done;
+      return true;
+    }
+    changed.wait(lock, [&] { return job.state == Job_State::done || pool.stop_requested(); });
+    if (job.state != Job_State::done) {
+      lock.unlock();
+      pool.join();  // rethrows the worker's failure
+    }
+    return true;
+  }
+
+  /// After the writer took the photons of `run`, right for its piece: what it takes from the pieces after.
+  void follow_chain(Job& run) {
+    switch (run.out.end) {
+      case Run_End::input:
+        role = Role::passed;
+        break;
+      case Run_End::cut:
+        ++stats.cuts;
+        role = Role::own;
+        firstKept = run.out.cut;
+        break;
+      case Run_End::open: {
+        ++stats.takenOn;
+        role = Role::passed;
+        againNext = true;
+        const std::uint64_t target = firstPiece + 2;
+        const std::lock_guard lock(mutex);
+        if (target < firstPiece + pieces.size()) {
+          get_piece(target).again.emplace(Job{Job_State::waiting, std::move(run.out.grouping), {}});
+        } else {
+          againFor.emplace(target, std::move(run.out.grouping));
+        }
+        break;
+      }
+    }
+    if (run.out.end == Run_End::open) changed.notify_all();
+  }
+
+  /// Writes the photons of a run that is right for its piece: those opened from its start on (firstKept) and
+  /// before its cut, merged with the photons the run before held back; holds back those later than the cut's
+  /// time, which the next run's photons may precede (Cut_Search says why no others can).
+  void write_photons(const Run_Output& out) {
+    const bool cut = out.end == Run_End::cut;
+    const std::uint64_t end = cut ? out.cut : UINT64_MAX;
+    const Ticks holdAfter = cut ? out.cutTime : INT64_MAX;
+    const auto precedes = [](const Numbered_Photon& a, const Numbered_Photon& b) {
+      return a.photon.toa.value != b.photon.toa.value ? a.photon.toa.value < b.photon.toa.value
+                                                      : a.firstHit < b.firstHit;
+    };
+    std::vector<Numbered_Photon> held;
+    std::size_t p = 0;
+    const auto take = [&](const Numbered_Photon& photon) {
+      if (photon.photon.toa.value > holdAfter) {
+        held.push_back(photon);
+        return;
+      }
+      assert(!lastWritten || precedes(*lastWritten, photon));
+      lastWritten = photon;
+      buffer.push_back(photon.photon);
+      if (buffer.size() == buffer_photons) flush();
+    };
+    for (const Numbered_Photon& photon : out.photons) {
+      if (photon.firstHit < firstKept || photon.firstHit >= end) continue;
+      for (; p < pending.size() && precedes(pending[p], photon); ++p) take(pending[p]);
+      take(photon);
+    }
+    for (; p < pending.size(); ++p) take(pending[p]);
+    pending.swap(held);
+    flush();
+  }
+
+  void flush() {
+    output.add_photons(static_cast<const Photon*>(buffer.data()), buffer.size());
+    photonsWritten += buffer.size();
+    buffer.clear();
+  }
+
+  void recycle(std::unique_ptr<Piece> piece) {
+    piece->input.words.clear();
+    piece->input.buckets.clear();
+    piece->fresh.state = Job_State::waiting;
+    piece->again.reset();
+    if (spare.size() < maxPieces) spare.push_back(std::move(piece));
+  }
+
+  // The workers' side.
+
+  /// The piece after `piece`, once published; nullptr when the workers are to stop.
+  const Piece_Input* wait_forNext(const Piece& piece) {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [&] { return pool.stop_requested() || piece.number + 1 < firstPiece + pieces.size(); });
+    return pool.stop_requested() ? nullptr : &get_piece(piece.number + 1).input;
+  }
+
+  void work() {
+    Piece_Worker worker(options);
+    std::unique_lock lock(mutex);
+    for (;;) {
+      Piece* piece = nullptr;
+      Job* job = nullptr;
+      changed.wait(lock, [&] {
+        if (pool.stop_requested() || writerDone) return true;
+        std::tie(piece, job) = find_job(false);
+        return job != nullptr;
+      });
+      if (job == nullptr) return;
+      job->state = Job_State::claimed;
+      std::unique_ptr<Hit_Grouping> start = std::move(job->start);
+      lock.unlock();
+      worker.run(
+          piece->input, std::move(start), [&] { return wait_forNext(*piece); }, job->out);
+      lock.lock();
+      if (pool.stop_requested()) return;
+      job->state = Job_State::done;
+      changed.notify_all();
+    }
+  }
+
+  /// A job no one has taken (under the lock): a piece to group again first, else the earliest piece's own run.
+  /// For the reading thread (`reader`), only one whose next piece is published: it publishes them itself.
+  std::pair<Piece*, Job*> find_job(bool reader) {
+    const auto ready = [&](const Piece& piece) {
+      return !reader || piece.input.last || piece.number + 1 < firstPiece + pieces.size();
+    };
+    for (auto& piece : pieces) {
+      if (piece->again && piece->again->state == Job_State::waiting && ready(*piece)) {
+        return {piece.get(), &*piece->again};
+      }
+    }
+    nextFresh = std::max(nextFresh, firstPiece);
+    for (std::uint64_t n = nextFresh; n < firstPiece + pieces.size(); ++n) {
+      Piece& piece = get_piece(n);
+      if (piece.fresh.state != Job_State::waiting) {
+        if (n == nextFresh) ++nextFresh;
+        continue;
+      }
+      return ready(piece) ? std::pair{&piece, &piece.fresh} : std::pair<Piece*, Job*>{nullptr, nullptr};
+    }
+    return {nullptr, nullptr};
+  }
+
+  /// Photons handed to the output at once.
+  static constexpr std::size_t buffer_photons = std::size_t{1} << 14;
+
+  const Import_Options& options;
+  Output_Type& output;
+  const std::size_t pieceItems;
+  const std::size_t maxPieces;
+  const double startSeconds;
+
+  // The reading and writing thread's own.
+  std::unique_ptr<Piece> filling;
+  std::vector<std::unique_ptr<Piece>> spare;
+  std::uint64_t nextItem = 0;
+  bool allPublished = false;
+  Role role = Role::own;
+  bool againNext = false;                ///< after a piece passed, the one after it is grouped again
+  std::uint64_t firstKept = 0;           ///< the first hit of the first photon the writer keeps of the next run
+  std::vector<Numbered_Photon> pending;  ///< photons held back, to be merged with the next run's
+  std::optional<Numbered_Photon> lastWritten;
+  std::vector<Photon> buffer;
+  std::optional<Piece_Worker> helper;
+  double helpSeconds = 0;
+  std::uint64_t photonsWritten = 0;
+  std::uint64_t triggersWritten = 0;
+  Parallel_Stats stats;
+
+  // Shared, under the lock.
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::deque<std::unique_ptr<Piece>> pieces;  ///< published and not yet written, in order
+  std::uint64_t firstPiece = 0;               ///< the number of pieces.front()
+  std::uint64_t nextFresh = 0;                ///< no piece before it has an own run waiting
+  std::optional<std::pair<std::uint64_t, std::unique_ptr<Hit_Grouping>>> againFor;  ///< a piece not yet published
+  bool writerDone = false;
+
+  Worker_Pool pool;  ///< last: its threads end before anything they use goes
+};
+
+}  // namespace kovra::import
