@@ -25,7 +25,6 @@
 
 #include "kovra/detail/RecordIO.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 using kovra::tpx3spidr::Data_PhotonEvents;
 using kovra::tpx3spidr::Length;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # First run: installs what is missing, builds, simulates a small sample photon file, reconstructs its events and
-# shows what came out.
+# shows what came out, ending with a figure of them.
 #
 # With --raw it starts from the camera's raw data instead: the simulator also writes the Timepix3 packets, and
 # kovra_import turns them into the photon file that is reconstructed.
@@ -37,7 +37,8 @@ echo "== Reconstructing events: photons within 5 pixels and 0.5 microseconds, ev
 "$bin/kovra_brantel" -s 5 -t 5e-7 -D 2e-6 -i "$sample/sample.kovraphot" -o "$sample/out/sample.kovraevent"
 
 echo
-echo "== What the event file holds"
-"$bin/kovra_inspect" "$sample/out/sample.kovraevent" --summary --image "$sample/out/sample_events.png"
+echo "== What the event file holds, and a figure of it: event map, photons per event, pulse shape, and the time of"
+echo "   flight since the latest trigger (flat: the simulated flashes do not follow the triggers)"
+"$bin/kovra_inspect" "$sample/out/sample.kovraevent" --summary --plot "$sample/out/sample.png"
 echo
-echo "Event map: $sample/out/sample_events.png; true flashes: $sample/sample.truth.csv"
+echo "Figure: $sample/out/sample.png; true flashes: $sample/sample.truth.csv"

@@ -3,9 +3,9 @@
 # Extra package names given as arguments are installed too (scripts/slurm_campaign.sh asks for Slurm this way).
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev pkg-config time
+packages=(cmake g++ make libgtest-dev libgmock-dev rapidjson-dev libhdf5-dev libpng-dev libtiff-dev pkg-config time
           snakemake python3 python3-dev python3-numpy python3-h5py pybind11-dev python3-pybind11 python3-venv
-          python3-setuptools python3-wheel python3-matplotlib "$@")
+          python3-setuptools python3-wheel python3-matplotlib python3-tifffile "$@")
 
 missing=()
 for p in "${packages[@]}"; do

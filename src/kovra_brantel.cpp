@@ -10,10 +10,9 @@
 #include <string>
 
 #include "Parameters.hpp"
-#include "convert_durationMax.hpp"
+#include "kovra/Reconstruction_Parallel.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "logging.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 namespace tpx = kovra::tpx3spidr;
 
@@ -32,7 +31,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   assert(parameters.duration_max_s >= 0);
-  const tpx::Time durationMax = convert_durationMax(parameters.duration_max_s);
+  const tpx::Time durationMax = tpx::convert_durationMax(parameters.duration_max_s);
 
   if (!parameters.input_file) {
     logging<LogLevel::error>("No file supplied! Exiting...");
@@ -68,9 +67,14 @@ int main(int argc, char** argv) {
   const kovra::File_Layout layout = tpx::FileHandler_PhotonEvents::read_layout(inputFile);
   logging<LogLevel::info>(inputFile + ": Total number of photons in file = " + std::to_string(layout.records.count));
 
-  tpx::PhotonSource_File photons(inputFile, layout.records);
+  // On every core the run may use (KOVRA_THREADS sets how many), with the bytes of one thread.
   tpx::EventFile_Writer events(outputFile);
-  reconstructEvents_switchAlgorithm(reconstruction, photons, parameters.algorithm, events);
+  const kovra::Algorithm algorithm = kovra::find_algorithm(parameters.algorithm);
+  const kovra::Parallel_Settings parallel{
+      kovra::get_threadCount(),
+      kovra::read_countVariable("KOVRA_PIECE_PHOTONS", 1, kovra::max_piecePhotons).value_or(kovra::default_piecePhotons)};
+  kovra::reconstruct_parallel(reconstruction, algorithm, kovra::make_photonList<tpx::PhotonEvent>(inputFile, layout.records),
+                              parallel, events);
   events.finish(inputFile, layout.extTriggers);
 
   logging<LogLevel::info>(inputFile + ": Total number of reconstructed events = " + std::to_string(events.size()));

@@ -11,7 +11,6 @@
 
 #include "RandomPhotons.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 using kovra::tpx3spidr::Data_Events;
 using kovra::tpx3spidr::Data_PhotonEvents;

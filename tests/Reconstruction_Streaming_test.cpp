@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 using namespace kovra::tpx3spidr;
 

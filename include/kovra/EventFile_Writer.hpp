@@ -33,6 +33,19 @@ class EventFile_Writer {
     if (buffer.size() == buffered_events) flush();
   }
 
+  /// Appends events in one go: through the buffer while they fit, else straight to the file.
+  void append(std::span<const Event_Type> events) {
+    if (buffer.size() + events.size() <= buffered_events) {
+      buffer.insert(buffer.end(), events.begin(), events.end());
+      if (buffer.size() == buffered_events) flush();
+      return;
+    }
+    flush();
+    open();
+    writer->append(events);
+    written += events.size();
+  }
+
   /// Events appended so far.
   std::uint64_t size() const { return written + buffer.size(); }
 

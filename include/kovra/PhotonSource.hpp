@@ -78,16 +78,25 @@ class PhotonSource {
   std::size_t windowCapacity;
 };
 
-/// The photons of a list in memory. The list is checked for time order once, up front.
+/// When a source over a list in memory learns whether the list is in time order.
+enum class Order_Known {
+  upFront,   // checked once, when the source is made
+  whenRead,  // not known: the window checks what it reads (for a part of a list whose order is known elsewhere)
+};
+
+/// The photons of a list in memory.
 template <typename PhotonEvent_Type>
 class PhotonSource_Memory final : public PhotonSource<PhotonEvent_Type> {
  public:
   /// A window over a short list needs no more room than the list.
   explicit PhotonSource_Memory(std::span<const PhotonEvent_Type> photons_,
-                               std::size_t capacity = PhotonSource<PhotonEvent_Type>::default_windowCapacity)
+                               std::size_t capacity = PhotonSource<PhotonEvent_Type>::default_windowCapacity,
+                               Order_Known known = Order_Known::upFront)
       : PhotonSource<PhotonEvent_Type>(std::min(capacity, photons_.size())), photons(photons_) {
-    TimeOrder_Check<typename PhotonEvent_Type::time_type> check;
-    ordered = check.accept(photons);
+    if (known == Order_Known::upFront) {
+      TimeOrder_Check<typename PhotonEvent_Type::time_type> check;
+      ordered = check.accept(photons);
+    }
   }
 
   std::uint64_t size() const override { return photons.size(); }
@@ -105,7 +114,7 @@ class PhotonSource_Memory final : public PhotonSource<PhotonEvent_Type> {
  private:
   std::span<const PhotonEvent_Type> photons;
   std::size_t position = 0;
-  bool ordered = true;
+  std::optional<bool> ordered;
 };
 
 /// The photons of a photon file, read a chunk at a time from the block its layout names.

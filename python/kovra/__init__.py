@@ -24,6 +24,7 @@ __all__ = [
     "PHOTON_DTYPE", "EVENT_DTYPE", "TRIGGER_DTYPE", "UNITS_PER_PIXEL", "TICK_SECONDS",
     "PhotonData", "EventData", "Membership", "read_photons", "read_events", "write_photons", "write_events", "reconstruct",
     "make_photons", "to_pixels", "to_seconds", "from_pixels", "from_seconds",
+    "Spectrum", "Stack", "time_of_flight", "tof_spectrum", "tof_stack",
 ]
 
 #: One photon record as stored: position in 1/65536 pixel, time of arrival in ticks.
@@ -167,22 +168,117 @@ def write_events(path: str | os.PathLike[str], events: npt.ArrayLike,
 def reconstruct(photons: npt.ArrayLike, d_space_px: float, d_time_s: float, d_time_ext: Optional[float] = None,
                 duration_max_s: Optional[float] = None, algorithm: str = "default",
                 triggers: Optional[npt.ArrayLike] = None,
-                membership: bool = False) -> EventData | tuple[EventData, Membership]:
+                membership: bool = False, threads: Optional[int] = None) -> EventData | tuple[EventData, Membership]:
     """Groups photons into events exactly as `kovra_brantel -s d_space_px -t d_time_s [--dTime_ext d_time_ext]
     [-D duration_max_s] --algorithm algorithm` does (None: the option left out). The photons must be in
     non-decreasing time of arrival. The triggers are carried over to the result unchanged, as the tool does.
     With `membership=True` the result is `(EventData, Membership)`: also which photons each event took.
+    `threads`: how many threads to use; None uses as many as the tool would (the cores this process may run on,
+    or KOVRA_THREADS). The events are the same for every count. A run with `membership=True` uses one thread.
     """
     records = _as_records(photons, PHOTON_DTYPE, "photons")
     limit = float("inf") if duration_max_s is None else float(duration_max_s)
     ext = None if d_time_ext is None else float(d_time_ext)
+    if threads is not None and (isinstance(threads, bool) or not isinstance(threads, int) or not 1 <= threads <= 1024):
+        raise ValueError(f"threads must be a whole number from 1 to 1024 or None, not {threads!r}")
     events, times, members = _kovra.reconstruct(records, float(d_space_px), float(d_time_s), ext, limit, algorithm,
-                                                _as_triggers(triggers), bool(membership))
+                                                _as_triggers(triggers), bool(membership), threads)
     result = EventData(events.view(EVENT_DTYPE), None if times is None else times.view(TRIGGER_DTYPE))
     if not membership:
         return result
     photon, event = members
     return result, Membership(photon.view(np.int64), event.view(np.int64))
+
+
+class Spectrum(NamedTuple):
+    """A time-of-flight spectrum: `counts[i]` records with `edges[i] <= tof < edges[i + 1]` (edges in ticks,
+    uint64, one more than the bins), and `tally`, a dict of how many records were seen, counted and left out (by
+    the selection, before the first trigger, outside the range; for a stack also outside its cells)."""
+
+    counts: np.ndarray
+    edges: np.ndarray
+    tally: dict
+
+
+class Stack(NamedTuple):
+    """An image per time-of-flight bin: `counts[bin, row, column]` (uint32), row along y and column along x, cells
+    of `cell_px` pixels from (0, 0); `edges` and `tally` as in `Spectrum`."""
+
+    counts: np.ndarray
+    edges: np.ndarray
+    cell_px: float
+    tally: dict
+
+
+def _record_times(records: npt.ArrayLike) -> np.ndarray:
+    array = np.asarray(records)
+    names = array.dtype.names or ()
+    if "t" in names or "toa" in names:
+        array = array["t" if "t" in names else "toa"]
+    return _as_records(array, TRIGGER_DTYPE, "times")
+
+
+def _triggers_for_tof(triggers: Optional[npt.ArrayLike]) -> np.ndarray:
+    if triggers is None:
+        raise ValueError("no time of flight: the trigger list is absent")
+    return _as_records(triggers, TRIGGER_DTYPE, "triggers")
+
+
+def time_of_flight(records: npt.ArrayLike, triggers: Optional[npt.ArrayLike]) -> np.ndarray:
+    """Each record's time of flight in ticks: its time minus the latest trigger at or before it, as int64, -1 for a
+    record earlier than the first trigger (every record, for an empty trigger list). `records` are events, photons
+    or raw times; `triggers` must not decrease (ValueError with the place where they do)."""
+    times = _record_times(records)
+    return _kovra.time_of_flight(times, _triggers_for_tof(triggers)).view(np.int64)
+
+
+def _tof_histogram(records: npt.ArrayLike, triggers: Optional[npt.ArrayLike], bins: int, tof_min_s: float,
+                   tof_max_s: Optional[float], log: bool, psd_min_s: Optional[float], psd_max_s: Optional[float],
+                   photons_min: Optional[int], photons_max: Optional[int],
+                   region_px: Optional[tuple[float, float, float, float]],
+                   stack: Optional[tuple[float, float]]) -> tuple:
+    array = np.asarray(records)
+    events = array.dtype.names is not None and "nPhotons" in array.dtype.names
+    data = _as_records(array, EVENT_DTYPE if events else PHOTON_DTYPE, "records")
+    if not events and (psd_min_s, psd_max_s, photons_min, photons_max) != (None,) * 4:
+        raise ValueError("the selections by pulse-shape value and photon count need events")
+    if not tof_min_s >= 0 or (tof_max_s is not None and not tof_max_s > tof_min_s):
+        raise ValueError("tof_min_s must be 0 or more and tof_max_s larger than tof_min_s")
+    if log and not tof_min_s > 0:
+        raise ValueError("logarithmic bins need tof_min_s above 0")
+    settings = _kovra.TimeOfFlightSettings(int(bins), float(tof_min_s), tof_max_s, bool(log), psd_min_s, psd_max_s,
+                                           photons_min, photons_max, region_px, stack)
+    histogram = _kovra.tof_histogram_events if events else _kovra.tof_histogram_photons
+    return histogram(data, _triggers_for_tof(triggers), settings)
+
+
+def tof_spectrum(records: npt.ArrayLike, triggers: Optional[npt.ArrayLike], bins: int = 100, tof_min_s: float = 0.0,
+                 tof_max_s: Optional[float] = None, log: bool = False, psd_min_s: Optional[float] = None,
+                 psd_max_s: Optional[float] = None, photons_min: Optional[int] = None,
+                 photons_max: Optional[int] = None,
+                 region_px: Optional[tuple[float, float, float, float]] = None) -> Spectrum:
+    """The time-of-flight spectrum `kovra_inspect --spectrum` writes for the same settings: `bins` bins from
+    `tof_min_s` to `tof_max_s` (default: the longest interval between consecutive triggers), equal or, with
+    `log=True`, logarithmic, of the records that pass the selection (pulse-shape value and photon count within the
+    given bounds, inclusive, for events; position in [x0, x1) x [y0, y1) pixels)."""
+    counts, edges, _, _, tally = _tof_histogram(records, triggers, bins, tof_min_s, tof_max_s, log, psd_min_s,
+                                                psd_max_s, photons_min, photons_max, region_px, None)
+    return Spectrum(counts.view(np.uint64), edges.view(np.uint64), tally)
+
+
+def tof_stack(records: npt.ArrayLike, triggers: Optional[npt.ArrayLike], bins: int = 100, tof_min_s: float = 0.0,
+              tof_max_s: Optional[float] = None, log: bool = False, psd_min_s: Optional[float] = None,
+              psd_max_s: Optional[float] = None, photons_min: Optional[int] = None,
+              photons_max: Optional[int] = None, region_px: Optional[tuple[float, float, float, float]] = None,
+              size_px: float = 256, binning_px: float = 1.0) -> Stack:
+    """The image stack `kovra_inspect --stack-hdf5` writes for the same settings: the bins and selection of
+    `tof_spectrum`, cells of `binning_px` pixels over the square of `size_px` pixels from (0, 0). Summed over its
+    first axis it is the map of the records the spectrum counts (those inside the square)."""
+    counts, edges, stack, side, tally = _tof_histogram(records, triggers, bins, tof_min_s, tof_max_s, log, psd_min_s,
+                                                       psd_max_s, photons_min, photons_max, region_px,
+                                                       (float(size_px), float(binning_px)))
+    cell_px = float(_kovra.from_pixels(binning_px)) / UNITS_PER_PIXEL
+    return Stack(stack.view(np.uint32).reshape(len(counts) // 8, side, side), edges.view(np.uint64), cell_px, tally)
 
 
 def make_photons(x: npt.ArrayLike, y: npt.ArrayLike, toa: npt.ArrayLike) -> np.ndarray:

@@ -8,6 +8,9 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <array>
+#include <limits>
+#include <span>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -16,10 +19,9 @@
 #include <utility>
 #include <vector>
 
-#include "convert_durationMax.hpp"
+#include "kovra/Histogram_TimeOfFlight.hpp"
+#include "kovra/Reconstruction_Parallel.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
-
 
 namespace py = pybind11;
 namespace tpx = kovra::tpx3spidr;
@@ -121,18 +123,19 @@ struct Membership_Pairs {
 };
 
 /// The tool's run on photons in memory: the same conversions in the same order (time distance, space distance,
-/// longest duration) and the same algorithm switch. Returns (event bytes, trigger bytes or None, membership), the
+/// longest duration), the same algorithm switch, and the same threads (`threads`, else as many as the tool would
+/// use; a run that reports membership uses one). Returns (event bytes, trigger bytes or None, membership), the
 /// membership, when asked for, as (photon indexes, event indexes) by photon, else None.
 py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_time_s, std::optional<double> d_time_ext,
                       double duration_max_s, const std::string& algorithm, const std::optional<py::buffer>& triggers,
-                      bool membership) {
+                      bool membership, std::optional<unsigned> threads) {
   const tpx::Time dTime = tpx::Time::make_from_seconds<true>(d_time_s);
   const tpx::Length dSpace = tpx::Length::from_pixels(d_space_px);
   // The tool asserts this of its settings; here it is a caller's value, so it is an error instead.
   if (!(duration_max_s >= 0)) throw std::invalid_argument("duration_max_s must be zero or more");
   // Warnings are collected during the run and printed afterwards to sys.stdout, where a notebook shows them.
   std::vector<std::string> warnings;
-  const tpx::Reconstruction_Events reconstruction{dSpace, dTime, d_time_ext, convert_durationMax(duration_max_s),
+  const tpx::Reconstruction_Events reconstruction{dSpace, dTime, d_time_ext, tpx::convert_durationMax(duration_max_s),
                                                   [&warnings](const std::string& w) { warnings.push_back(w); }};
 
   const tpx::Data_PhotonEvents input{to_vector<tpx::PhotonEvent>(photons), to_triggers(triggers)};
@@ -153,7 +156,16 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
       output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm, pairs));
       pairs = pairs.ordered(input.size());
     } else {
-      output.emplace(reconstructEvents_switchAlgorithm(reconstruction, input, algorithm));
+      const kovra::Algorithm chosen = kovra::find_algorithm(algorithm);
+      const kovra::Parallel_Settings parallel{
+          threads ? *threads : kovra::get_threadCount(),
+          kovra::read_countVariable("KOVRA_PIECE_PHOTONS", 1, kovra::max_piecePhotons).value_or(kovra::default_piecePhotons)};
+      kovra::EventList<tpx::Event> events;
+      events.reserve(list.size());
+      kovra::reconstruct_parallel(reconstruction, chosen, kovra::make_photonList(std::span<const tpx::PhotonEvent>(list)),
+                                  parallel, events);
+      std::optional<std::vector<tpx::Time>> extTriggers(input.extTriggers);
+      output.emplace(std::move(events.events), std::move(extTriggers));
     }
   };
   run();
@@ -161,6 +173,117 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
   py::object members = py::none();
   if (membership) members = py::make_tuple(to_bytes(std::move(pairs.photons)), to_bytes(std::move(pairs.events)));
   return py::make_tuple(to_bytes(std::move(output->events)), to_bytes(std::move(output->extTriggers)), members);
+}
+
+/// A one-dimensional, contiguous buffer of `Entry_Type`-sized items viewed in place, without a copy.
+template <typename Entry_Type>
+std::span<const Entry_Type> view_of(const py::buffer_info& info) {
+  if (info.ndim != 1 || info.itemsize != static_cast<py::ssize_t>(sizeof(Entry_Type)) ||
+      (info.size > 1 && info.strides[0] != info.itemsize)) {
+    throw std::invalid_argument("expected a contiguous one-dimensional array of " + std::to_string(sizeof(Entry_Type)) +
+                                "-byte records");
+  }
+  return {static_cast<const Entry_Type*>(info.ptr), static_cast<std::size_t>(info.size)};
+}
+
+/// The library's check of a trigger list: in order, else its message.
+kovra::TriggerList_Check<tpx::Time> check_triggers(std::span<const tpx::Time> triggers) {
+  kovra::TriggerList_Check<tpx::Time> check;
+  check.add(triggers);
+  return check;
+}
+
+/// Times of flight of raw times over raw triggers, as int64 with -1 for a time before the first trigger.
+py::array_t<std::uint8_t> time_of_flight(const py::buffer& times, const py::buffer& triggers) {
+  const py::buffer_info timeInfo = times.request(), triggerInfo = triggers.request();
+  const auto t = view_of<tpx::Time>(timeInfo);
+  const auto list = view_of<tpx::Time>(triggerInfo);
+  std::vector<std::int64_t> result(t.size());
+  {
+    py::gil_scoped_release unlocked;
+    check_triggers(list);
+    kovra::TimeOfFlight_Clock<tpx::Time> clock(list);
+    for (std::size_t i = 0; i < t.size(); ++i) {
+      const auto tof = clock.get(t[i]);
+      if (tof && *tof > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+        throw std::invalid_argument("the time of flight of record " + std::to_string(i) + " is " +
+                                    std::to_string(*tof) + " ticks, beyond int64");
+      }
+      result[i] = tof ? static_cast<std::int64_t>(*tof) : -1;
+    }
+  }
+  return to_bytes(std::move(result));
+}
+
+/// The settings of a histogram of time of flight as the tool takes them: seconds and pixels, converted with the
+/// library's rounding in the tool's order.
+struct TimeOfFlight_Settings {
+  std::size_t bins;
+  double tofMin_s;
+  std::optional<double> tofMax_s;
+  bool logarithmic;
+  std::optional<double> psdMin_s, psdMax_s;
+  std::optional<std::uint64_t> photonsMin, photonsMax;
+  std::optional<std::array<double, 4>> region_px;
+  std::optional<std::pair<double, double>> stack;  ///< size and cell, pixels
+};
+
+/// Spectrum and, when asked for, stack of `records` (events or photons) over `triggers`: (spectrum, edges, stack or
+/// None, stack side, tally) with the arrays as bytes.
+template <typename Record_Type>
+py::tuple tof_histogram(const py::buffer& records, const py::buffer& triggers, const TimeOfFlight_Settings& s) {
+  const py::buffer_info recordInfo = records.request(), triggerInfo = triggers.request();
+  const auto list = view_of<tpx::Time>(triggerInfo);
+  const auto all = view_of<Record_Type>(recordInfo);
+  kovra::Record_Selection<tpx::Length> selection;
+  selection.psdMin = s.psdMin_s;
+  selection.psdMax = s.psdMax_s;
+  selection.photonsMin = s.photonsMin;
+  selection.photonsMax = s.photonsMax;
+  const auto ticks = [](double seconds) {
+    return static_cast<kovra::TimeOfFlight_Ticks>(tpx::Time::make_from_seconds<true>(seconds).value);
+  };
+  selection.tofMin = ticks(s.tofMin_s);
+  if (s.tofMax_s) selection.tofMax = ticks(*s.tofMax_s);
+  if (s.region_px) {
+    const auto& r = *s.region_px;
+    const auto at = [](double px) { return tpx::Length::from_pixels(px); };
+    selection.region = kovra::Detector_Region<tpx::Length>{at(r[0]), at(r[1]), at(r[2]), at(r[3])};
+  }
+  if (list.empty()) throw std::invalid_argument("no time of flight: the trigger list is empty");
+  const kovra::TriggerList_Check<tpx::Time> check = check_triggers(list);
+  const kovra::TimeOfFlight_Ticks longest = check.get_longestInterval();
+  if (!selection.tofMax && longest == 0) {
+    throw std::invalid_argument("no time-of-flight range: the triggers give no interval between two of them; give "
+                                "tof_max_s");
+  }
+  if (!selection.tofMax && *selection.tofMin >= longest) {
+    throw std::invalid_argument("tof_min_s is not below the longest interval between triggers, the default tof_max_s");
+  }
+  const kovra::TimeOfFlight_Bins bins(s.logarithmic ? kovra::TimeOfFlight_Bins::Spacing::logarithmic
+                                                    : kovra::TimeOfFlight_Bins::Spacing::linear,
+                                      *selection.tofMin, selection.tofMax.value_or(longest), s.bins);
+  std::optional<kovra::Position_Binning<tpx::Length>> grid;
+  if (s.stack) grid = kovra::Position_Binning<tpx::Length>::make(s.stack->first, s.stack->second);
+  kovra::Histogram_TimeOfFlight<tpx::Length> histogram(bins, selection, grid);
+  {
+    py::gil_scoped_release unlocked;
+    kovra::TimeOfFlight_Clock<tpx::Time> clock(list);
+    histogram.add_records(all, clock);
+  }
+  const kovra::TimeOfFlight_Tally& t = histogram.get_tally();
+  py::dict tally;
+  tally["seen"] = t.seen;
+  tally["counted"] = t.counted;
+  tally["deselected"] = t.deselected;
+  tally["before_first_trigger"] = t.beforeFirstTrigger;
+  tally["outside_range"] = t.outsideRange;
+  tally["outside_stack"] = t.outsideStack;
+  py::object stack = py::none();
+  if (grid) stack = to_bytes(std::vector<std::uint32_t>(histogram.take_stack()));
+  return py::make_tuple(to_bytes(std::vector<std::uint64_t>(histogram.get_spectrum())),
+                        to_bytes(std::vector<std::uint64_t>(histogram.get_bins().get_edges())), stack,
+                        grid ? grid->side : 0, tally);
 }
 
 }  // namespace
@@ -178,7 +301,18 @@ PYBIND11_MODULE(_kovra, m) {
   m.def("write_photons", &write_photons, py::arg("path"), py::arg("photons"), py::arg("triggers"));
   m.def("write_events", &write_events, py::arg("path"), py::arg("events"), py::arg("triggers"));
   m.def("reconstruct", &reconstruct, py::arg("photons"), py::arg("d_space_px"), py::arg("d_time_s"),
-        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"), py::arg("membership"));
+        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"), py::arg("membership"),
+        py::arg("threads"));
+
+  m.def("time_of_flight", &time_of_flight, py::arg("times"), py::arg("triggers"));
+  py::class_<TimeOfFlight_Settings>(m, "TimeOfFlightSettings")
+      .def(py::init<std::size_t, double, std::optional<double>, bool, std::optional<double>, std::optional<double>,
+                    std::optional<std::uint64_t>, std::optional<std::uint64_t>, std::optional<std::array<double, 4>>,
+                    std::optional<std::pair<double, double>>>());
+  m.def("tof_histogram_events", &tof_histogram<tpx::Event>, py::arg("records"), py::arg("triggers"),
+        py::arg("settings"));
+  m.def("tof_histogram_photons", &tof_histogram<tpx::PhotonEvent>, py::arg("records"), py::arg("triggers"),
+        py::arg("settings"));
 
   // The library's own conversions, element by element: rounding halves away from zero, unlike numpy.round.
   m.def("from_pixels", py::vectorize([](double pixels) { return tpx::Length::from_pixels(pixels).value; }),

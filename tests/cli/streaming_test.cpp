@@ -1,7 +1,8 @@
 // The tool reads its photons in pieces and writes its events as a stream. Its memory does not grow with the
 // photon file: every algorithm runs under a data-size limit of a fraction of the file's size and writes the
-// same events as the library's in-memory path on the whole list (nothing here is timed). And a run that fails
-// in the middle leaves the output as it was, with no other file beside it.
+// same events as the library's in-memory path on the whole list (nothing here is timed). On any number of
+// threads and pieces of any size it writes the same file and says the same. And a run that fails in the middle
+// leaves the output as it was, with no other file beside it, whatever the threads.
 
 #include <gtest/gtest.h>
 
@@ -12,11 +13,12 @@
 #include <sys/wait.h>
 
 #include <filesystem>
+#include <regex>
 
 #include "FileBytes.hpp"
+#include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 using namespace kovra::tpx3spidr;
 
@@ -80,13 +82,97 @@ TEST(MemoryBoundTest, EveryAlgorithmRunsUnderALimitFarBelowTheFileSize) {
   }
 }
 
-/// Runs the tool on `photons` with an output that already exists; returns the wait status.
-int run_over_existingOutput(const TempDir& dir, const std::string& photons, const std::string& algorithm) {
+/// The log without its time stamps.
+std::string unstamp(const std::string& text) {
+  static const std::regex stamp(R"((ERROR:   |info:    |trace:   )\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC[+-]\d{4}: )");
+  return std::regex_replace(text, stamp, "$1@");
+}
+
+/// Flashes of a few photons, crowded (about 40 photons within dTime) or sparse, in turns.
+FileBytes photonList(unsigned seed, std::size_t n) {
+  std::mt19937_64 random(seed);
+  std::uniform_int_distribution<std::int32_t> where(0, 60 * 65536);
+  std::uniform_int_distribution<std::int32_t> spread(0, 65536);
+  std::uniform_int_distribution<std::int64_t> delay(0, 20);
+  FileBytes list;
+  std::int64_t t = 0;
+  for (std::size_t i = 0; i < n;) {
+    t += (i / 5000) % 2 == 0 ? 8 : 700;
+    const std::int32_t x = where(random), y = where(random);
+    std::vector<std::pair<std::int64_t, std::pair<std::int32_t, std::int32_t>>> flash;
+    for (int k = 0; k < 5 && i < n; ++k, ++i) flash.push_back({t + delay(random), {x + spread(random), y + spread(random)}});
+    std::ranges::sort(flash);
+    for (const auto& [time, position] : flash) list.i32(position.first).i32(position.second).i64(time);
+    t = flash.back().first;
+  }
+  return list;
+}
+
+TEST(ThreadsTest, EveryThreadCountAndPieceSizeWritesTheSameFileAndSaysTheSame) {
+  const FileBytes list = photonList(3, 60000);
+  struct Input {
+    const char* what;
+    std::string bytes;
+  };
+  const Input inputs[] = {
+      {"triggers", FileBytes::file(2, FileBytes().block("photons", list).block("extTrigs", FileBytes().i64(3).i64(9))).data},
+      {"no triggers", FileBytes::file(2, FileBytes().block("photons", list)).data},
+      // The last photon block counts; an empty trigger list stays an empty one.
+      {"two photon blocks, empty triggers",
+       FileBytes::file(2, FileBytes().block("photons", photonList(4, 100)).block("extTrigs", FileBytes())
+                              .block("photons", list)).data}};
+  const char* const runs[] = {"-s 3 -t 1e-7", "-s 2 -t 5e-8 -D 3e-7 --dTime_ext 0.5",
+                              "-s 2 -t 5e-8 --dTime_ext 0.5 --algorithm noBranchChain_direct",
+                              "-s 3 -t 1e-7 -D 2e-7 --dTime_ext 1 --algorithm forwardChain_photonBuildup",
+                              "-s 3 -t 2e-7 -D 5e-7 --algorithm fullChain_direct"};
+  for (const auto& input : inputs) {
+    TempDir dir;
+    write_bytes(dir.file("in.kovraphot"), input.bytes);
+    for (const char* run : runs) {
+      const std::string arguments = std::string(run) + " -i in.kovraphot -o out.kovraevent";
+      const auto alone = run_program(dir, "env", "KOVRA_THREADS=1 " KOVRA_BRANTEL_PATH " " + arguments);
+      ASSERT_EQ(alone.status, 0) << alone.err;
+      const std::string expected = read_bytes(dir.file("out.kovraevent"));
+      for (const char* threads : {"2", "3", "4", "5", "6", "7", "8"}) {
+        for (const char* piece : {"", " KOVRA_PIECE_PHOTONS=997"}) {
+          const std::string environment = std::string("KOVRA_THREADS=") + threads + piece + " ";
+          const auto outcome = run_program(dir, "env", environment + KOVRA_BRANTEL_PATH " " + arguments);
+          SCOPED_TRACE(testing::Message() << input.what << ", " << run << ", " << environment);
+          EXPECT_EQ(outcome.status, 0);
+          EXPECT_EQ(unstamp(outcome.out), unstamp(alone.out));
+          EXPECT_EQ(outcome.err, alone.err);
+          EXPECT_TRUE(read_bytes(dir.file("out.kovraevent")) == expected);
+        }
+      }
+    }
+  }
+}
+
+TEST(ThreadsTest, CountsThatAreNotWholeNumbersEndTheRun) {
+  TempDir dir;
+  write_bytes(dir.file("in.kovraphot"), FileBytes::file(2, FileBytes().block("photons", photonList(1, 10))).data);
+  for (const auto& [environment, message] : std::vector<std::pair<std::string, std::string>>{
+           {"KOVRA_THREADS=0", "KOVRA_THREADS must be a whole number from 1 to 1024, not \"0\""},
+           {"KOVRA_THREADS=two", "KOVRA_THREADS must be a whole number from 1 to 1024, not \"two\""},
+           {"KOVRA_PIECE_PHOTONS=-5", "KOVRA_PIECE_PHOTONS must be a whole number from 1 to 4611686018427387904, not \"-5\""}}) {
+    const auto outcome =
+        run_program(dir, "env", environment + " " KOVRA_BRANTEL_PATH " -s 1 -t 1e-7 -i in.kovraphot -o out.kovraevent");
+    EXPECT_EQ(outcome.status, 128 + SIGABRT) << environment;
+    EXPECT_NE(outcome.err.find(message), std::string::npos) << outcome.err;
+    EXPECT_FALSE(std::filesystem::exists(dir.file("out.kovraevent"))) << environment;
+  }
+}
+
+/// Runs the tool on `photons` with an output that already exists, after `shell` (environment and limits);
+/// returns the wait status.
+int run_over_existingOutput(const TempDir& dir, const std::string& photons, const std::string& algorithm,
+                            const std::string& shell) {
   write_bytes(dir.file("in.kovraphot"), photons);
   write_bytes(dir.file("out.kovraevent"), "previous run");
-  const std::string command = std::string(KOVRA_BRANTEL_PATH) + " -s 1 -t 1e-7 --verbose -1 --algorithm " +
-                              algorithm + " -i " + dir.file("in.kovraphot") + " -o " + dir.file("out.kovraevent") +
-                              " 2>" + dir.file("stderr.txt");
+  const std::string command = "bash -c '" + shell + " exec " + KOVRA_BRANTEL_PATH +
+                              " -s 1 -t 1e-7 --verbose -1 --algorithm " + algorithm + " -i " +
+                              dir.file("in.kovraphot") + " -o " + dir.file("out.kovraevent") + "' 2>" +
+                              dir.file("stderr.txt");
   return std::system(command.c_str());
 }
 
@@ -99,6 +185,7 @@ TEST(StreamingFailureTest, AFailedRunLeavesTheOutputAsItWasAndNothingBeside) {
     std::string bytes;
     const char* algorithm;
     const char* message;
+    const char* shell = "";
   };
   const Case cases[] = {
       // The structure behind the photons is checked before the first photon is reconstructed.
@@ -109,16 +196,27 @@ TEST(StreamingFailureTest, AFailedRunLeavesTheOutputAsItWasAndNothingBeside) {
       {"assertion in the middle of the pass",
        FileBytes::file(2, FileBytes().block("photons", FileBytes(photonList).raw(photon(0, 998990).data))).data,
        "fullChain_direct", "firstPhoton.get_toa().get_seconds() >= t_first_abs_s"},
+      // Out of order, the forward chain opens a chain earlier than the one before.
+      {"out of order, forward chain",
+       FileBytes::file(2, FileBytes().block("photons", FileBytes(photonList).raw(photon(100 * 65536, 500).data))).data,
+       "forwardChain_photonBuildup", "chains.empty() || chains.back().get_t_first() <= newChain.get_t_first()"},
+      // A full disk (here a file-size limit, its signal ignored) fails the writes; the size check stops the run.
+      {"write error",
+       FileBytes::file(2, FileBytes().block("photons", photonList)).data, "default",
+       "end_content - begin_content == size_content", "trap \"\" XFSZ; ulimit -f 8;"},
   };
-  for (const auto& c : cases) {
-    TempDir dir;
-    const int status = run_over_existingOutput(dir, c.bytes, c.algorithm);
-    EXPECT_TRUE(WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) != 0)) << c.what;
-    EXPECT_NE(read_bytes(dir.file("stderr.txt")).find(c.message), std::string::npos) << c.what;
-    EXPECT_EQ(read_bytes(dir.file("out.kovraevent")), "previous run") << c.what;
-    std::size_t files = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir.path())) ++files;
-    EXPECT_EQ(files, 3u) << c.what << ": input, output and captured messages only";
+  for (const char* threads : {"", "export KOVRA_THREADS=4 KOVRA_PIECE_PHOTONS=7;"}) {
+    for (const auto& c : cases) {
+      TempDir dir;
+      const int status = run_over_existingOutput(dir, c.bytes, c.algorithm, std::string(threads) + c.shell);
+      SCOPED_TRACE(testing::Message() << c.what << " " << threads);
+      EXPECT_TRUE(WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) != 0));
+      EXPECT_NE(read_bytes(dir.file("stderr.txt")).find(c.message), std::string::npos);
+      EXPECT_EQ(read_bytes(dir.file("out.kovraevent")), "previous run");
+      std::size_t files = 0;
+      for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir.path())) ++files;
+      EXPECT_EQ(files, 3u) << "input, output and captured messages only";
+    }
   }
 }
 

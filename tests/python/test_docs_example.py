@@ -28,13 +28,14 @@ class DocsExampleTest(TempDirTest):
         self.assertEqual(completed.returncode, 0, completed.stderr)
         self.assertRegex(completed.stdout, r"\d+ events, on average")
         self.assertRegex(completed.stdout, r"brightest event: \d+ photons")
+        self.assertRegex(completed.stdout, r"time of flight: [1-9]\d* of \d+ events counted, up to 100 us")
 
         tool_file = self.dir / "tool.kovraevent"
         self.assertEqual(run_brantel("-s", "5", "-t", "5e-7", "-D", "2e-6", "-i", str(photon_file), "-o",
                                      str(tool_file)).returncode, 0)
         self.assertEqual((self.dir / "sample" / "python.kovraevent").read_bytes(), tool_file.read_bytes())
-        plot = self.dir / "sample" / "psd.png"
-        self.assertEqual(plot.exists(), importlib.util.find_spec("matplotlib") is not None)
+        for plot in ("psd.png", "tof.png"):
+            self.assertEqual((self.dir / "sample" / plot).exists(), importlib.util.find_spec("matplotlib") is not None)
 
 
 if __name__ == "__main__":

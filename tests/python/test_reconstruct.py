@@ -5,10 +5,12 @@ from __future__ import annotations
 import contextlib
 import io
 import math
+import os
 import shutil
 import tempfile
 import unittest
 from pathlib import Path
+from unittest import mock
 
 import numpy as np
 
@@ -66,6 +68,19 @@ class SameEventsAsTheToolTest(unittest.TestCase):
         # The comparison is only worth something if the algorithms give different events on this file.
         for label, _ in SETTINGS:
             self.assertEqual(len({outputs[algorithm, label] for algorithm in ALGORITHMS}), 4, label)
+        # On several threads, in pieces small enough that the list is cut many times: the same events.
+        with mock.patch.dict(os.environ, {"KOVRA_PIECE_PHOTONS": "1000"}):
+            for threads in (1, 2, 5):
+                for algorithm in ALGORITHMS:
+                    for label, arguments in SETTINGS:
+                        with self.subTest(algorithm=algorithm, settings=label, threads=threads):
+                            with contextlib.redirect_stdout(io.StringIO()):
+                                result = kovra.reconstruct(self.photons, **arguments, algorithm=algorithm,
+                                                           threads=threads)
+                            self.assertEqual(result.events.tobytes(), outputs[algorithm, label])
+        for bad in (0, -1, 2.0, True, "2"):
+            with self.subTest(threads=bad), self.assertRaisesRegex(ValueError, "threads must be a whole number"):
+                kovra.reconstruct(self.photons, 1, 1e-7, threads=bad)
 
 
 class SettingsErrorTest(TempDirTest):

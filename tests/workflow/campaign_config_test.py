@@ -64,6 +64,10 @@ class CampaignConfigTest(unittest.TestCase):
         campaign = check_campaign(self.config(mapSize_px="512"))
         self.assertEqual(campaign.names, ("run10", "run2"))
         self.assertEqual(campaign.map_size_px, 512)
+        self.assertEqual(campaign.tof_args, ("--tof-bins", "100", "--size", "512", "--binning", "8"))
+        campaign = check_campaign(self.config(tofBins="20", tofMax_s="1e-3", stackBinning_px=0.5))
+        self.assertEqual(campaign.tof_args, ("--tof-bins", "20", "--tof-max", "0.001", "--size", "256", "--binning",
+                                             "0.5"))
 
     def test_bad_settings_are_refused_with_one_clear_message(self) -> None:
         empty = self.folder("empty")
@@ -97,6 +101,11 @@ class CampaignConfigTest(unittest.TestCase):
             ({"mapSize_px": 1.5}, '"mapSize_px" must be a whole number from 1 to 32768, got 1.5'),
             ({"mapSize_px": 32769}, '"mapSize_px" must be a whole number from 1 to 32768'),
             ({"mapSize_px": 0}, '"mapSize_px" must be at least 1'),
+            ({"tofBins": 2.5}, '"tofBins" must be a whole number from 1 to 1000000, got 2.5'),
+            ({"tofMax_s": 0}, '"tofMax_s" must be greater than 0, got 0'),
+            ({"stackBinning_px": "wide"}, "\"stackBinning_px\" must be a number, got 'wide'"),
+            ({"threadsPerFile": 0}, '"threadsPerFile" must be at least 1, got 0'),
+            ({"threadsPerFile": 2.5}, '"threadsPerFile" must be a whole number from 1 to 1024, got 2.5'),
             ({"paramsFile": str(self.root / "none.json")}, '"paramsFile": no such file'),
             ({"paramsFile": str(bad_json)}, f'"paramsFile": {bad_json} is not a JSON file'),
             ({"paramsFile": str(no_section)}, f'"paramsFile": {no_section} has no "brantel" object'),
@@ -109,6 +118,15 @@ class CampaignConfigTest(unittest.TestCase):
                 with self.assertRaises(CampaignConfigError) as caught:
                     check_campaign(self.config(**changes))
                 self.assertIn(message, str(caught.exception))
+
+    def test_threads_per_file_share_out_the_cores(self) -> None:
+        campaign = check_campaign(self.config())  # two photon files
+        cases = [(None, 8, 4), (None, 3, 1), (None, 1, 1), ("3", 8, 3), (16, 4, 16),
+                 (None, None, campaign_config.CLUSTER_THREADS_PER_FILE)]
+        for setting, cores, threads in cases:
+            with self.subTest(threadsPerFile=setting, cores=cores):
+                self.assertEqual(campaign_config.threads_for(check_campaign(self.config(threadsPerFile=setting)), cores),
+                                 threads)
 
     def test_tools_come_from_path_without_bin(self) -> None:
         with mock.patch.dict(os.environ, PATH=str(self.bin)):

@@ -81,7 +81,13 @@ class CampaignWorkflowTest(unittest.TestCase):
         inspect = run([str(Path(ARGS.bin) / "kovra_inspect"), f"{name}.kovraevent", "--summary", "--hdf5",
                        f"{name}.h5", "--image", f"{name}.png", "--size", "256"], folder)
         self.assertEqual(inspect.returncode, 0, inspect.stderr)
-        outputs = {f"{name}.{kind}": (folder / f"{name}.{kind}").read_bytes() for kind in ("kovraevent", "h5", "png")}
+        kinds = ["kovraevent", "h5", "png"]
+        if "--triggers" in SIMULATIONS.get(name, []):
+            tof = run([str(Path(ARGS.bin) / "kovra_inspect"), f"{name}.kovraevent", "--tof-bins", "100", "--size", "256",
+                       "--binning", "8", "--spectrum", f"{name}.tof.csv", "--stack-hdf5", f"{name}.stack.h5"], folder)
+            self.assertEqual(tof.returncode, 0, tof.stderr)
+            kinds += ["tof.csv", "stack.h5"]
+        outputs = {f"{name}.{kind}": (folder / f"{name}.{kind}").read_bytes() for kind in kinds}
         return {**outputs, f"{name}.summary.txt": inspect.stdout.encode()}
 
     def snapshot(self) -> dict[str, int]:
@@ -134,6 +140,8 @@ class CampaignWorkflowTest(unittest.TestCase):
                 self.assertEqual(row["status"], "ok")
                 self.assertEqual(row["events"], fields["records"])
                 self.assertIn(f"Total number of photons in file = {row['photons']}\n", log)
+                if not ARGS.profile:  # --cores 2 over three files: one thread each
+                    self.assertIn("$ KOVRA_THREADS=1 ", log)
                 self.assertEqual(f"{float(row['span_s']):.6g}", f"{float(fields['span'].split()[0]):.6g}")
                 self.assertEqual(f"{float(row['event_rate_per_s']):.6g}",
                                  f"{float(fields['mean'].split()[1]):.6g}")
@@ -142,8 +150,13 @@ class CampaignWorkflowTest(unittest.TestCase):
         markdown = (out / "campaign.md").read_text()
         self.assertIn("3 photon files: 2 processed, 1 failed.", markdown)
         self.assertIn(f"- `broken.kovraphot`: kovra_brantel ended abnormally (SIGABRT): {tool_message}", markdown)
-        for plot in ("campaign_pulse_shape.png", "campaign_event_map.png"):
+        for plot in ("campaign_pulse_shape.png", "campaign_event_map.png", "campaign_tof.png"):
             self.assertEqual((out / plot).read_bytes()[:8], b"\x89PNG\r\n\x1a\n")
+        # Only alpha has triggers: its stack is the sum, beta is listed without a spectrum.
+        self.assertFalse(list(out.glob("beta.tof.csv")))
+        self.assertIn("- `beta.kovraphot`: no spectrum (trigger list absent)", markdown)
+        self.assertIn("`campaign_stack.h5`: the stacks of 1 files summed.", markdown)
+        self.assertEqual((out / "campaign_stack.h5").read_bytes()[:8], b"\x89HDF\r\n\x1a\n")
 
         # Nothing new: nothing is done, nothing is touched.
         before = self.snapshot()
@@ -159,7 +172,7 @@ class CampaignWorkflowTest(unittest.TestCase):
         after = self.snapshot()
         changed = sorted(path for path in after if before.get(path) != after[path])
         self.assertEqual(changed, ["campaign.csv", "campaign.md", "campaign_event_map.png",
-                                   "campaign_pulse_shape.png", "gamma.h5", "gamma.kovraevent", "gamma.png",
+                                   "campaign_pulse_shape.png", "campaign_stack.h5", "campaign_tof.png", "gamma.h5", "gamma.kovraevent", "gamma.png",
                                    "gamma.summary.txt", "logs/campaign_report.log", "logs/gamma.log",
                                    "status/gamma.json", "status/gamma.npz"])
         self.assertEqual(self.direct_run("gamma")["gamma.kovraevent"], (out / "gamma.kovraevent").read_bytes())

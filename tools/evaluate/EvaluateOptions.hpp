@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "kovra/Worker_Pool.hpp"
 
 namespace kovra::evaluate {
 
@@ -46,6 +47,7 @@ struct Evaluate_Options {
   double mergeMax = 0.02;
   std::optional<std::string> csvFile;
   std::optional<std::string> plotDir;
+  std::optional<unsigned> threads;  ///< settings scanned at once; none: get_threadCount()
   bool helpRequested = false;
   bool versionRequested = false;
 };
@@ -73,6 +75,7 @@ inline std::string get_evaluateHelp() {
          "      --csv FILE            write one row per setting to FILE\n"
          "      --plots DIR           write heat maps over the grid and the pulse-shape histograms of the best\n"
          "                            setting as PNG files into DIR (needs Debian's python3-matplotlib)\n"
+         "      --threads N           settings scanned at once (default: the cores it may use, or KOVRA_THREADS)\n"
          "  -h, --help                print this help and exit\n"
          "      --version             print the version and exit\n"
          "\n"
@@ -128,7 +131,7 @@ inline std::string check_algorithm(const std::string& option, const std::string&
 inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
   enum : int {
     dTimeExt = 256, algorithm, dSpaceGrid, dTimeGrid, algorithmGrid, durationMaxGrid, truth, fomPhotons, mergeMax,
-    csv, plots
+    csv, plots, threads
   };
   static const option longOptions[] = {{"dSpace", required_argument, nullptr, 's'},
                                        {"dTime", required_argument, nullptr, 't'},
@@ -144,6 +147,7 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
                                        {"merge-max", required_argument, nullptr, mergeMax},
                                        {"csv", required_argument, nullptr, csv},
                                        {"plots", required_argument, nullptr, plots},
+                                       {"threads", required_argument, nullptr, threads},
                                        {"help", no_argument, nullptr, 'h'},
                                        tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
@@ -229,6 +233,9 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
         break;
       case plots:
         options.plotDir = value;
+        break;
+      case threads:
+        options.threads = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));
         break;
       case 'h':
         options.helpRequested = true;

@@ -3,23 +3,25 @@
 // A scan: every setting of a grid run over one loaded photon list, scored, the best one picked, and the table
 // written as CSV.
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <mutex>
 #include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "convert_durationMax.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
 #include "inspect/Progress.hpp"
+#include "kovra/Worker_Pool.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "reconstructEvents_switchAlgorithm.hpp"
 
 namespace kovra::evaluate {
 
@@ -35,7 +37,7 @@ struct Setting {
     using kovra::tpx3spidr::Length;
     using kovra::tpx3spidr::Time;
     return {Length::from_pixels(dSpace_px), Time::make_from_seconds<true>(dTime_s), dTime_ext,
-            convert_durationMax(durationMax_s)};
+            kovra::tpx3spidr::convert_durationMax(durationMax_s)};
   }
 };
 
@@ -70,19 +72,26 @@ inline Reconstruction_Metrics evaluate_setting(const Setting& setting, const kov
   return evaluator.evaluate(events.events, memberships, fomMinPhotons, eventClasses);
 }
 
-/// Every setting in grid order, with a progress line.
+/// Every setting in grid order, with a progress line; `threads` settings at once, each with memberships of its
+/// own (the rows are the same whatever the count).
 inline std::vector<Scan_Row> run_scan(const Settings_Grid& grid, const kovra::tpx3spidr::Data_PhotonEvents& photons,
                                       const Evaluator& evaluator, std::uint64_t fomMinPhotons,
-                                      kovra::inspect::Progress& progress) {
-  Photon_Memberships memberships(photons.size());
-  std::vector<Scan_Row> rows;
+                                      kovra::inspect::Progress& progress, unsigned threads) {
   const auto settings = get_settings(grid);
+  std::vector<Scan_Row> rows(settings.size());
   progress.set_label("scan");
   progress.start(settings.size());
-  for (const auto& setting : settings) {
-    rows.push_back({setting, evaluate_setting(setting, photons, evaluator, memberships, fomMinPhotons)});
-    progress.advance(1);
-  }
+  std::atomic<std::size_t> next{0};
+  std::mutex progressMutex;
+  kovra::Worker_Pool pool(static_cast<unsigned>(std::min<std::size_t>(threads, settings.size())), [&](unsigned) {
+    Photon_Memberships memberships(photons.size());
+    for (std::size_t k = next++; k < settings.size(); k = next++) {
+      rows[k] = {settings[k], evaluate_setting(settings[k], photons, evaluator, memberships, fomMinPhotons)};
+      const std::lock_guard lock(progressMutex);
+      progress.advance(1);
+    }
+  });
+  pool.join();
   progress.finish();
   return rows;
 }

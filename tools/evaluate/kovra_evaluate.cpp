@@ -1,8 +1,6 @@
 // kovra_evaluate: scores event reconstructions of a simulated photon file against its true flashes, for one
 // setting or a grid of them, and writes the table and the plots.
 
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/PythonScript.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
 #include "evaluate/Scan.hpp"
@@ -23,31 +22,9 @@
 #include "inspect/Progress.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
-extern char** environ;
-
 namespace {
 
 using namespace kovra::evaluate;
-
-/// Runs the plotting script installed beside this program: KOVRA_PYTHON, or Debian's /usr/bin/python3.
-void run_plotScript(const std::string& plotDir) {
-  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
-  const std::string script = (self.parent_path() / "kovra_plot_scan.py").string();
-  const char* python = std::getenv("KOVRA_PYTHON");
-  const std::string interpreter = python && *python ? python : "/usr/bin/python3";
-  std::vector<std::string> args = {interpreter, script, plotDir};
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  if (posix_spawn(&pid, interpreter.c_str(), nullptr, nullptr, argv.data(), environ) != 0) {
-    throw std::runtime_error("cannot run '" + interpreter + "' for the plots");
-  }
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    throw std::runtime_error("the plotting script '" + script + "' failed");
-  }
-}
 
 void print_table(std::ostream& out, const std::vector<Scan_Row>& rows, std::size_t best) {
   char line[256];
@@ -74,7 +51,8 @@ void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& pro
     if (index >= 0) fomClasses[c] = truth.classNames[static_cast<std::size_t>(index)];
   }
 
-  const auto rows = run_scan(options.grid, photons, evaluator, options.fomMinPhotons, progress);
+  const unsigned threads = options.threads ? *options.threads : kovra::get_threadCount();
+  const auto rows = run_scan(options.grid, photons, evaluator, options.fomMinPhotons, progress, threads);
   const std::size_t best = find_best(rows, options.mergeMax);
   if (rows.size() > 1) {
     print_table(std::cout, rows, best);
@@ -92,7 +70,7 @@ void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& pro
     evaluate_setting(rows[best].setting, photons, evaluator, memberships, options.fomMinPhotons, &eventClasses);
     write_scanCsv(dir + "/scan.csv", rows, best);
     write_psdCsv(dir + "/psd_best.csv", eventClasses, truth.classNames, options.fomMinPhotons);
-    run_plotScript(dir);
+    kovra::tools::run_pythonScript("kovra_plot_scan.py", {dir});
     std::cout << "plots: " << dir << "/heatmaps.png, " << dir << "/psd_best.png\n";
   }
 }

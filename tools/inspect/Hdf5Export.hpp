@@ -99,6 +99,13 @@ class H5_Writer {
     check(H5Awrite(attribute.get(), H5T_NATIVE_DOUBLE, &value));
   }
 
+  void write_countAttribute(hid_t object, const std::string& name, std::uint64_t value) const {
+    const H5_Handle space = handle(H5Screate(H5S_SCALAR), H5Sclose);
+    const H5_Handle attribute =
+        handle(H5Acreate2(object, name.c_str(), H5T_STD_U64LE, space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
+    check(H5Awrite(attribute.get(), H5T_NATIVE_UINT64, &value));
+  }
+
   /// A one-dimensional dataset of `count` entries of `type`, without modification times.
   H5_Handle create_dataset(hid_t file, const char* name, hid_t type, std::uint64_t count) const {
     const hsize_t dims[1] = {count};
@@ -106,6 +113,26 @@ class H5_Writer {
     const H5_Handle properties = handle(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     check(H5Pset_obj_track_times(properties.get(), false));
     return handle(H5Dcreate2(file, name, type, space.get(), H5P_DEFAULT, properties.get(), H5P_DEFAULT), H5Dclose);
+  }
+
+  /// An n-dimensional dataset of `type`, without modification times; with `chunk` given, stored in chunks of that
+  /// shape, byte-shuffled and deflated (level 4).
+  H5_Handle create_array(hid_t file, const char* name, hid_t type, const std::vector<hsize_t>& dims,
+                         const std::vector<hsize_t>& chunk = {}) const {
+    const H5_Handle space = handle(H5Screate_simple(static_cast<int>(dims.size()), dims.data(), nullptr), H5Sclose);
+    const H5_Handle properties = handle(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+    check(H5Pset_obj_track_times(properties.get(), false));
+    if (!chunk.empty()) {
+      check(H5Pset_chunk(properties.get(), static_cast<int>(chunk.size()), chunk.data()));
+      check(H5Pset_shuffle(properties.get()));
+      check(H5Pset_deflate(properties.get(), 4));
+    }
+    return handle(H5Dcreate2(file, name, type, space.get(), H5P_DEFAULT, properties.get(), H5P_DEFAULT), H5Dclose);
+  }
+
+  /// Writes a whole dataset at once from memory laid out as `type`.
+  void write_all(hid_t dataset, hid_t type, const void* data) const {
+    check(H5Dwrite(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, data));
   }
 
   /// Writes `entries` (in memory as `type`) to the dataset at entry `offset`.

@@ -5,26 +5,54 @@
 
 #include <cstdint>
 #include <fstream>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 
 #include "inspect/CsvExport.hpp"
 #include "inspect/Hdf5Export.hpp"
+#include "inspect/HistogramPass.hpp"
 #include "inspect/InspectOptions.hpp"
 #include "inspect/PngExport.hpp"
 #include "inspect/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 #include "inspect/Summary.hpp"
+#include "inspect/TriggerFile.hpp"
 
 namespace kovra::inspect {
+
+/// The image of the records the selection takes (all of them when there is none); returns how many of those lie
+/// outside it.
+template <typename Record_Type>
+std::uint64_t write_selectedImage(const Inspect_Options& options, const RecordFile<Record_Type>& file,
+                                  Progress& progress) {
+  const Record_Selection<Length> selection = options.selection.get_selection();
+  if (options.selection.text.empty()) {
+    return write_positionImage(*options.imageFile, file, options.size_px, options.binning, &progress);
+  }
+  std::optional<TriggerFile_Clock<Record_Type>> clock;
+  if (selection.uses_timeOfFlight()) clock.emplace(file);
+  return write_positionImage(*options.imageFile, file, options.size_px, options.binning, &progress,
+                             [&](const Record_Type& record) {
+                               return selection.accepts(record) &&
+                                      (!clock || selection.accepts_timeOfFlight(clock->get(get_recordTime(record))));
+                             });
+}
 
 /// Writes the outputs of one opened file. `out` takes the summary and `--csv -`, `notes` the remarks.
 template <typename Record_Type>
 void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& file, std::ostream& out,
                  std::ostream& notes, Progress& progress) {
-  if (options.imageFile) {
+  if (options.imageFile || (options.plotFile && options.binningGiven)) {
     Position_Histogram2D::get_geometry(options.size_px, options.binning);  // fails before any walk
+  }
+  // The trigger list, the bins and the stack's size are checked before anything is written.
+  std::optional<Histogram_Outputs<Record_Type>> histograms;
+  if (options.wants_histogramPass()) {
+    histograms.emplace(options, file);
+  } else if (options.wants_timeOfFlight()) {
+    const TriggerFile_Clock<Record_Type> check(file);
   }
   if (options.summary) {
     progress.set_label("summary");
@@ -46,14 +74,14 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
   }
   if (options.imageFile) {
     progress.set_label("image");
-    const std::uint64_t outside =
-        write_positionImage(*options.imageFile, file, options.size_px, options.binning, &progress);
+    const std::uint64_t outside = write_selectedImage(options, file, progress);
     if (outside != 0) {
       notes << "kovra_inspect: " << outside << " of " << file.size() << " " << Record_Traits<Record_Type>::name
             << " lie outside the image of " << options.size_px << " x " << options.size_px
             << " pixels and were left out\n";
     }
   }
+  if (histograms) histograms->run(out, notes, progress);
 }
 
 /// Picks the reader by the file's extension and runs; the library reader's exceptions pass through.

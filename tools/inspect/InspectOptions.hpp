@@ -4,7 +4,11 @@
 
 #include <getopt.h>
 
+#include <algorithm>
+#include <array>
 #include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -12,8 +16,40 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "kovra/Record_Selection.hpp"
+#include "kovra/TimeOfFlight_Bins.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace kovra::inspect {
+
+/// The bounds of a selection as given, in pixels and seconds; converted to raw units with the library's rounding.
+struct Selection_Options {
+  std::optional<double> psdMin_s, psdMax_s;
+  std::optional<std::uint64_t> photonsMin, photonsMax;
+  std::optional<double> tofMin_s, tofMax_s;
+  std::optional<std::array<double, 4>> region_px;  ///< x0, y0, x1, y1
+  std::string text;                               ///< the options as given, for the outputs to name them
+
+  bool uses_eventFields() const { return psdMin_s || psdMax_s || photonsMin || photonsMax; }
+
+  kovra::Record_Selection<tpx3spidr::Length> get_selection() const {
+    using tpx3spidr::Length;
+    using tpx3spidr::Time;
+    kovra::Record_Selection<Length> s;
+    s.psdMin = psdMin_s;
+    s.psdMax = psdMax_s;
+    s.photonsMin = photonsMin;
+    s.photonsMax = photonsMax;
+    if (tofMin_s) s.tofMin = static_cast<TimeOfFlight_Ticks>(Time::make_from_seconds<true>(*tofMin_s).value);
+    if (tofMax_s) s.tofMax = static_cast<TimeOfFlight_Ticks>(Time::make_from_seconds<true>(*tofMax_s).value);
+    if (region_px) {
+      const auto& r = *region_px;
+      s.region = kovra::Detector_Region<Length>{Length::from_pixels(r[0]), Length::from_pixels(r[1]),
+                                                Length::from_pixels(r[2]), Length::from_pixels(r[3])};
+    }
+    return s;
+  }
+};
 
 /// The settings of one run. Without an export option the summary is printed; `--summary` prints it as well.
 struct Inspect_Options {
@@ -26,6 +62,26 @@ struct Inspect_Options {
   std::optional<std::string> imageFile;
   int size_px = 256;
   double binning = 1.0;
+  bool binningGiven = false;  ///< the figure's map chooses its own cells otherwise
+  std::optional<std::string> spectrumFile;  ///< "-" for standard output
+  std::optional<std::string> stackHdf5File;
+  std::optional<std::string> stackTiffFile;
+  std::optional<std::string> plotFile;
+  std::size_t tofBins = 100;
+  kovra::TimeOfFlight_Bins::Spacing tofSpacing = kovra::TimeOfFlight_Bins::Spacing::linear;
+  std::uint64_t stackMemory_MiB = 1024;
+  Selection_Options selection;
+
+  bool wants_stack() const { return stackHdf5File || stackTiffFile; }
+  /// Whether the run needs the time of flight of every record, so a trigger list.
+  bool wants_timeOfFlight() const { return spectrumFile || wants_stack() || selection.tofMin_s || selection.tofMax_s; }
+  bool wants_histogramPass() const { return spectrumFile || wants_stack() || plotFile; }
+};
+
+/// Values getopt_long returns for the long options without a short form.
+enum Inspect_LongOption : int {
+  spectrum = 0x100, stackHdf5, stackTiff, plot, tofBins, tofLog, tofMin, tofMax, psdMin, psdMax, photonsMin,
+  photonsMax, region, stackMemory
 };
 
 inline const std::vector<option>& get_inspectLongOptions() {
@@ -33,6 +89,20 @@ inline const std::vector<option>& get_inspectLongOptions() {
       {"summary", no_argument, nullptr, 's'},       {"csv", required_argument, nullptr, 'c'},
       {"hdf5", required_argument, nullptr, 'H'},    {"image", required_argument, nullptr, 'i'},
       {"binning", required_argument, nullptr, 'b'}, {"size", required_argument, nullptr, 'S'},
+      {"spectrum", required_argument, nullptr, spectrum},
+      {"stack-hdf5", required_argument, nullptr, stackHdf5},
+      {"stack-tiff", required_argument, nullptr, stackTiff},
+      {"plot", required_argument, nullptr, plot},
+      {"tof-bins", required_argument, nullptr, tofBins},
+      {"tof-log", no_argument, nullptr, tofLog},
+      {"tof-min", required_argument, nullptr, tofMin},
+      {"tof-max", required_argument, nullptr, tofMax},
+      {"psd-min", required_argument, nullptr, psdMin},
+      {"psd-max", required_argument, nullptr, psdMax},
+      {"photons-min", required_argument, nullptr, photonsMin},
+      {"photons-max", required_argument, nullptr, photonsMax},
+      {"region", required_argument, nullptr, region},
+      {"stack-memory", required_argument, nullptr, stackMemory},
       {"help", no_argument, nullptr, 'h'},          tools::versionLongOption,
       {nullptr, 0, nullptr, 0}};
   return options;
@@ -52,6 +122,27 @@ inline std::string get_inspectHelp() {
          "  -i, --image FILE.png    write a map of the record positions as a PNG image, log colour scale\n"
          "  -b, --binning PX        detector pixels per image pixel, at least 1/65536 (default 1)\n"
          "      --size PX           detector width and height in pixels covered by the image (default 256)\n"
+         "      --spectrum FILE     write the time-of-flight spectrum as CSV to FILE ('-' for standard output)\n"
+         "      --stack-hdf5 FILE   write an image per time-of-flight bin (bins x rows x columns, cells of\n"
+         "                          --binning pixels over --size) as an HDF5 file\n"
+         "      --stack-tiff FILE   write the same stack as a multi-page TIFF, one page per bin\n"
+         "      --plot FILE.png     draw a figure of an event file: event map, photons per event, pulse-shape\n"
+         "                          value and, when the file has triggers, the time-of-flight spectrum\n"
+         "\n"
+         "Time of flight: a record's time minus the latest trigger at or before it.\n"
+         "      --tof-bins N        number of time-of-flight bins, 1 to 1000000 (default 100)\n"
+         "      --tof-log           logarithmic bins instead of equal ones (needs --tof-min above 0)\n"
+         "      --tof-min S         start of the bins, seconds (default 0)\n"
+         "      --tof-max S         end of the bins, seconds (default: the longest interval between\n"
+         "                          consecutive triggers)\n"
+         "      --stack-memory MIB  largest stack to hold in memory, MiB (default 1024)\n"
+         "\n"
+         "Selections, for the spectrum, the stacks, the image and the plot (--tof-min and --tof-max, when given,\n"
+         "select the time of flight in [min, max) as well):\n"
+         "      --psd-min S, --psd-max S          pulse-shape value within these, seconds (event files)\n"
+         "      --photons-min N, --photons-max N  photons per event within these (event files)\n"
+         "      --region X0,Y0,X1,Y1              position in [X0, X1) x [Y0, Y1), pixels\n"
+         "\n"
          "  -h, --help              print this help and exit\n"
          "      --version           print the version and exit\n"
          "\n"
@@ -64,6 +155,14 @@ inline std::string get_inspectHelp() {
 
 namespace options_detail {
 
+/// A bound as the messages show it: whole numbers in full ("1000000"), others in the shortest exact form.
+inline std::string format_bound(double value) {
+  if (value == std::floor(value) && std::fabs(value) < 1e15) return std::to_string(static_cast<std::int64_t>(value));
+  char text[32];
+  const auto result = std::to_chars(text, text + sizeof text, value);
+  return {text, result.ptr};
+}
+
 template <typename Number_Type>
 Number_Type parse_number(const char* name, const char* text) {
   Number_Type value{};
@@ -73,6 +172,102 @@ Number_Type parse_number(const char* name, const char* text) {
     throw std::invalid_argument(std::string("option --") + name + " needs a number, not \"" + text + "\"");
   }
   return value;
+}
+
+/// A real number that is finite and within [lo, hi], else the bad-usage line naming the option and the bounds.
+inline double parse_bounded(const char* name, const char* text, double lo, double hi, const char* unit) {
+  const double value = parse_number<double>(name, text);
+  if (!(value >= lo && value <= hi)) {
+    throw std::invalid_argument(std::string("option --") + name + " must be between " + format_bound(lo) + " and " +
+                                format_bound(hi) + unit);
+  }
+  return value;
+}
+
+inline std::array<double, 4> parse_region(const char* text) {
+  std::array<double, 4> corners{};
+  std::string rest = text;
+  for (std::size_t i = 0; i < 4; ++i) {
+    const std::size_t comma = rest.find(',');
+    if ((comma == std::string::npos) != (i == 3)) {
+      throw std::invalid_argument(std::string("option --region needs X0,Y0,X1,Y1 in pixels, not \"") + text + "\"");
+    }
+    corners[i] = parse_bounded("region", rest.substr(0, comma).c_str(), -32768, 32768, " pixels");
+    rest = comma == std::string::npos ? "" : rest.substr(comma + 1);
+  }
+  if (!(corners[0] < corners[2] && corners[1] < corners[3])) {
+    throw std::invalid_argument("option --region needs X0 < X1 and Y0 < Y1");
+  }
+  return corners;
+}
+
+/// Reads one option of the time-of-flight outputs or the selection; false for an option of neither.
+inline bool parse_timeOfFlightOption(int c, const char* value, Inspect_Options& options) {
+  using tpx3spidr::Time;
+  Selection_Options& s = options.selection;
+  switch (c) {
+    case spectrum: options.spectrumFile = value; return true;
+    case stackHdf5: options.stackHdf5File = value; return true;
+    case stackTiff: options.stackTiffFile = value; return true;
+    case plot: options.plotFile = value; return true;
+    case tofBins:
+      options.tofBins = static_cast<std::size_t>(parse_bounded("tof-bins", value, 1, 1e6, ""));
+      if (static_cast<double>(options.tofBins) != parse_number<double>("tof-bins", value)) {
+        throw std::invalid_argument("option --tof-bins needs a whole number");
+      }
+      return true;
+    case tofLog: options.tofSpacing = kovra::TimeOfFlight_Bins::Spacing::logarithmic; return true;
+    case stackMemory:
+      options.stackMemory_MiB = parse_number<std::uint64_t>("stack-memory", value);
+      if (options.stackMemory_MiB < 1 || options.stackMemory_MiB > (std::uint64_t{1} << 30)) {
+        throw std::invalid_argument("option --stack-memory must be between 1 and 1073741824 MiB");
+      }
+      return true;
+    default: break;
+  }
+  // The selection: its text is kept as given, for the outputs to say what they hold.
+  switch (c) {
+    case tofMin: s.tofMin_s = parse_bounded("tof-min", value, 0, Time::max_seconds, " s"); break;
+    case tofMax: s.tofMax_s = parse_bounded("tof-max", value, 0, Time::max_seconds, " s"); break;
+    case psdMin: s.psdMin_s = parse_bounded("psd-min", value, 0, 1e6, " s"); break;
+    case psdMax: s.psdMax_s = parse_bounded("psd-max", value, 0, 1e6, " s"); break;
+    case photonsMin: s.photonsMin = parse_number<std::uint64_t>("photons-min", value); break;
+    case photonsMax: s.photonsMax = parse_number<std::uint64_t>("photons-max", value); break;
+    case region: s.region_px = parse_region(value); break;
+    default: return false;
+  }
+  const option& named = *std::find_if(get_inspectLongOptions().begin(), get_inspectLongOptions().end(),
+                                      [c](const option& o) { return o.val == c; });
+  s.text += std::string(s.text.empty() ? "" : " ") + "--" + named.name + " " + value;
+  return true;
+}
+
+/// The checks between options, once all are read.
+inline void check_inspectOptions(const Inspect_Options& options) {
+  const Selection_Options& s = options.selection;
+  if (s.tofMin_s && s.tofMax_s && !(*s.tofMin_s < *s.tofMax_s)) {
+    throw std::invalid_argument("option --tof-max must be larger than --tof-min");
+  }
+  if (options.tofSpacing == kovra::TimeOfFlight_Bins::Spacing::logarithmic && !(s.tofMin_s.value_or(0) > 0)) {
+    throw std::invalid_argument("option --tof-log needs --tof-min above 0");
+  }
+  if (s.psdMin_s && s.psdMax_s && *s.psdMin_s > *s.psdMax_s) {
+    throw std::invalid_argument("option --psd-max must not be smaller than --psd-min");
+  }
+  if (s.photonsMin && s.photonsMax && *s.photonsMin > *s.photonsMax) {
+    throw std::invalid_argument("option --photons-max must not be smaller than --photons-min");
+  }
+  const bool events = options.inputFile.ends_with(".kovraevent");
+  if (!events && s.uses_eventFields()) {
+    throw std::invalid_argument("the selections by pulse-shape value and photon count need an event file");
+  }
+  if (!events && options.plotFile) throw std::invalid_argument("option --plot needs an event file (.kovraevent)");
+  const int onStandardOutput = int{options.summary} + int{options.csvFile == "-"} + int{options.spectrumFile == "-"};
+  if (onStandardOutput > 1) {
+    throw std::invalid_argument(options.summary && options.csvFile == "-"
+                                    ? "the summary and --csv - cannot share standard output"
+                                    : "only one of the summary, --csv - and --spectrum - can go to standard output");
+  }
 }
 
 }  // namespace options_detail
@@ -100,6 +295,7 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
         break;
       case 'b':
         options.binning = options_detail::parse_number<double>("binning", optarg);
+        options.binningGiven = true;
         if (!(options.binning * 65536.0 >= 1.0) || !(options.binning <= 1e9)) {
           throw std::invalid_argument("option --binning must be between 1/65536 and 1e9 pixels");
         }
@@ -117,14 +313,14 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
         options.versionRequested = true;
         return options;
       default:
-        tools::throw_getoptError(c, argv);
+        if (!options_detail::parse_timeOfFlightOption(c, optarg, options)) tools::throw_getoptError(c, argv);
     }
   }
   options.inputFile = tools::take_singleInput(argc, argv);
-  if (!options.csvFile && !options.hdf5File && !options.imageFile) options.summary = true;
-  if (options.summary && options.csvFile == "-") {
-    throw std::invalid_argument("the summary and --csv - cannot share standard output");
+  if (!options.csvFile && !options.hdf5File && !options.imageFile && !options.wants_histogramPass()) {
+    options.summary = true;
   }
+  options_detail::check_inspectOptions(options);
   return options;
 }
 

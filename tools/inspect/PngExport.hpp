@@ -80,6 +80,10 @@ class Position_Histogram2D {
     return counts[static_cast<std::size_t>(std::int64_t{row} * side + column)];
   }
   std::uint64_t get_outside() const { return outside; }
+  /// Every bin, row after row from y = 0.
+  const std::vector<std::uint64_t>& get_counts() const { return counts; }
+  /// The width of a bin in pixels.
+  double get_bin_px() const { return static_cast<double>(binUnits) / static_cast<double>(Length::units_per_pixel); }
 
   /// The image as rows of RGB bytes, top row first.
   std::vector<std::uint8_t> render_rgb() const {
@@ -137,15 +141,18 @@ inline void write_png(const std::string& fileName, const Position_Histogram2D& h
   }
 }
 
-/// Bins the positions of every record of the file and writes the image; returns the number of records that
-/// fell outside it.
-template <typename Record_Type>
+/// Bins the positions of every record of the file that `accepts` (by default all) and writes the image; returns
+/// the number of those that fell outside it.
+template <typename Record_Type, typename Accept_Type = bool (*)(const Record_Type&)>
 std::uint64_t write_positionImage(const std::string& fileName, const RecordFile<Record_Type>& file, int size_px,
-                                  double binning, Progress* progress = nullptr) {
+                                  double binning, Progress* progress = nullptr,
+                                  Accept_Type&& accepts = [](const Record_Type&) { return true; }) {
   Position_Histogram2D histogram(size_px, binning);
   file.for_each_chunk(
       [&](std::span<const Record_Type> chunk) {
-        for (const Record_Type& record : chunk) histogram.add(record.x, record.y);
+        for (const Record_Type& record : chunk) {
+          if (accepts(record)) histogram.add(record.x, record.y);
+        }
       },
       progress);
   write_png(fileName, histogram);

@@ -77,6 +77,15 @@ class RecordFile {
     walk<Record_Type>(layout.records, function, progress);
   }
 
+  /// Reads `destination.size()` trigger times from the one at `first` on; the caller keeps within the list.
+  void read_extTriggers(std::uint64_t first, std::span<Time> destination) const {
+    const Block_Location& all = layout.extTriggers.value();
+    RecordCursor<Time> cursor(fileName, Block_Location{all.offset + first * sizeof(Time), all.count - first});
+    if (cursor.read(destination.data(), destination.size()) != destination.size()) {
+      throw std::invalid_argument("Read Error!");
+    }
+  }
+
   /// The same over the trigger times; calls nothing when the file has no trigger list or an empty one.
   template <typename Function_Type>
   void for_each_extTriggerChunk(Function_Type&& function) const {

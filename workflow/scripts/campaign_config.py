@@ -32,10 +32,17 @@ KNOWN_KEYS = (
     "paramsFile",
     "bin",
     "mapSize_px",
+    "tofBins",
+    "tofMax_s",
+    "stackBinning_px",
+    "threadsPerFile",
 )
 
 PHOTON_SUFFIX = ".kovraphot"
 DEFAULT_MAP_SIZE_PX = 256
+DEFAULT_TOF_BINS = 100
+# Cells of 8 pixels: a stack of 100 bins over 256 pixels is 400 kB per file.
+DEFAULT_STACK_BINNING_PX = 8
 
 # Slurm resources of one file's job. Memory is bounded whatever the file size (the tools stream), so it is fixed;
 # time grows with the photon file, with a wide margin over the throughput measured on a workstation.
@@ -60,6 +67,24 @@ class Campaign:
     brantel_args: tuple[str, ...]
     inspect_tool: str
     map_size_px: int
+    tof_args: tuple[str, ...]  # kovra_inspect's options for the time-of-flight spectrum and stack
+    threads_per_file: int | None = None  # kovra_brantel's threads per photon file; None: shared out (threads_for)
+
+
+# Threads per file where the cores to share are not known (a cluster job): a node's share that keeps a job's
+# wait in the queue short.
+CLUSTER_THREADS_PER_FILE = 4
+
+
+def threads_for(campaign: Campaign, cores: Any) -> int:
+    """kovra_brantel's threads for each photon file: "threadsPerFile" when set, else the cores given to Snakemake
+    (--cores) shared out over the files, at least one each; under a cluster, where the cores are not one
+    machine's, CLUSTER_THREADS_PER_FILE. A file's events do not depend on it."""
+    if campaign.threads_per_file is not None:
+        return campaign.threads_per_file
+    if not isinstance(cores, int) or cores <= 0 or cores >= 1 << 20:
+        return CLUSTER_THREADS_PER_FILE
+    return max(1, cores // max(1, len(campaign.names)))
 
 
 def job_minutes(photon_file_bytes: int) -> int:
@@ -199,6 +224,24 @@ def check_campaign(config: Mapping[str, Any]) -> Campaign:
     if not map_size_number.is_integer() or map_size_number > 32768:
         raise CampaignConfigError(f'"mapSize_px" must be a whole number from 1 to 32768, got {map_size!r}')
 
+    tof_bins = _number("tofBins", DEFAULT_TOF_BINS if given("tofBins") is None else given("tofBins"), 1.0, False)
+    if not tof_bins.is_integer() or tof_bins > 1e6:
+        raise CampaignConfigError(f'"tofBins" must be a whole number from 1 to 1000000, got {given("tofBins")!r}')
+    tof_args = ["--tof-bins", _format_number(tof_bins)]
+    if given("tofMax_s") is not None:
+        tof_args += ["--tof-max", _format_number(_number("tofMax_s", given("tofMax_s"), 0.0, True))]
+    stack_binning = given("stackBinning_px")
+    stack_binning = DEFAULT_STACK_BINNING_PX if stack_binning is None else stack_binning
+    tof_args += ["--size", _format_number(map_size_number), "--binning",
+                 _format_number(_number("stackBinning_px", stack_binning, 1.0 / 65536, False))]
+
+    threads_per_file = None
+    if given("threadsPerFile") is not None:
+        threads = _number("threadsPerFile", given("threadsPerFile"), 1.0, False)
+        if not threads.is_integer() or threads > 1024:
+            raise CampaignConfigError(f'"threadsPerFile" must be a whole number from 1 to 1024, got {given("threadsPerFile")!r}')
+        threads_per_file = int(threads)
+
     bin_dir = given("bin")
     if bin_dir is not None:
         bin_dir = _text("bin", bin_dir)
@@ -218,4 +261,6 @@ def check_campaign(config: Mapping[str, Any]) -> Campaign:
         brantel_args=(brantel, *args),
         inspect_tool=inspect,
         map_size_px=int(map_size_number),
+        tof_args=tuple(tof_args),
+        threads_per_file=threads_per_file,
     )

@@ -1,4 +1,5 @@
-"""The campaign report: one table row per photon file (CSV and Markdown) and two combined plots (PNG).
+"""The campaign report: one table row per photon file (CSV and Markdown), three combined plots (PNG) and the summed
+time-of-flight stack (HDF5).
 
 Runs as a Snakemake `script:` under Snakemake's own Python (NumPy, matplotlib). It reads only the small status and
 histogram files of each photon file, so it takes seconds however large the campaign's data.
@@ -12,6 +13,7 @@ import sys
 from pathlib import Path
 from typing import Any, Sequence
 
+import h5py
 import matplotlib
 
 matplotlib.use("Agg")
@@ -79,7 +81,7 @@ def markdown_cell(text: str) -> str:
     return text.replace("|", "\\|").replace("\n", " ")
 
 
-def markdown_text(statuses: Sequence[dict[str, Any]], plots: Sequence[str]) -> str:
+def markdown_text(statuses: Sequence[dict[str, Any]], plots: Sequence[str], tof_lines: Sequence[str] = ()) -> str:
     good = [status for status in statuses if status["status"] == "ok"]
     failed = [status for status in statuses if status["status"] != "ok"]
     lines = [
@@ -111,6 +113,8 @@ def markdown_text(statuses: Sequence[dict[str, Any]], plots: Sequence[str]) -> s
         lines += ["", "## Failed files", ""]
         for status in failed:
             lines.append(f"- `{status['file']}`: {status.get('exit', '')}: {markdown_cell(status['message'])}")
+    if tof_lines:
+        lines += ["", "## Time of flight", "", *tof_lines]
     lines += ["", "## Plots", ""]
     lines += [f"![{plot}]({plot})" for plot in plots]
     return "\n".join(lines) + "\n"
@@ -160,8 +164,62 @@ def plot_event_map(event_map: np.ndarray, n_files: int, target: Path) -> None:
     save_figure(figure, target)
 
 
+def read_spectrum(path: Path) -> tuple[np.ndarray, np.ndarray]:
+    """Counts and edges (ticks) of a spectrum CSV of kovra_inspect."""
+    with open(path, newline="", encoding="utf-8") as stream:
+        rows = list(csv.DictReader(stream))
+    edges = np.array([int(row["tof_lo"]) for row in rows] + [int(rows[-1]["tof_hi"])], dtype=np.uint64)
+    return np.array([int(row["events"]) for row in rows], dtype=np.int64), edges
+
+
+def plot_spectra(spectra: dict[str, tuple[np.ndarray, np.ndarray]], tick_s: float, target: Path) -> None:
+    figure, axes = plt.subplots(figsize=(8, 5))
+    for name, (counts, edges) in spectra.items():
+        axes.stairs(counts, edges.astype(np.float64) * tick_s * 1e6, label=f"{name} ({int(counts.sum())})")
+    if spectra:
+        axes.set_xlabel("time of flight since the latest trigger (µs)")
+        axes.set_ylabel("events per bin")
+        if len(spectra) <= 12:
+            axes.legend(fontsize=8)
+    else:
+        axes.text(0.5, 0.5, "no file with triggers", ha="center", va="center", transform=axes.transAxes)
+    axes.set_title(f"Time-of-flight spectra, {len(spectra)} files")
+    save_figure(figure, target)
+
+
+def sum_stacks(stack_paths: dict[str, Path], target: Path) -> tuple[list[str], list[str]]:
+    """Adds the stacks of equal bins and cells (those of the first file); returns the files summed and those left
+    out. Written as /stack (unsigned 64-bit [bins, rows, columns]), /tof_edges (ticks) and the names in "files"."""
+    summed: np.ndarray | None = None
+    edges: np.ndarray | None = None
+    cell_px = 0.0
+    used: list[str] = []
+    other: list[str] = []
+    for name, path in stack_paths.items():
+        with h5py.File(path, "r") as h5:
+            stack, file_edges = h5["stack"][:], h5["tof_edges"][:]
+            if summed is None:
+                summed, edges, cell_px = stack.astype(np.uint64), file_edges, float(h5["stack"].attrs["cell_px"])
+            elif stack.shape == summed.shape and np.array_equal(file_edges, edges):
+                summed += stack
+            else:
+                other.append(name)
+                continue
+        used.append(name)
+    partial = atomic_files.partial_path(target)
+    with h5py.File(partial, "w") as h5:
+        h5.attrs["files"] = ",".join(used)
+        if summed is not None and edges is not None:
+            h5.create_dataset("stack", data=summed, chunks=(1, *summed.shape[1:]), compression="gzip", shuffle=True)
+            h5["stack"].attrs.update({"axes": "tof,y,x", "unit": "events per cell", "cell_px": cell_px})
+            h5.create_dataset("tof_edges", data=edges)
+            h5["tof_edges"].attrs.update({"unit": "s", "scale": 1.5625e-9})
+    atomic_files.publish(partial, target)
+    return used, other
+
+
 def write_report(status_paths: Sequence[Path], csv_path: Path, markdown_path: Path, pulse_shape_png: Path,
-                 event_map_png: Path, map_size_px: int) -> list[dict[str, Any]]:
+                 event_map_png: Path, map_size_px: int, tof_png: Path, stack_h5: Path) -> list[dict[str, Any]]:
     pairs = sorted(((read_status(path), path) for path in status_paths), key=lambda pair: str(pair[0]["file"]))
     statuses = [status for status, _ in pairs]
     event_map = np.zeros((map_size_px, map_size_px), dtype=np.int64)
@@ -184,8 +242,22 @@ def write_report(status_paths: Sequence[Path], csv_path: Path, markdown_path: Pa
 
     plot_pulse_shape(psd_counts, psd_edges, outside, len(good), pulse_shape_png)
     plot_event_map(event_map, len(good), event_map_png)
+
+    # Each file's spectrum and stack lie beside its event file, one folder above its status file.
+    stem = {status["file"]: status["file"].removesuffix(".kovraphot") for status, _ in good}
+    with_tof = [(status, path) for status, path in good if status.get("tof") == "ok"]
+    spectra = {stem[s["file"]]: read_spectrum(p.parent.parent / f"{stem[s['file']]}.tof.csv") for s, p in with_tof}
+    plot_spectra(spectra, 1.5625e-9, tof_png)
+    summed, other = sum_stacks({stem[s["file"]]: p.parent.parent / f"{stem[s['file']]}.stack.h5" for s, p in with_tof},
+                               stack_h5)
+    tof_lines = [f"- `{stem[s['file']]}.tof.csv`" if s.get("tof") == "ok"
+                 else f"- `{markdown_cell(s['file'])}`: no spectrum ({markdown_cell(s.get('tof_message', ''))})"
+                 for s, _ in good]
+    tof_lines += ["", f"`{stack_h5.name}`: the stacks of {len(summed)} files summed"
+                  + (f"; left out, other bins or cells: {', '.join(other)}" if other else "") + "."]
     atomic_files.write_text(csv_path, csv_text(statuses))
-    atomic_files.write_text(markdown_path, markdown_text(statuses, [pulse_shape_png.name, event_map_png.name]))
+    atomic_files.write_text(markdown_path, markdown_text(statuses, [pulse_shape_png.name, event_map_png.name,
+                                                                    tof_png.name], tof_lines))
     return statuses
 
 
@@ -197,6 +269,8 @@ def main(snakemake: Any) -> None:
         pulse_shape_png=Path(snakemake.output.pulse_shape),
         event_map_png=Path(snakemake.output.event_map),
         map_size_px=int(snakemake.params.map_size_px),
+        tof_png=Path(snakemake.output.tof),
+        stack_h5=Path(snakemake.output.stack),
     )
     failed = [status for status in statuses if status["status"] != "ok"]
     print(f"campaign report: {len(statuses)} files, {len(failed)} failed", file=sys.stderr)

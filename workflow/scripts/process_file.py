@@ -8,12 +8,13 @@ campaign report, and the file's stale outputs from an earlier run are removed.
 
 
 import json
+import os
 import re
 import signal
 import subprocess
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Sequence
+from typing import Any, Mapping, Sequence
 
 import h5py
 import numpy as np
@@ -24,6 +25,7 @@ CHUNK_RECORDS = 1 << 20
 # Pulse-shape values are collected in fixed logarithmic bins (seconds), so that files can be added up.
 PSD_EDGES_S = np.logspace(-11.0, -3.0, 401)
 PHOTON_COUNT_LINE = re.compile(r"Total number of photons in file = (\d+)")
+TRIGGER_LINE = re.compile(r"^ext\. triggers (.*)$", re.MULTILINE)
 
 
 @dataclass(frozen=True)
@@ -49,8 +51,16 @@ class FileOutputs:
     def image(self) -> Path:
         return self.output_dir / f"{self.name}.png"
 
+    @property
+    def tof(self) -> Path:
+        return self.output_dir / f"{self.name}.tof.csv"
+
+    @property
+    def stack(self) -> Path:
+        return self.output_dir / f"{self.name}.stack.h5"
+
     def published(self) -> tuple[Path, ...]:
-        return (self.events, self.summary, self.hdf5, self.image)
+        return (self.events, self.summary, self.hdf5, self.image, self.tof, self.stack)
 
 
 def describe_exit(tool: str, returncode: int) -> str:
@@ -71,9 +81,14 @@ def tool_message(stderr: str) -> str:
     return " / ".join(line.strip() for line in stderr.splitlines() if line.strip())
 
 
-def run_tool(command: Sequence[str], log: Any, cwd: Path | None = None) -> subprocess.CompletedProcess[str]:
-    result = subprocess.run(list(command), cwd=cwd, capture_output=True, text=True, errors="replace")
-    log.write(f"$ {' '.join(command)}\n")
+def run_tool(command: Sequence[str], log: Any, cwd: Path | None = None,
+             environment: Mapping[str, str] | None = None) -> subprocess.CompletedProcess[str]:
+    """Runs a tool, with `environment` added to this process's, and logs the command, what it said and how it
+    ended."""
+    extra = dict(environment or {})
+    result = subprocess.run(list(command), cwd=cwd, capture_output=True, text=True, errors="replace",
+                            env={**os.environ, **extra} if extra else None)
+    log.write(f"$ {' '.join([*(f'{key}={value}' for key, value in extra.items()), *command])}\n")
     if cwd is not None:
         log.write(f"  (in {cwd})\n")
     log.write(result.stdout)
@@ -135,6 +150,31 @@ def event_statistics(hdf5_path: Path, map_size_px: int) -> tuple[dict[str, Any],
     return numbers, histograms
 
 
+def time_of_flight(outputs: FileOutputs, summary: str, inspect_tool: str, tof_args: Sequence[str], log: Any,
+                   status: dict[str, Any]) -> None:
+    """The spectrum and stack of a file with triggers. A file without (or with too few to give a range) has none,
+    which is noted in its status, not a failure."""
+    for path in (outputs.tof, outputs.stack):
+        atomic_files.remove_if_present(path)
+    found = TRIGGER_LINE.search(summary)
+    triggers = found.group(1) if found else "absent"
+    if triggers in ("absent", "empty"):
+        status.update(tof="none", tof_message=f"trigger list {triggers}")
+        return
+    partial_tof = atomic_files.partial_path(outputs.tof)
+    partial_stack = atomic_files.partial_path(outputs.stack)
+    command = [inspect_tool, outputs.events.name, *tof_args, "--spectrum", partial_tof.name, "--stack-hdf5",
+               partial_stack.name]
+    result = run_tool(command, log, cwd=outputs.output_dir)
+    if result.returncode != 0:
+        status.update(tof="none", tof_message=tool_message(result.stderr) or describe_exit("kovra_inspect",
+                                                                                             result.returncode))
+        return
+    atomic_files.publish(partial_tof, outputs.tof)
+    atomic_files.publish(partial_stack, outputs.stack)
+    status["tof"] = "ok"
+
+
 def process_file(
     name: str,
     photon_file: Path,
@@ -144,6 +184,8 @@ def process_file(
     map_size_px: int,
     status_path: Path,
     log_path: Path,
+    tof_args: Sequence[str] = (),
+    threads: int = 1,
 ) -> dict[str, Any]:
     outputs = FileOutputs(name, output_dir)
     output_dir.mkdir(parents=True, exist_ok=True)
@@ -165,7 +207,7 @@ def process_file(
     with open(log_path, "w", encoding="utf-8") as log:
         partial_events = atomic_files.partial_path(outputs.events)
         command = [*brantel_args, "-i", str(photon_file), "-o", str(partial_events)]
-        result = run_tool(command, log)
+        result = run_tool(command, log, environment={"KOVRA_THREADS": str(threads)})
         if result.returncode != 0:
             return fail("kovra_brantel", result)
         atomic_files.publish(partial_events, outputs.events)
@@ -193,6 +235,7 @@ def process_file(
         atomic_files.write_text(outputs.summary, result.stdout)
         atomic_files.publish(partial_hdf5, outputs.hdf5)
         atomic_files.publish(partial_image, outputs.image)
+        time_of_flight(outputs, result.stdout, inspect_tool, tof_args, log, status)
 
     numbers, histograms = event_statistics(outputs.hdf5, map_size_px)
     status.update(numbers)
@@ -213,6 +256,8 @@ def main(snakemake: Any) -> None:
         map_size_px=int(snakemake.params.map_size_px),
         status_path=Path(snakemake.output.status),
         log_path=Path(snakemake.log[0]),
+        tof_args=snakemake.params.tof_args,
+        threads=int(snakemake.threads),
     )
     atomic_files.write_text(Path(snakemake.output.status), json.dumps(status, indent=2, sort_keys=True) + "\n")
 

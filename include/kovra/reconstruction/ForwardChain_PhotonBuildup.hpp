@@ -39,8 +39,11 @@ void run_forwardChain_photonBuildup(const Settings_Type& settings, PhotonSource<
   const auto dTime = settings.dTime;
   const auto durationMax = settings.durationMax;
 
-  /// A chain not yet written, with its latest photon.
+  using Time_Type = typename PhotonEvent_Type::time_type;
+
+  /// A chain not yet written, with its first and its latest photon.
   struct Open_Chain : PhotonEventChain_Type {
+    std::size_t firstPhoton;
     std::size_t lastPhoton;
   };
 
@@ -71,6 +74,7 @@ void run_forwardChain_photonBuildup(const Settings_Type& settings, PhotonSource<
           write_complete(false);
         }
       }
+      if (detail::stops_before_photon(out, i, current.toa)) return;
       bool joined = false;
       for (std::size_t j = i; j-- > 0;) {
         const PhotonEvent_Type& earlier = window[j];
@@ -83,6 +87,7 @@ void run_forwardChain_photonBuildup(const Settings_Type& settings, PhotonSource<
           open.lastPhoton = i;
           window.mark(i) = number;
           detail::report_member(membership, number, i);
+          detail::note_chainOf<Time_Type>(out, i, open.firstPhoton);
           joined = true;
           break;
         }
@@ -92,8 +97,9 @@ void run_forwardChain_photonBuildup(const Settings_Type& settings, PhotonSource<
         assert(chains.empty() || chains.back().get_t_first() <= newChain.get_t_first());
         const std::uint64_t number = firstKept + chains.size();
         window.mark(i) = number;
-        chains.push_back(Open_Chain{newChain, i});
+        chains.push_back(Open_Chain{newChain, i, i});
         detail::report_member(membership, number, i);
+        detail::note_chainOf<Time_Type>(out, i, i);
       }
     }
     write_complete(true);

@@ -47,13 +47,14 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
   detail::Cells_EventMembers<PhotonEvent_Type> cellMembers(dSpace);
 
   // Builds the events of the seeds from `s` up to `until` (or the end of the list) and returns the seed it
-  // stopped at; `members` is used on ordered input only. An event holds nothing once it is written, so the
+  // stopped at (the end of the list when the pass is to stop); `members` is used on ordered input only. An event holds nothing once it is written, so the
   // next stretch may keep its members the other way.
   const auto build = [&]<bool ordered>(auto& window, auto& members, std::size_t s, std::size_t until,
                                        std::bool_constant<ordered>) {
     for (; s < until && window.fetch(s); ++s) {
       window.release_before(s);
       if (window.is_taken(s)) continue;
+      if (detail::stops_before_seed<Time_Type>(out, s)) return window.size();  // a part stops: no seed is left
       window.set_taken(s);
       const PhotonEvent_Type seed = window[s];
       PhotonEventChain_Type chain(seed);
@@ -109,6 +110,7 @@ void run_fullChain_direct(const Settings_Type& settings, PhotonSource<PhotonEven
       }
 
       out.append(chain.to_event());
+      detail::note_chainEnd<Time_Type>(out, lastMember);
       if constexpr (!ordered) {
         for (std::size_t k = s; k <= lastMember; ++k) window.mark(k) = 0;
       }

@@ -119,9 +119,12 @@ struct NoBranchChain_Window {
   /// `freePhotons`, used when `counted` (time-ordered input only), counts the free photons from before
   /// `firstCandidate` on; the chain extends it over its window and ends as soon as no free photon is left near its
   /// last photon, since only such a photon could join next.
+  ///
+  /// Returns the chain as grown: its summary in `chain`, and in `last` the last photon it took (the seed when it
+  /// took none), which is also the furthest, since photons join in list order.
   template <typename PhotonEventChain_Type, bool counted, typename Window_Type, typename Range_Type,
             typename Membership_Type>
-  PhotonEventChain_Type grow(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate, Time_Type tEnd,
+  Growing<PhotonEventChain_Type> grow(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate, Time_Type tEnd,
                              bool noteResume, Range_Type* freePhotons, Membership_Type& membership,
                              std::uint64_t eventIndex) const {
     const auto near = near_test();
@@ -150,7 +153,7 @@ struct NoBranchChain_Window {
       if (!window.fetch(j) || window[j].toa > g.limit) break;
     }
     note_resume(g, window, g.last, j);
-    return g.chain;
+    return g;
   }
 
   /// Chains that look into the cells walk this many candidates past their last photon first: the next photon
@@ -165,7 +168,7 @@ struct NoBranchChain_Window {
   /// would stop at (Range_FreePhotons::first_free_near), or none, where the walk would reach the limit with no
   /// photon joined. The resume marks are those of the walk.
   template <typename PhotonEventChain_Type, typename Window_Type, typename Range_Type, typename Membership_Type>
-  PhotonEventChain_Type grow_listed(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate,
+  Growing<PhotonEventChain_Type> grow_listed(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate,
                                     Time_Type tEnd, bool noteResume, Range_Type& freePhotons,
                                     Membership_Type& membership, std::uint64_t eventIndex) const {
     const auto near = near_test();
@@ -177,7 +180,7 @@ struct NoBranchChain_Window {
       for (const std::size_t walkEnd = j + walkBeforeAsking; j < walkEnd; ++j) {
         if (!window.fetch(j) || window[j].toa > g.limit) {
           note_resume(g, window, g.last, j);
-          return g.chain;
+          return g;
         }
         if (nearLast(window[j]) & !window.is_taken(j)) {
           found = true;
@@ -194,7 +197,7 @@ struct NoBranchChain_Window {
     }
     // No free photon near the last one before the limit: the walk would have gone to the first photon past it.
     note_resume(g, window, g.last, freePhotons.end_of_reach(g.last, g.limit, 255));
-    return g.chain;
+    return g;
   }
 };
 
@@ -244,18 +247,20 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
       // Every seed moves the counted range past itself: photons before a seed can join none of its chains.
       if (countCells) freePhotons.drop_before(i + 1);
       if (window.is_taken(i)) continue;
+      if (detail::stops_before_seed<Time_Type>(out, i)) return;
       window.set_taken(i);
       detail::report_member(membership, out.size(), i);
       const PhotonEvent_Type seed = window[i];
       const Time_Type tEnd = seed.toa + settings.durationMax;
       const std::size_t first = ordered ? window.find_free(i + 1) : i + 1;
       if (window.fetch(first) && window[first].toa <= chains.limit_of(seed.toa, settings.dTime, tEnd)) {
-        const auto chain =
+        const auto grown =
             countCells ? chains.template grow<PhotonEventChain_Type, true>(window, i, first, tEnd, false, &freePhotons,
                                                                            membership, out.size())
                        : chains.template grow<PhotonEventChain_Type, false>(window, i, first, tEnd, false,
                                                                             &freePhotons, membership, out.size());
-        out.append(chain.to_event());
+        out.append(grown.chain.to_event());
+        detail::note_chainEnd<Time_Type>(out, grown.last);
       } else {
         out.append(Event_Type{seed.x, seed.y, seed.toa, 1, 0.0});
       }

@@ -76,6 +76,7 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
       }
       const PhotonEvent_Type seed = window[i];
       const bool seedTaken = window.is_taken(i);
+      if (!seedTaken && detail::stops_before_seed<Time_Type>(out, i)) return;
       const Time_Type tEnd = seed.toa + settings.durationMax;
       const Time_Type limit = chains.limit_of(seed.toa, settings.dTime, tEnd);
       std::size_t first = i + 1;
@@ -106,17 +107,19 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
         }
       }
       if (window.fetch(first) && window[first].toa <= limit) {
-        const auto chain =
+        const auto grown =
             listCells    ? chains.template grow_listed<PhotonEventChain_Type>(window, i, first, tEnd, ordered,
                                                                               freePhotons, membership, out.size())
             : countCells ? chains.template grow<PhotonEventChain_Type, true>(window, i, first, tEnd, ordered,
                                                                              &freePhotons, membership, out.size())
                          : chains.template grow<PhotonEventChain_Type, false>(window, i, first, tEnd, ordered,
                                                                               &freePhotons, membership, out.size());
+        const auto& chain = grown.chain;
         if (chain.nPhotons > 1) {
           // Only now is the seed known to give an event (no photon joined a chain of one).
           detail::report_member(membership, out.size(), i);
           out.append(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
+          detail::note_chainEnd<Time_Type>(out, grown.last);
           continue;
         }
       }

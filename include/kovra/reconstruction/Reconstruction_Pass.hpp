@@ -8,12 +8,20 @@
 // starts with the shortcuts and a window that requires the order. Should a photon break it, the pass is
 // abandoned before that photon is looked at, the events written so far are dropped, and the pass runs again
 // from the first photon without shortcuts. A list in memory is checked up front and never starts over.
+//
+// A pass may also be one part of a parallel run (Reconstruction_Parallel.hpp): its output then hears where each
+// cut may lie (a seed, or for the forward chain a photon) and how far the chains reached, and says when the pass is
+// to stop. Such a pass never starts over: a break of the time order goes to the parallel run, which then runs the
+// whole list on one thread.
 
 #include <cassert>
+#include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -29,6 +37,7 @@ template <typename Event_Type>
 class EventList {
  public:
   void append(const Event_Type& event) { events.push_back(event); }
+  void append(std::span<const Event_Type> more) { events.insert(events.end(), more.begin(), more.end()); }
   std::uint64_t size() const { return events.size(); }
   void restart() { events.clear(); }
   /// Room for `count` events, reserved once.
@@ -48,7 +57,51 @@ inline constexpr const char* inputOrder_notOrdered =
     "Photons are not in time order: reconstruction runs without the shortcuts for ordered input (such a run takes "
     "about 4 to 9 times as long)";
 
+/// The output of one part of a parallel run. Seed by seed (no-branch, ghost-photon and full chains), it is asked
+/// before each free seed whether the pass stops there, and told the last photon each chain took; photon by photon
+/// (forward chain), it is asked before each photon, with that photon's time, and told which photon opened the
+/// chain each photon joined or opened. Indices count from the part's first photon.
+template <typename Out_Type, typename Time_Type>
+concept Output_Part = requires(Out_Type& out, std::size_t i, Time_Type t) {
+  { out.stops_before_seed(i) } -> std::same_as<bool>;
+  out.note_chainEnd(i);
+  { out.stops_before_photon(i, t) } -> std::same_as<bool>;
+  out.note_chainOf(i, i);
+};
+
 namespace detail {
+
+/// Whether a part's pass stops before seed `i`; never for a whole run.
+template <typename Time_Type, typename Out_Type>
+bool stops_before_seed(Out_Type& out, std::size_t i) {
+  if constexpr (Output_Part<Out_Type, Time_Type>) {
+    return out.stops_before_seed(i);
+  } else {
+    return false;
+  }
+}
+
+/// Tells a part's output the last photon a chain took.
+template <typename Time_Type, typename Out_Type>
+void note_chainEnd(Out_Type& out, std::size_t last) {
+  if constexpr (Output_Part<Out_Type, Time_Type>) out.note_chainEnd(last);
+}
+
+/// Whether a part's pass stops before photon `i` (at time `t`); never for a whole run.
+template <typename Time_Type, typename Out_Type>
+bool stops_before_photon(Out_Type& out, std::size_t i, Time_Type t) {
+  if constexpr (Output_Part<Out_Type, Time_Type>) {
+    return out.stops_before_photon(i, t);
+  } else {
+    return false;
+  }
+}
+
+/// Tells a part's output that photon `i` is in the chain that photon `opener` opened.
+template <typename Time_Type, typename Out_Type>
+void note_chainOf(Out_Type& out, std::size_t i, std::size_t opener) {
+  if constexpr (Output_Part<Out_Type, Time_Type>) out.note_chainOf(i, opener);
+}
 
 /// a + b, held at the type's bounds instead of wrapping. Equal to the plain sum wherever that one is defined;
 /// lets an unlimited window stay unlimited.
@@ -77,6 +130,7 @@ void run_pass(PhotonSource<PhotonEvent_Type>& source, Out_Type& out, bool report
       pass.template operator()<true>(window);
       return;
     } catch (const PhotonWindow_OrderBroken&) {
+      if constexpr (Output_Part<Out_Type, typename PhotonEvent_Type::time_type>) throw;
       source.rewind();
       out.restart();
       if (inform) inform(inputOrder_brokenDuringPass);

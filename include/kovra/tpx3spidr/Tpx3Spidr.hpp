@@ -12,6 +12,7 @@
 #include "kovra/PulseShapeDiscrimination.hpp"
 #include "kovra/Quantities.hpp"
 #include "kovra/Reconstruction_Events.hpp"
+#include "kovra/Reconstruction_Switch.hpp"
 
 namespace kovra::tpx3spidr {
 
@@ -39,6 +40,9 @@ using PhotonSource = kovra::PhotonSource<PhotonEvent>;
 using PhotonSource_File = kovra::PhotonSource_File<PhotonEvent>;
 using PhotonSource_Memory = kovra::PhotonSource_Memory<PhotonEvent>;
 using EventFile_Writer = kovra::EventFile_Writer<Event, Time>;
+
+/// The maximum event duration in ticks (see kovra::convert_durationMax).
+inline Time convert_durationMax(double durationMax_s) { return kovra::convert_durationMax<Time>(durationMax_s); }
 
 static_assert(sizeof(PhotonEvent) == 16, "a photon must stay 16 bytes");
 static_assert(sizeof(Event) == 32, "an event must stay 32 bytes");

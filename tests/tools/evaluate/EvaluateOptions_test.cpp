@@ -72,6 +72,7 @@ TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
       {"run.kovraphot -s 1 -t 1 --fom-photons 2.5",
        "option --fom-photons needs a whole number from 1 to 1e9, not \"2.5\""},
       {"run.kovraphot -s 1 -t 1 --merge-max 2", "option --merge-max must be from 0 to 1"},
+      {"run.kovraphot -s 1 -t 1 --threads 0", "option --threads must be a whole number from 1 to 1024, not \"0\""},
   };
   for (const auto& c : cases) {
     EXPECT_THAT([&] { parse(c.args); }, ThrowsMessage<std::invalid_argument>(StrEq(c.message))) << c.message;

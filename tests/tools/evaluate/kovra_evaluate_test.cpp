@@ -63,6 +63,15 @@ TEST(EvaluateProgramTest, ReportsAScanWritesItsTableAndPlots) {
   EXPECT_EQ(bestRows, 1U);
   EXPECT_NE(scan.out.find("<- best"), std::string::npos);
   EXPECT_FALSE(std::filesystem::exists(dir.file("scan.csv.part")));
+  // Settings scanned at once on several threads: the same table.
+  for (const char* threads : {"1", "3"}) {
+    const auto again = evaluate(dir, std::string("run.kovraphot --dSpace-grid 0.5,5 --dTime-grid 1e-8,5e-7 "
+                                                 "--algorithm-grid default,fullChain_direct --csv again.csv --threads ") +
+                                         threads);
+    ASSERT_EQ(again.status, 0) << again.err;
+    EXPECT_EQ(read_bytes(dir.file("again.csv")), csv) << threads;
+    EXPECT_EQ(again.out, scan.out.substr(0, scan.out.find("plots: "))) << threads;
+  }
 }
 
 TEST(EvaluateProgramTest, TruthOfOtherPhotonsIsRefused) {

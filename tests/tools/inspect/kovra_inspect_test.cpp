@@ -6,11 +6,16 @@
 #include <hdf5.h>
 #include <png.h>
 #include <sys/wait.h>
+#include <tiffio.h>
+
+#include <filesystem>
+#include <random>
 
 #include "FileBytes.hpp"
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "inspect/Inspect.hpp"
+#include "inspect/TriggerFile.hpp"
 
 namespace {
 
@@ -224,6 +229,9 @@ TEST_F(InspectTest, ProgramOutput) {
        "x,y,t,x_px,y_px,t_s,nPhotons,psd_s\n655360,1310720,1000,10,20,1.5624999999999999e-06,1,0\n",
        "kovra_inspect: 4 of 6 events lie outside the image of 25 x 25 pixels and were left out\n"},
       // Every field at its extremes, in the shortest text that reads back to the same value.
+      // The selection reaches the image: of the events with 8 photons or more only one, outside it.
+      {"known.kovraevent --photons-min 8 --size 25 -i m.png", 0, "",
+       "kovra_inspect: 1 of 6 events lie outside the image of 25 x 25 pixels and were left out\n"},
       {"wide.kovraevent --csv -", 0,
        "x,y,t,x_px,y_px,t_s,nPhotons,psd_s\n0,0,0,0,0,0,1,0\n-1,2147483647,-9223372036854775808,-1.52587890625e-05,"
        "32767.99998474121,-14411518807.585587,2,0.30000000000000004\n-2147483648,-21845,9223372036854775807,-32768,"
@@ -243,6 +251,185 @@ TEST_F(InspectTest, ProgramOutput) {
     EXPECT_THAT(out, ::testing::HasSubstr(output)) << arguments;
   }
   EXPECT_EQ(read_bytes(dir.file("x.h5")).substr(0, 8), "\x89HDF\r\n\x1a\n");
+}
+
+/// The time of flight as defined, by a walk over all triggers: the largest not above t.
+std::optional<std::uint64_t> plain_tof(const std::vector<i64>& triggers, i64 t) {
+  std::optional<std::uint64_t> best;
+  for (const i64 trigger : triggers) {
+    if (trigger <= t) best = static_cast<std::uint64_t>(t) - static_cast<std::uint64_t>(trigger);
+  }
+  return best;
+}
+
+/// Events at random times around a trigger list with equal triggers, in time order and shuffled.
+struct TofCase {
+  std::vector<i64> triggers{1000, 1000, 1500, 2600, 3000, 3000, 3000, 4100, 5000};
+  std::vector<E> events;
+  explicit TofCase(bool shuffled) {
+    std::mt19937_64 random(11);
+    for (int i = 0; i < 3000; ++i) {
+      const auto x = static_cast<i32>(random() % (10 * px)) - px;
+      events.push_back({x, static_cast<i32>(random() % (8 * px)), static_cast<i64>(random() % 7000), 1 + random() % 5, 1e-9});
+    }
+    // Records exactly at triggers, and one just before the first.
+    for (const i64 t : {i64{999}, i64{1000}, i64{3000}, i64{5000}}) events.push_back({0, 0, t, 2, 1e-9});
+    std::sort(events.begin(), events.end(), [](const E& a, const E& b) { return a.t < b.t; });
+    if (shuffled) std::shuffle(events.begin(), events.end(), random);
+  }
+};
+
+TEST_F(InspectTest, TriggerFileClockFindsTheLatestTriggerAcrossChunks) {
+  for (const bool shuffled : {false, true}) {
+    const TofCase c(shuffled);
+    write_bytes(dir.file("tof.kovraevent"), file_of(c.events, c.triggers));
+    const RecordFile<Event> file(dir.file("tof.kovraevent"), 3);
+    for (const std::uint64_t chunk : {1u, 2u, 4u, 100u}) {
+      TriggerFile_Clock<Event> clock(file, chunk);
+      for (const E& e : c.events) ASSERT_EQ(clock.get(Time{e.t}), plain_tof(c.triggers, e.t)) << e.t << " " << chunk;
+    }
+  }
+}
+
+/// The stack as libtiff reads it back: pages of rows of 32-bit counts.
+std::vector<std::vector<std::uint32_t>> read_tiff(const std::string& name) {
+  std::vector<std::vector<std::uint32_t>> pages;
+  TIFF* tiff = TIFFOpen(name.c_str(), "r");
+  EXPECT_NE(tiff, nullptr);
+  if (!tiff) return pages;
+  do {
+    std::uint32_t width = 0, height = 0;
+    std::uint16_t bits = 0, format = 0;
+    TIFFGetField(tiff, TIFFTAG_IMAGEWIDTH, &width);
+    TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &height);
+    TIFFGetField(tiff, TIFFTAG_BITSPERSAMPLE, &bits);
+    TIFFGetField(tiff, TIFFTAG_SAMPLEFORMAT, &format);
+    EXPECT_EQ(std::tuple(bits, format), std::tuple(32, SAMPLEFORMAT_UINT));
+    std::vector<std::uint32_t> page(std::size_t{width} * height);
+    for (std::uint32_t row = 0; row < height; ++row) TIFFReadScanline(tiff, page.data() + std::size_t{row} * width, row, 0);
+    pages.push_back(std::move(page));
+  } while (TIFFReadDirectory(tiff));
+  TIFFClose(tiff);
+  return pages;
+}
+
+TEST_F(InspectTest, SpectrumAndStacksAgreeWithAPlainComputation) {
+  const TofCase c(true);
+  write_bytes(dir.file("tof.kovraevent"), file_of(c.events, c.triggers));
+  // Four bins of 275 ticks over [0, 1100), the longest interval; cells of 2 pixels over 6 pixels; 2 photons or more.
+  ASSERT_EQ(run("tof.kovraevent --tof-bins 4 --spectrum - --stack-tiff s.tif --stack-hdf5 s.h5 --size 6 --binning 2 "
+                "--photons-min 2"),
+            0) << err;
+  std::vector<std::uint64_t> spectrum(4, 0);
+  std::vector<std::uint32_t> map(9, 0), perBin(4 * 9, 0);
+  std::uint64_t before = 0, deselected = 0, beyond = 0, outside = 0;
+  for (const E& e : c.events) {
+    const auto tof = plain_tof(c.triggers, e.t);
+    if (e.n < 2) {
+      ++deselected;
+      continue;
+    }
+    if (!tof) {
+      ++before;
+      continue;
+    }
+    if (*tof >= 1100) {
+      ++beyond;
+      continue;
+    }
+    ++spectrum[*tof / 275];
+    if (e.x < 0 || e.x >= 6 * px || e.y >= 6 * px) {
+      ++outside;
+      continue;
+    }
+    const std::size_t cell = static_cast<std::size_t>(e.y / (2 * px) * 3 + e.x / (2 * px));
+    ++map[cell];
+    ++perBin[*tof / 275 * 9 + cell];
+  }
+  std::string csv = "bin,tof_lo,tof_hi,tof_lo_s,tof_hi_s,events\n";
+  for (std::size_t i = 0; i < 4; ++i) {
+    csv += std::to_string(i) + "," + std::to_string(275 * i) + "," + std::to_string(275 * (i + 1)) + "," +
+           format_exact(static_cast<double>(275 * i) * 1.5625e-9) + "," + format_exact(static_cast<double>(275 * (i + 1)) * 1.5625e-9) + "," +
+           std::to_string(spectrum[i]) + "\n";
+  }
+  EXPECT_EQ(out, csv);
+  EXPECT_EQ(err, "kovra_inspect: time of flight: " + std::to_string(c.events.size() - before - deselected - beyond) +
+                     " of " + std::to_string(c.events.size()) + " events counted, " + std::to_string(deselected) +
+                     " left out by the selection, " + std::to_string(before) + " before the first trigger, " +
+                     std::to_string(beyond) + " outside [0 s, 1.71875e-06 s), " + std::to_string(outside) +
+                     " of those outside the stack's square\n");
+  EXPECT_GT(before * beyond * outside, 0u);
+
+  std::vector<std::uint32_t> pages, summed(9, 0);
+  for (const auto& page : read_tiff(dir.file("s.tif"))) pages.insert(pages.end(), page.begin(), page.end());
+  EXPECT_EQ(pages, perBin);
+  const hid_t h5 = H5Fopen(dir.file("s.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+  EXPECT_EQ(read_h5<std::uint32_t>(h5, "stack", H5T_NATIVE_UINT32), perBin);
+  EXPECT_EQ(read_h5<std::uint64_t>(h5, "tof_edges", H5T_NATIVE_UINT64), (std::vector<std::uint64_t>{0, 275, 550, 825, 1100}));
+  H5Fclose(h5);
+  // The stack summed over time of flight is the map of the same events.
+  for (std::size_t i = 0; i < perBin.size(); ++i) summed[i % 9] += perBin[i];
+  EXPECT_EQ(summed, map);
+}
+
+TEST_F(InspectTest, TimeOfFlightFailuresWriteNothing) {
+  write_bytes(dir.file("none.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}));
+  write_bytes(dir.file("empty.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers(std::in_place)));
+  write_bytes(dir.file("one.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers{{3}}));
+  write_bytes(dir.file("back.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers{{3, 9, 4}}));
+  const std::string outputs = " --spectrum t.csv --stack-hdf5 t.h5 --stack-tiff t.tif --plot t.png --hdf5 e.h5 -i e.png";
+  const std::pair<std::string, std::string> cases[] = {
+      {"none.kovraevent", "none.kovraevent: no time of flight: the file's trigger list is absent"},
+      {"empty.kovraevent", "empty.kovraevent: no time of flight: the file's trigger list is empty"},
+      {"back.kovraevent", "back.kovraevent: Trigger times out of order: trigger 2 (4 ticks) is earlier than trigger 1 "
+                          "(9 ticks)!"},
+      {"one.kovraevent", "one.kovraevent: no time-of-flight range: the triggers give no interval between two of them; "
+                         "give --tof-max"},
+      {"one.kovraevent --tof-max 1 --tof-bins 1000 --size 4096",
+       "one.kovraevent: the time-of-flight stack needs 64000 MiB (1000 bins x 4096 x 4096 cells x 4 bytes), more than "
+       "--stack-memory 1024 MiB; use fewer --tof-bins, a larger --binning or a smaller --size, or raise "
+       "--stack-memory"},
+      {"one.kovraevent --tof-max 1e-8", "one.kovraevent: 100 time-of-flight bins from 0 to 6 ticks would be narrower "
+                                        "than one tick"},
+  };
+  for (const auto& [arguments, message] : cases) {
+    EXPECT_EQ(run(arguments + outputs), 1) << arguments;
+    EXPECT_EQ(err, "kovra_inspect: " + message + "\n");
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+      EXPECT_THAT(entry.path().filename().string(), ::testing::AnyOf(::testing::EndsWith(".kovraevent"),
+                                                                     ::testing::EndsWith(".txt")))
+          << arguments;
+    }
+  }
+  EXPECT_EQ(run("one.kovraevent --tof-max 1 --plot no/t.png"), 1);
+  EXPECT_EQ(err, "kovra_inspect: one.kovraevent: cannot write PNG file \"no/t.png\": No such file or directory\n");
+}
+
+TEST_F(InspectTest, BadTimeOfFlightOptions) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"--tof-bins 0", "option --tof-bins must be between 1 and 1000000"},
+      {"--tof-bins 2.5", "option --tof-bins needs a whole number"},
+      {"--tof-min -1", "option --tof-min must be between 0 and 7205759403.792793 s"},
+      {"--tof-min 2 --tof-max 1", "option --tof-max must be larger than --tof-min"},
+      {"--tof-log", "option --tof-log needs --tof-min above 0"},
+      {"--psd-min 2e-9 --psd-max 1e-9", "option --psd-max must not be smaller than --psd-min"},
+      {"--photons-min 3 --photons-max 2", "option --photons-max must not be smaller than --photons-min"},
+      {"--photons-min x", "option --photons-min needs a number, not \"x\""},
+      {"--region 1,2,3", "option --region needs X0,Y0,X1,Y1 in pixels, not \"1,2,3\""},
+      {"--region 5,0,5,1", "option --region needs X0 < X1 and Y0 < Y1"},
+      {"--stack-memory 0", "option --stack-memory must be between 1 and 1073741824 MiB"},
+      {"--spectrum - --csv -", "only one of the summary, --csv - and --spectrum - can go to standard output"},
+      {"--tof-max", "option --tof-max needs a value"},
+  };
+  for (const auto& [arguments, message] : cases) {
+    EXPECT_EQ(run("known.kovraevent " + arguments), 2) << arguments;
+    EXPECT_EQ(err, "kovra_inspect: " + message + "\nTry 'kovra_inspect --help'.\n");
+  }
+  write_bytes(dir.file("p.kovraphot"), file_of<P>({}));
+  EXPECT_EQ(run("p.kovraphot --plot p.png"), 2);
+  EXPECT_EQ(run("p.kovraphot --psd-max 1"), 2);
+  EXPECT_EQ(err, "kovra_inspect: the selections by pulse-shape value and photon count need an event file\nTry "
+                 "'kovra_inspect --help'.\n");
 }
 
 }  // namespace

@@ -32,4 +32,5 @@ fail() {
 grep -q "Total number of photons in file = [1-9]" "$work/stdout" || fail "no photon count in the log"
 grep -q "Total number of reconstructed events = [1-9]" "$work/stdout" || fail "no event count in the log"
 [ -n "$(find "$work" -name '*.kovraevent' -size +0)" ] || fail "no event file written in KOVRA_DEMO_DIR"
+[ "$(head -c 4 "$work/out/sample.png" | tail -c 3)" = "PNG" ] || fail "no figure in KOVRA_DEMO_DIR/out/sample.png"
 echo "README first command: ran as written"

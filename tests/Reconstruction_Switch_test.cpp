@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "convert_durationMax.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 using kovra::tpx3spidr::Time;
 
@@ -15,6 +15,6 @@ TEST(ConvertDurationMaxTest, SaturatesBeyondTheBound) {
   for (const auto& [seconds, ticks] : std::vector<std::pair<double, long>>{
            {0.0, 0}, {1e-6, 640}, {Time::max_seconds, 1L << 62},
            {std::nextafter(Time::max_seconds, inf), (1L << 62) - 1}, {1e10, (1L << 62) - 1}, {inf, (1L << 62) - 1}}) {
-    EXPECT_EQ(convert_durationMax(seconds).value, ticks) << seconds;
+    EXPECT_EQ(kovra::tpx3spidr::convert_durationMax(seconds).value, ticks) << seconds;
   }
 }
