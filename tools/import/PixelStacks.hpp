@@ -29,6 +29,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <unordered_map>
 #include <vector>
 
 #include "import/Tpx3Packets.hpp"
@@ -47,7 +48,6 @@ class Pixel_Stacks {
         rowBytes((width_ + 7) / 8),
         stride(width_ + 2 * border),
         cells(std::size_t{stride} * (height_ + 2 * border)),
-        links(cells.size()),
         used(sparse ? std::size_t{rowBytes} * height_ + 8 : 0),
         nodes(initial_nodes) {}
 
@@ -73,22 +73,12 @@ class Pixel_Stacks {
   /// Records a hit at (x, y), at time `t`, in photon `photon`, the least open photon near (x, y) (or a new
   /// photon where none is): the photon is at most the pixel's least open number.
   void add_hit(int x, int y, Ticks t, Ticks window, std::uint64_t photon, std::uint64_t oldestOpen) {
-    std::uint64_t& cell = cells[index(x, y)];
-    std::uint64_t top = cell >> 1;
-    if (top < oldestOpen) {
-      if ((cell & 1) == 0 || t > deeperUntil || (top = pop_closed(x, y, oldestOpen)) == 0) {  // nothing open here
-        cell = photon << 1;
-        if (sparse) used[static_cast<std::size_t>(y) * rowBytes + static_cast<std::size_t>(x >> 3)] |= bit_of(x);
-        return;
-      }
+    const std::uint64_t cell = cells[index(x, y)];
+    if (cell >> 1 >= oldestOpen ? photon == cell >> 1 : (cell & 1) == 0) [[likely]] {
+      if (cell >> 1 < oldestOpen) set_top(x, y, photon);  // nothing open here: the photon is the first
+      return;
     }
-    assert(photon <= top);
-    if (photon == top) return;
-    const std::uint64_t node = allocate_node(t, window);
-    nodes[node & nodeMask] = Node{t, cell, links[index(x, y)]};
-    cell = photon << 1 | 1;
-    links[index(x, y)] = node;
-    deeperUntil = t + window;
+    add_hitRarely(x, y, t, window, photon, oldestOpen);
   }
 
   /// Up to this radius every pixel of the square is looked at, without a branch; beyond it only those the bit
@@ -164,13 +154,41 @@ class Pixel_Stacks {
     return least >> 63 == 0 ? oldestOpen + least : 0;
   }
 
+  /// A pixel with nothing open gets its first open photon.
+  void set_top(int x, int y, std::uint64_t photon) {
+    cells[index(x, y)] = photon << 1;
+    if (sparse) used[static_cast<std::size_t>(y) * rowBytes + static_cast<std::size_t>(x >> 3)] |= bit_of(x);
+  }
+
+  /// add_hit where a node is pushed (the photon lies below the open top) or a closed top has more below.
+  [[gnu::noinline]] void add_hitRarely(int x, int y, Ticks t, Ticks window, std::uint64_t photon,
+                                       std::uint64_t oldestOpen) {
+    const std::size_t i = index(x, y);
+    std::uint64_t top = cells[i] >> 1;
+    if (top < oldestOpen && (t > deeperUntil || (top = pop_closed(x, y, oldestOpen)) == 0)) {
+      links.erase(i);  // what lay below has closed
+      set_top(x, y, photon);
+      return;
+    }
+    assert(photon <= top);
+    if (photon == top) return;
+    const std::uint64_t node = allocate_node(t, window);
+    std::uint64_t& link = links[i];
+    nodes[node & nodeMask] = Node{t, cells[i], (cells[i] & 1) != 0 ? link : 0};
+    cells[i] = photon << 1 | 1;
+    link = node;
+    deeperUntil = t + window;
+  }
+
   /// Pops the closed numbers off the stack at (x, y) and returns its top, 0 (clearing the pixel's bit) when none
   /// is left.
   std::uint64_t pop_closed(int x, int y, std::uint64_t oldestOpen) {
     const std::size_t i = index(x, y);
     while (cells[i] >> 1 < oldestOpen) {
-      const std::uint64_t node = links[i];
-      if ((cells[i] & 1) == 0 || node < firstNode || node + nodeMask < nextNode) {  // none, or reused
+      const auto link = (cells[i] & 1) != 0 ? links.find(i) : links.end();
+      const std::uint64_t node = link != links.end() ? link->second : 0;
+      if (link == links.end() || node < firstNode || node + nodeMask < nextNode) {  // none, or reused
+        if (link != links.end()) links.erase(link);
         cells[i] = 0;
         if (sparse)
           used[static_cast<std::size_t>(y) * rowBytes + static_cast<std::size_t>(x >> 3)] &=
@@ -179,7 +197,11 @@ class Pixel_Stacks {
       }
       const Node& n = nodes[node & nodeMask];
       cells[i] = n.cell;
-      links[i] = n.link;
+      if ((n.cell & 1) != 0) {
+        link->second = n.link;
+      } else {
+        links.erase(link);
+      }
     }
     return cells[i] >> 1;
   }
@@ -205,9 +227,11 @@ class Pixel_Stacks {
   const unsigned rowBytes;
   const unsigned stride;             ///< cells per row, the border's included
   std::vector<std::uint64_t> cells;  ///< per pixel: 2 x its top number, + 1 when a node lies below
-  std::vector<std::uint64_t> links;  ///< per pixel whose cell is odd: the node below its top
-  std::vector<std::uint8_t> used;    ///< bit x % 8 of byte y * rowBytes + x / 8: the stack at (x, y) may hold some
-  std::vector<Node> nodes;           ///< node i at i & nodeMask
+  /// Per pixel whose cell is odd, the node below its top: few pixels at a time, and a map keeps a grouping's
+  /// memory at its cells' (half of it for a quad: 2 MiB less per grouping).
+  std::unordered_map<std::size_t, std::uint64_t> links;
+  std::vector<std::uint8_t> used;  ///< bit x % 8 of byte y * rowBytes + x / 8: the stack at (x, y) may hold some
+  std::vector<Node> nodes;         ///< node i at i & nodeMask
   std::uint64_t nodeMask = initial_nodes - 1;
   std::uint64_t nextNode = 0;
   std::uint64_t firstNode = 0;    ///< nodes before this one are of an earlier run, or were not kept when the ring grew
