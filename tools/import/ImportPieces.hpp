@@ -86,31 +86,45 @@ class Piece_Worker {
     out.triggers.clear();
     out.end = Run_End::input;
     out.grouping.reset();
+    if (options.hitsAsPhotons) {
+      convert_hits(piece, out);
+    } else {
+      group_hits(piece, std::move(continued), get_next, out);
+    }
+  }
+
+ private:
+  /// Every hit a photon: the next piece's own run is right from its start, the cut where the piece ends.
+  void convert_hits(const Piece_Input& piece, Run_Output& out) {
+    out.photons.reserve(piece.words.size());
     std::uint64_t number = piece.first;
     Ticks lastTime = 0;
-    if (options.hitsAsPhotons) {
-      for_eachItem(piece, [&](const Timed_Item& item) {
-        if (item.kind != 0) {
-          out.triggers.push_back(item.time);
-        } else {
-          out.photons.push_back({{{item.x * 65536}, {item.y * 65536}, {item.time}}, number});
-        }
-        lastTime = item.time;
-        ++number;
-      });
-      if (!piece.last) {  // every photon is one hit: the next piece's own run is right from its start
-        out.end = Run_End::cut;
-        out.cut = number;
-        out.cutTime = lastTime;
+    for_eachItem(piece, [&](const Timed_Item& item) {
+      if (item.kind != 0) {
+        out.triggers.push_back(item.time);
+      } else {
+        out.photons.push_back({{{item.x * 65536}, {item.y * 65536}, {item.time}}, number});
       }
-      return;
+      lastTime = item.time;
+      ++number;
+    });
+    if (!piece.last) {
+      out.end = Run_End::cut;
+      out.cut = number;
+      out.cutTime = lastTime;
     }
+  }
+
+  void group_hits(const Piece_Input& piece, std::unique_ptr<Hit_Grouping> continued,
+                  const std::function<const Piece_Input*()>& get_next, Run_Output& out) {
     const bool fresh = continued == nullptr;
     std::unique_ptr<Hit_Grouping> grouping = fresh ? take_grouping(own) : std::move(continued);
     if (fresh) grouping->restart();
     const auto sink = [&](const Hit_Grouping::Photon& p, std::uint64_t firstHit) {
       out.photons.push_back({p, firstHit});
     };
+    std::uint64_t number = piece.first;
+    Ticks lastTime = 0;
     for (std::size_t b = 0; b < piece.buckets.size(); ++b) {
       const std::span<const Timed_Item> items = sorter.sort(piece.get_bucket(b));
       for (const Timed_Item& item : items) {
@@ -123,7 +137,7 @@ class Piece_Worker {
     const Piece_Input* next = piece.last ? nullptr : get_next();
     if (!piece.last && next == nullptr) return;  // giving up
     if (next == nullptr || !run_on(*grouping, *next, number - 1, lastTime, out)) {
-      if (next == nullptr || next->last) {
+      if (next == nullptr || next->last) {  // through to the end of the input
         grouping->finish(sink);
         out.end = Run_End::input;
       } else {
@@ -134,7 +148,6 @@ class Piece_Worker {
     if (grouping) own = std::move(grouping);
   }
 
- private:
   /// Calls `f(item)` for each item of the piece in the stream's order.
   template <typename F>
   void for_eachItem(const Piece_Input& piece, F&& f) {
