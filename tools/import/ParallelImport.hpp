@@ -5,16 +5,11 @@
 // The thread that reads, decodes and orders (the clock and the reorder window are sequential by nature and
 // cheap) packs what the window releases into pieces of about `pieceItems` items and publishes them; worker
 // threads sort and group the pieces (Piece_Worker), each run over a piece going on into the next piece up to
-// the cut where the next piece's own run agrees with it (Cut_Search). The reading thread also writes: it takes
-// the pieces in order, follows the chain of runs that are right (the first piece's, then, after each cut, the
-// next piece's run from the cut on), keeps of each run the photons that opened between its start and its cut,
-// and merges across each cut the few photons whose times interleave. Where a run finds no cut in the next
-// piece, the next piece's own run is set aside and the piece after it is grouped again continuing that run's
-// grouping, so a stretch where runs never agree is grouped by one thread after the other, exactly. Trigger
-// edges come from each piece's own run, in order.
-//
-// The reading thread counts as one of the threads: it groups pieces too when it would otherwise wait. It waits
-// for a piece's runs only when the piece after it is published, so no run it waits for can wait for it.
+// the cut where the next piece's own run agrees with it (Cut_Search). The reading thread also writes the pieces
+// in order (Chain_Writer). Where a run finds no cut in the next piece, the piece after that is grouped again,
+// continuing that run's grouping. The reading thread counts as one of the threads: it groups pieces too when it
+// would otherwise wait. It waits for a piece's runs only when the piece after it is published, so no run it
+// waits for can wait for it.
 //
 // Bounded memory: at most pieces_perThread x threads + 2 pieces are in flight; while that many are, the reading
 // thread writes, groups a piece no worker has taken, or waits. Nothing is global, and the photons depend on
@@ -32,6 +27,7 @@
 #include <optional>
 #include <vector>
 
+#include "import/ChainWriter.hpp"
 #include "import/ImportPieces.hpp"
 #include "kovra/Worker_Pool.hpp"
 
@@ -50,15 +46,13 @@ struct Parallel_Stats {
 template <typename Output_Type>
 class Piece_Pipeline {
  public:
-  using Photon = Hit_Grouping::Photon;
-
   /// `threads`: the threads that work, this one included (at least 2).
   Piece_Pipeline(const Import_Options& options_, Output_Type& output_, unsigned threads, std::size_t pieceItems_)
       : options(options_),
-        output(output_),
         pieceItems(std::max<std::size_t>(pieceItems_, 1)),
         maxPieces(pieces_perThread * std::size_t{threads} + 2),
         startSeconds(get_threadSeconds()),
+        writer(output_),
         filling(std::make_unique<Piece>()),
         pool(
             threads - 1, [this](unsigned) { work(); }, [this] { wake_all(); }) {
@@ -79,15 +73,17 @@ class Piece_Pipeline {
     publish(true);
     allPublished = true;
     while (!pieces.empty()) catch_up();
-    assert(pending.empty());
+    writer.finish();
     {
       const std::lock_guard lock(mutex);
       writerDone = true;
     }
     changed.notify_all();
     pool.join();
-    photons += photonsWritten;
-    triggers += triggersWritten;
+    photons += writer.get_photons();
+    triggers += writer.get_triggers();
+    stats.cuts = writer.get_cuts();
+    stats.takenOn = writer.get_takenOn();
     stats.serialSeconds = get_threadSeconds() - startSeconds - helpSeconds;
     return stats;
   }
@@ -105,9 +101,6 @@ class Piece_Pipeline {
     Job fresh;                 ///< the piece's own run, from a fresh start
     std::optional<Job> again;  ///< the piece grouped again, when the chain of right runs needs it
   };
-  /// What the writer takes from the next piece: the photons of its own run from a cut on, those of the piece
-  /// grouped again, or none (the run before went through it).
-  enum class Role { own, again, passed };
 
   static double get_threadSeconds() {
     timespec now{};
@@ -177,19 +170,15 @@ class Piece_Pipeline {
   /// Writes the pieces at the front whose runs are done; with `block`, waits for (or does) their runs, for at
   /// most `most` pieces.
   void write_ready(bool block, std::size_t most = SIZE_MAX) {
+    using Role = typename Chain_Writer<Output_Type>::Role;
     for (std::size_t written = 0; written < most && !pieces.empty(); ++written) {
       Piece& piece = *pieces.front();
       if (!settle(piece, piece.fresh, block)) return;
+      const Role role = writer.get_role();
       Job* run = role == Role::own ? &piece.fresh : role == Role::again ? &*piece.again : nullptr;
       if (run != nullptr && !settle(piece, *run, block)) return;
-      for (const Ticks t : piece.fresh.out.triggers) output.add_trigger(t);
-      triggersWritten += piece.fresh.out.triggers.size();
-      if (run != nullptr) {
-        write_photons(run->out);
-        follow_chain(*run);
-      } else {
-        role = againNext ? Role::again : Role::passed;
-        againNext = false;
+      if (auto open = writer.write_piece(piece.fresh.out.triggers, run != nullptr ? &run->out : nullptr)) {
+        group_again(piece.number + 2, std::move(open));
       }
       std::unique_ptr<Piece> done;
       {
@@ -227,71 +216,17 @@ class Piece_Pipeline {
     return true;
   }
 
-  /// After the writer took the photons of `run`, right for its piece: what it takes from the pieces after.
-  void follow_chain(Job& run) {
-    switch (run.out.end) {
-      case Run_End::input:
-        role = Role::passed;
-        break;
-      case Run_End::cut:
-        ++stats.cuts;
-        role = Role::own;
-        firstKept = run.out.cut;
-        break;
-      case Run_End::open: {
-        ++stats.takenOn;
-        role = Role::passed;
-        againNext = true;
-        const std::uint64_t target = firstPiece + 2;
-        const std::lock_guard lock(mutex);
-        if (target < firstPiece + pieces.size()) {
-          get_piece(target).again.emplace(Job{Job_State::waiting, std::move(run.out.grouping), {}});
-        } else {
-          againFor.emplace(target, std::move(run.out.grouping));
-        }
-        break;
+  /// Piece `number` is grouped again, continuing `grouping`: now, or once it is published.
+  void group_again(std::uint64_t number, std::unique_ptr<Hit_Grouping> grouping) {
+    {
+      const std::lock_guard lock(mutex);
+      if (number < firstPiece + pieces.size()) {
+        get_piece(number).again.emplace(Job{Job_State::waiting, std::move(grouping), {}});
+      } else {
+        againFor.emplace(number, std::move(grouping));
       }
     }
-    if (run.out.end == Run_End::open) changed.notify_all();
-  }
-
-  /// Writes the photons of a run that is right for its piece: those opened from its start on (firstKept) and
-  /// before its cut, merged with the photons the run before held back; holds back those later than the cut's
-  /// time, which the next run's photons may precede (Cut_Search says why no others can).
-  void write_photons(const Run_Output& out) {
-    const bool cut = out.end == Run_End::cut;
-    const std::uint64_t end = cut ? out.cut : UINT64_MAX;
-    const Ticks holdAfter = cut ? out.cutTime : INT64_MAX;
-    const auto precedes = [](const Numbered_Photon& a, const Numbered_Photon& b) {
-      return a.photon.toa.value != b.photon.toa.value ? a.photon.toa.value < b.photon.toa.value
-                                                      : a.firstHit < b.firstHit;
-    };
-    std::vector<Numbered_Photon> held;
-    std::size_t p = 0;
-    const auto take = [&](const Numbered_Photon& photon) {
-      if (photon.photon.toa.value > holdAfter) {
-        held.push_back(photon);
-        return;
-      }
-      assert(!lastWritten || precedes(*lastWritten, photon));
-      lastWritten = photon;
-      buffer.push_back(photon.photon);
-      if (buffer.size() == buffer_photons) flush();
-    };
-    for (const Numbered_Photon& photon : out.photons) {
-      if (photon.firstHit < firstKept || photon.firstHit >= end) continue;
-      for (; p < pending.size() && precedes(pending[p], photon); ++p) take(pending[p]);
-      take(photon);
-    }
-    for (; p < pending.size(); ++p) take(pending[p]);
-    pending.swap(held);
-    flush();
-  }
-
-  void flush() {
-    output.add_photons(static_cast<const Photon*>(buffer.data()), buffer.size());
-    photonsWritten += buffer.size();
-    buffer.clear();
+    changed.notify_all();
   }
 
   void recycle(std::unique_ptr<Piece> piece) {
@@ -365,30 +300,20 @@ class Piece_Pipeline {
   static constexpr std::size_t pieces_perThread = 4;
   /// The most items a piece's buffer is made ready for at once: a larger piece (only for tests) grows as it fills.
   static constexpr std::size_t reserved_items = std::size_t{1} << 20;
-  /// Photons handed to the output at once.
-  static constexpr std::size_t buffer_photons = std::size_t{1} << 14;
 
   const Import_Options& options;
-  Output_Type& output;
   const std::size_t pieceItems;
   const std::size_t maxPieces;
   const double startSeconds;
+  Chain_Writer<Output_Type> writer;
 
   // The reading and writing thread's own.
   std::unique_ptr<Piece> filling;
   std::vector<std::unique_ptr<Piece>> spare;
   std::uint64_t nextItem = 0;
   bool allPublished = false;
-  Role role = Role::own;
-  bool againNext = false;                ///< after a piece passed, the one after it is grouped again
-  std::uint64_t firstKept = 0;           ///< the first hit of the first photon the writer keeps of the next run
-  std::vector<Numbered_Photon> pending;  ///< photons held back, to be merged with the next run's
-  std::optional<Numbered_Photon> lastWritten;
-  std::vector<Photon> buffer;
   std::optional<Piece_Worker> helper;
   double helpSeconds = 0;
-  std::uint64_t photonsWritten = 0;
-  std::uint64_t triggersWritten = 0;
   Parallel_Stats stats;
 
   // Shared, under the lock.
