@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
 # End-to-end benchmark of kovra_brantel, run by hand (never as a test).
 #
-# Simulates four photon files (sparse, nominal, dense pile-up, and nominal flashes with a few hot pixels; about
-# 20 million photons each), runs every algorithm on each, and records wall time, the processor time it took
-# (user and system), photons per second and peak resident memory. Beside every run it
-# measures the limit: kovra_io_limit reads the same input and writes a file of the same output size with plain
-# buffered I/O and nothing else. Prints a Markdown table and writes it, with the command, commit and machine, to
-# BENCHMARKS.md; a hand-written "## Raw import" section at the end of the old file is carried over.
+# Simulates five photon files (sparse, nominal, dense pile-up, nominal flashes with a few hot pixels, and a dark
+# start; about 20 million photons each), runs every algorithm on each on 1 thread, 2 threads and all the cores the
+# machine gives (KOVRA_THREADS), and records wall time, the processor time it took (user and system), photons
+# per second, peak resident memory, and the speedup and efficiency over one thread; every event file is compared
+# with the one-thread file. Beside every algorithm it measures the limit: kovra_io_limit reads the same input and
+# writes a file of the same output size with plain buffered I/O and nothing else. Then, with parallel_phases_bench,
+# the part of a run that the calling thread does alone (before the first piece starts, after the last events are
+# written) and what it predicts for 16 and 64 cores. Prints Markdown tables and writes them, with the command,
+# commit and machine, to BENCHMARKS.md; a hand-written "## Raw import" section at the end of the old file is
+# carried over.
 #
 #   bench/run_benchmarks.sh [--quick] [--scale N] [--repeat N] [--large GB] [--build-dir DIR] [--data-dir DIR]
 #                           [--results FILE] [--no-build] [--commit TEXT]
@@ -55,9 +59,10 @@ if [ -z "$results" ] && [ "$quick" -eq 0 ]; then results="$root/BENCHMARKS.md"; 
 if [ "$do_build" -eq 1 ]; then
   "$root/scripts/setup.sh"
   cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-  cmake --build "$build" -j "$(nproc)" --target kovra_brantel kovra_simulate kovra_io_limit >/dev/null
+  cmake --build "$build" -j "$(nproc)" --target kovra_brantel kovra_simulate kovra_io_limit parallel_phases_bench \
+    >/dev/null
 fi
-for program in kovra_brantel kovra_simulate kovra_io_limit; do
+for program in kovra_brantel kovra_simulate kovra_io_limit parallel_phases_bench; do
   if [ ! -x "$build/$program" ]; then echo "run_benchmarks: $build/$program is missing" >&2; exit 1; fi
 done
 if [ ! -x /usr/bin/time ]; then echo "run_benchmarks: /usr/bin/time is missing (Debian package 'time')" >&2; exit 1; fi
@@ -66,6 +71,12 @@ mkdir -p "$data"
 # Search settings used for every run: they recover the simulated flashes (see docs/simulator.md).
 settings=(-s 5 -t 5e-7 -D 2e-6)
 algorithms=(default noBranchChain_direct forwardChain_photonBuildup fullChain_direct)
+# Thread counts: one, two, and every core this process may use (each once).
+cores=$(nproc)
+thread_counts=(1)
+for t in 2 "$cores"; do
+  if [ "$t" -le "$cores" ] && [[ " ${thread_counts[*]} " != *" $t "* ]]; then thread_counts+=("$t"); fi
+done
 # name | simulator options (20 photons per flash; durations set for about 20 million photons)
 datasets=(
   "sparse|--event-rate 1e4 --photons 20 --duration 100 --seed 11"
@@ -87,7 +98,8 @@ scale_duration() {  # the quick run keeps the rates and shortens the acquisition
 }
 
 # Runs a command `repeat` times under /usr/bin/time; sets best_s (fastest wall time), best_user and best_sys (the
-# processor seconds of that run, in user space and in the kernel) and peak_kb (largest RSS).
+# processor seconds of that run, in user space and in the kernel) and peak_kb (largest RSS). KOVRA_THREADS and
+# other settings come from the environment the command is given (env NAME=VALUE ...).
 measure() {
   best_s=""
   peak_kb=0
@@ -123,9 +135,10 @@ target_of() {
 
 load=$(cut -d ' ' -f 1 /proc/loadavg)
 rows=()
+serial_rows=()
 : >"$data/figures.tsv"
-printf '%-8s %-28s %10s %8s %7s %7s %9s %9s %8s %8s %6s\n' dataset algorithm events wall_s user_s sys_s Mphot/s peak_MB \
-  limit_s ratio target
+printf '%-8s %-28s %3s %10s %8s %7s %7s %9s %9s %8s %7s %7s %6s %6s\n' dataset algorithm thr events wall_s user_s sys_s \
+  Mphot/s peak_MB limit_s ratio speedup effic target
 for entry in "${datasets[@]}"; do
   name="${entry%%|*}"
   options="$(scale_duration "${entry#*|}")"
@@ -137,56 +150,104 @@ for entry in "${datasets[@]}"; do
   repeat_all=$repeat
   if [ "$name" = large ]; then repeat=1; fi
   for algorithm in "${algorithms[@]}"; do
-    output="$data/$name.$algorithm.kovraevent"
-    measure "$build/kovra_brantel" -i "$input" -o "$output" "${settings[@]}" --algorithm "$algorithm" --verbose 2
-    events=$(sed -n 's/.*Total number of reconstructed events = \([0-9]*\).*/\1/p' "$data/run.log")
-    wall=$best_s
-    user=$best_user
-    sys=$best_sys
-    memory_kb=$peak_kb
-    target=$(target_of "$name" "$algorithm")
-    output_bytes=$(stat -c %s "$output")
-    measure "$build/kovra_io_limit" "$input" "$data/limit.out" "$output_bytes"
-    limit=$best_s
-    row=$(awk -v n="$name" -v a="$algorithm" -v p="$photons" -v e="$events" -v w="$wall" -v m="$memory_kb" \
-              -v i="$input_bytes" -v o="$output_bytes" -v l="$limit" -v u="$user" -v s="$sys" -v g="$target" 'BEGIN {
-      printf "| %s | %.1f | %s | %s | %.3f | %.2f | %.2f | %.1f | %.0f | %.2f | %.3f | %.0f | %.1f | %s |",
-             n, p / 1e6, a, e, w, u, s, p / w / 1e6, m / 1024, m * 1024 / (i + o), l, (i + o) / l / 1e6, w / l, g }')
-    rows+=("$row")
-    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$name" "$algorithm" "$photons" "$wall" "$memory_kb" "$input_bytes" \
-      "$output_bytes" "$limit" "$target" >>"$data/figures.tsv"
-    awk -v n="$name" -v a="$algorithm" -v p="$photons" -v e="$events" -v w="$wall" -v m="$memory_kb" -v l="$limit" \
-      -v u="$user" -v s="$sys" -v g="$target" \
-      'BEGIN { printf "%-8s %-28s %10s %8.2f %7.2f %7.2f %9.1f %9.0f %8.3f %8.1f %6s\n", n, a, e, w, u, s, p / w / 1e6,
-               m / 1024, l, w / l, g }'
+    reference="$data/$name.$algorithm.1.kovraevent"
+    one_wall=""
+    limit=""
+    for threads in "${thread_counts[@]}"; do
+      output="$data/$name.$algorithm.$threads.kovraevent"
+      measure env KOVRA_THREADS="$threads" "$build/kovra_brantel" -i "$input" -o "$output" "${settings[@]}" \
+        --algorithm "$algorithm" --verbose 2
+      events=$(sed -n 's/.*Total number of reconstructed events = \([0-9]*\).*/\1/p' "$data/run.log")
+      if [ "$threads" -eq 1 ]; then
+        one_wall=$best_s
+        target=$(target_of "$name" "$algorithm")
+      else
+        target=-
+        cmp -s "$output" "$reference" || {
+          echo "run_benchmarks: $name, $algorithm: the event file on $threads threads differs from one thread's" >&2
+          exit 1
+        }
+      fi
+      output_bytes=$(stat -c %s "$output")
+      if [ -z "$limit" ]; then
+        measure "$build/kovra_io_limit" "$input" "$data/limit.out" "$output_bytes"
+        limit=$best_s
+        measure env KOVRA_THREADS="$threads" "$build/kovra_brantel" -i "$input" -o "$output" "${settings[@]}" \
+          --algorithm "$algorithm" --verbose 2
+      fi
+      wall=$best_s
+      figures=(-v n="$name" -v a="$algorithm" -v t="$threads" -v p="$photons" -v e="$events" -v w="$wall"
+               -v m="$peak_kb" -v i="$input_bytes" -v o="$output_bytes" -v l="$limit" -v u="$best_user"
+               -v s="$best_sys" -v g="$target" -v w1="$one_wall")
+      row=$(awk "${figures[@]}" 'BEGIN {
+        printf "| %s | %.1f | %s | %d | %s | %.3f | %.2f | %.2f | %.1f | %.0f | %.2f | %.3f | %.0f | %.1f | %.2f | %.2f | %s |",
+               n, p / 1e6, a, t, e, w, u, s, p / w / 1e6, m / 1024, m * 1024 / (i + o), l, (i + o) / l / 1e6, w / l,
+               w1 / w, w1 / w / t, g }')
+      rows+=("$row")
+      printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$name" "$algorithm" "$threads" "$photons" "$wall" \
+        "$peak_kb" "$input_bytes" "$output_bytes" "$limit" "$target" "$one_wall" >>"$data/figures.tsv"
+      awk "${figures[@]}" 'BEGIN { printf "%-8s %-28s %3d %10s %8.3f %7.2f %7.2f %9.1f %9.0f %8.3f %7.1f %7.2f %6.2f %6s\n",
+        n, a, t, e, w, u, s, p / w / 1e6, m / 1024, l, w / l, w1 / w, w1 / w / t, g }'
+    done
+    # The part the calling thread does alone, on every core, to a new file each time (as a run to a new name).
+    best_phases=""
+    for ((k = 0; k < repeat; k++)); do
+      rm -f "$data/phases.kovraevent"
+      phases=$("$build/parallel_phases_bench" "$input" "$data/phases.kovraevent" "$algorithm" "$cores" 5 5e-7 2e-6)
+      total=$(echo "$phases" | sed -n 's/.* total=\([0-9.]*\).*/\1/p')
+      if [ -z "$best_phases" ] || awk -v a="$total" -v b="$best_total" 'BEGIN { exit !(a < b) }'; then
+        best_phases=$phases
+        best_total=$total
+      fi
+    done
+    field() { echo "$best_phases" | sed -n "s/.* $1=\([0-9.]*\).*/\1/p"; }
+    serial_rows+=("$(awk -v n="$name" -v a="$algorithm" -v c="$cores" -v w1="$one_wall" -v b="$(field alone_before)" \
+      -v f="$(field alone_after)" -v r="$(field writer_busy)" -v x="$(field finish)" 'BEGIN {
+      s = (b + f) / w1
+      printf "| %s | %s | %.3f | %d | %.1f | %.1f | %.1f | %.1f | %.2f %% | %.1f | %.1f |", n, a, w1, c, b * 1e3, f * 1e3,
+             x * 1e3, r * 1e3, 100 * s, 1 / (s + (1 - s) / 16), 1 / (s + (1 - s) / 64) }')")
+    rm -f "$data/phases.kovraevent"
   done
   rm -f "$data"/"$name".*.kovraevent "$data/limit.out"
   if [ "$name" = large ]; then rm -f "$input"; fi
   repeat=$repeat_all
 done
 
-header="| Dataset | Photons (M) | Algorithm | Events | Wall (s) | User (s) | System (s) | Photons/s (M) | Peak RSS (MB) \
-| RSS / (input + output) | Limit (s) | Limit (MB/s) | Wall / limit | Target |
-|---|---:|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
+header="| Dataset | Photons (M) | Algorithm | Threads | Events | Wall (s) | User (s) | System (s) | Photons/s (M) \
+| Peak RSS (MB) | RSS / (input + output) | Limit (s) | Limit (MB/s) | Wall / limit | Speedup | Efficiency | Target |
+|---|---:|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
 table="$header"
 for row in "${rows[@]}"; do table+=$'\n'"$row"; done
-# The targets: the default algorithm on the nominal dataset within 2.5 times the limit; every run in at most 128 MiB
-# of memory (aim 64), whatever the file size.
+serial_table="| Dataset | Algorithm | One thread (s) | Cores | Alone before (ms) | Alone after (ms) | Of it, finishing the file (ms) \
+| Writer busy (ms) | Serial share | Predicted speedup, 16 cores | 64 cores |
+|---|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
+for row in "${serial_rows[@]}"; do serial_table+=$'\n'"$row"; done
+# The targets: wall / limit on one thread; two threads within 0.6 of one thread's wall on the nominal and dense
+# data; every run in at most 128 MiB of memory (aim 64), whatever the file size.
 targets=$(awk -F '\t' '
-  $9 != "-" {
-    ratio = $4 / $8
-    if (ratio <= $9) met = met sprintf(" %s/%s", $1, $2)
-    else missed = missed sprintf(" %s/%s (%.1f, target %s)", $1, $2, ratio, $9)
+  $3 == 1 && $10 != "-" {
+    ratio = $5 / $9
+    if (ratio <= $10) met = met sprintf(" %s/%s", $1, $2)
+    else missed = missed sprintf(" %s/%s (%.1f, target %s)", $1, $2, ratio, $10)
   }
-  { if ($5 > peak) { peak = $5; where = $1 ", " $2 } }
+  $3 == 2 && ($1 == "nominal" || $1 == "dense") {
+    share = $5 / $11
+    if (share <= 0.6) fast = fast sprintf(" %s/%s (%.2f)", $1, $2, share)
+    else slow = slow sprintf(" %s/%s (%.2f)", $1, $2, share)
+  }
+  { if ($6 > peak) { peak = $6; where = $1 ", " $2 ", " $3 " threads" } }
   END {
-    printf "- Wall / limit within the target:%s\n", (met == "" ? " none" : met)
-    printf "- Wall / limit above the target:%s\n", (missed == "" ? " none" : missed)
+    printf "- Wall / limit on one thread within the target:%s\n", (met == "" ? " none" : met)
+    printf "- Wall / limit on one thread above the target:%s\n", (missed == "" ? " none" : missed)
+    printf "- Two threads within 0.6 of one thread'"'"'s wall:%s\n", (fast == "" ? " none" : fast)
+    printf "- Two threads above 0.6 of one thread'"'"'s wall:%s\n", (slow == "" ? " none" : slow)
     printf "- Peak memory of all runs: %.1f MiB (%s; bound 128 MiB: %s, aim 64 MiB: %s)\n", peak / 1024, where,
            (peak <= 131072 ? "met" : "missed"), (peak <= 65536 ? "met" : "missed")
   }' "$data/figures.tsv")
 echo
 echo "$table"
+echo
+echo "$serial_table"
 echo
 echo "$targets"
 
@@ -205,11 +266,13 @@ if [ -n "$results" ]; then
   cat >"$results" <<EOF
 # Benchmarks
 
-End-to-end runs of \`kovra_brantel\` (one thread) on simulated photon files, written by \`bench/run_benchmarks.sh\`.
-Each time is the fastest of $repeat run(s), with the processor time of that run split into user and system
-seconds; peak memory is the largest resident set seen (\`/usr/bin/time\`). The
-limit is \`kovra_io_limit\` on the same input and an output of the same size: read and write with plain buffered
-I/O and nothing else. Input files are in the page cache, as they are right after the simulator wrote them.
+End-to-end runs of \`kovra_brantel\` on simulated photon files, on one thread, two and every core
+(\`KOVRA_THREADS\`), written by \`bench/run_benchmarks.sh\`. Each time is the fastest of $repeat run(s), with the
+processor time of that run split into user and system seconds; peak memory is the largest resident set seen
+(\`/usr/bin/time\`). Speedup is one thread's wall time over this one's, efficiency the speedup per thread; every
+event file equals the one-thread file byte for byte (the script stops otherwise). The limit is \`kovra_io_limit\`
+on the same input and an output of the same size: read and write with plain buffered I/O on one thread and
+nothing else. Input files are in the page cache, as they are right after the simulator wrote them.
 
 - Command: \`$command_line\`
 - Commit: $commit
@@ -232,6 +295,17 @@ $(if [ "${#datasets[@]}" -gt 5 ]; then echo "| large | \`${datasets[5]#*|} --tri
 ## Results
 
 $table
+
+## Serial part
+
+What the calling thread does while no worker can run, timed by \`parallel_phases_bench\` on every core (fastest of
+$repeat, to a new file each time): before the first piece starts (the photon file's layout, the order check of its
+first and last photon, starting the threads) and after the last events are written (joining the threads, the
+trigger block, the last flush, the fsync and the move into place). The share is that time over one thread's wall
+time; the prediction is Amdahl's, 1 / (share + (1 - share) / cores), and leaves out what the cores share besides
+(memory bandwidth, the disk). The writer's own work (copying the events out, in order) runs beside the workers.
+
+$serial_table
 
 ## Targets
 

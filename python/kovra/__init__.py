@@ -124,6 +124,12 @@ def _as_triggers(triggers: Optional[npt.ArrayLike]) -> Optional[np.ndarray]:
     return None if triggers is None else _as_records(triggers, TRIGGER_DTYPE, "triggers")
 
 
+def _check_extension(path: str | os.PathLike[str], extension: str, message: str) -> None:
+    """Refuses a name the tools would refuse, with their message: the name must end in `extension` (case matters)."""
+    if not os.fspath(path).endswith(extension):
+        raise ValueError(message)
+
+
 def _write_whole(path: str | os.PathLike[str], write) -> None:
     """Runs `write(name)`, the library's writer, on a new file beside the target and renames that over the target.
     The library's writer replaces its own target whole too; making the file here first turns a directory that
@@ -151,7 +157,9 @@ def _write_whole(path: str | os.PathLike[str], write) -> None:
 def write_photons(path: str | os.PathLike[str], photons: npt.ArrayLike,
                   triggers: Optional[npt.ArrayLike] = None) -> None:
     """Writes a photon file with the library's writer. `photons` has the fields x, y, toa (see `make_photons`);
-    `triggers` None writes no trigger list, an empty array an empty one."""
+    `triggers` None writes no trigger list, an empty array an empty one. The name must end in .kovraphot
+    (ValueError otherwise, with kovra_simulate's message)."""
+    _check_extension(path, ".kovraphot", f"the output file must end in .kovraphot, got '{os.fspath(path)}'")
     records = _as_records(photons, PHOTON_DTYPE, "photons")
     times = _as_triggers(triggers)
     _write_whole(path, lambda name: _kovra.write_photons(name, records, times))
@@ -159,7 +167,9 @@ def write_photons(path: str | os.PathLike[str], photons: npt.ArrayLike,
 
 def write_events(path: str | os.PathLike[str], events: npt.ArrayLike,
                  triggers: Optional[npt.ArrayLike] = None) -> None:
-    """Writes an event file with the library's writer; `triggers` as for `write_photons`."""
+    """Writes an event file with the library's writer; `triggers` as for `write_photons`. The name must end in
+    .kovraevent (ValueError otherwise, with kovra_brantel's message)."""
+    _check_extension(path, ".kovraevent", "Output file must be a .kovraevent file!")
     records = _as_records(events, EVENT_DTYPE, "events")
     times = _as_triggers(triggers)
     _write_whole(path, lambda name: _kovra.write_events(name, records, times))

@@ -4,13 +4,14 @@ from __future__ import annotations
 
 import os
 import struct
+import subprocess
 import unittest
 
 import numpy as np
 
 import kovra
-from kovra_testing import (TempDirTest, block, brantel_message, kovra_file, photon_bytes, run_brantel, simulate,
-                           trigger_bytes)
+from kovra_testing import (SIMULATE, TempDirTest, block, brantel_message, kovra_file, photon_bytes, run_brantel,
+                           simulate, trigger_bytes)
 
 PHOTONS = [(1, -2, 3), (65536, 7, 3), (-2**31, 2**31 - 1, 2**62)]
 EVENT_RECORD = struct.pack("<iiqQd", 5, -6, 70, 3, 1.25e-9)
@@ -139,6 +140,32 @@ class WriteArgumentsTest(TempDirTest):
         with self.assertRaises(TypeError):
             kovra.write_photons(self.dir / "q.kovraphot", narrow, triggers=[0.5])
         self.assertEqual(sorted(os.listdir(self.dir)), ["p.kovraphot"])
+
+    def test_names_follow_the_tools_extension_rules_and_messages(self) -> None:
+        # The tools' own words for a wrong name: kovra_simulate's for photon files, kovra_brantel's for event files
+        # (its log line, without the "Exiting..." of a program that stops).
+        simulated = subprocess.run([SIMULATE, "-o", "x.events"], capture_output=True, text=True, cwd=self.dir)
+        photon_message = simulated.stderr.splitlines()[0].removeprefix("kovra_simulate: ").replace("x.events", "{}")
+        reconstructed = run_brantel("-s", "1", "-t", "1e-7", "-i", "a.kovraphot", "-o", "x.events")
+        event_message = reconstructed.stderr.rsplit(": ", 1)[1].strip().removesuffix(" Exiting...")
+        photons = np.array(PHOTONS, dtype=kovra.PHOTON_DTYPE)
+        events = np.zeros(1, dtype=kovra.EVENT_DTYPE)
+        cases = [
+            (kovra.write_photons, photons, "x.events", photon_message.format(self.dir / "x.events")),
+            (kovra.write_photons, photons, "x.kovraevent", photon_message.format(self.dir / "x.kovraevent")),
+            (kovra.write_photons, photons, "x.KOVRAPHOT", photon_message.format(self.dir / "x.KOVRAPHOT")),
+            (kovra.write_events, events, "x.events", event_message),
+            (kovra.write_events, events, "x.kovraphot", event_message),
+            (kovra.write_events, events, "x.kovraevent.tmp", event_message),
+        ]
+        for write, records, name, message in cases:
+            with self.subTest(name=name, writer=write.__name__):
+                with self.assertRaises(ValueError) as raised:
+                    write(self.dir / name, records)
+                self.assertEqual(str(raised.exception), message)
+        self.assertEqual(os.listdir(self.dir), [])
+        kovra.write_photons(self.dir / "x.kovraphot", photons)
+        kovra.write_events(self.dir / "x.kovraevent", events)
 
     def test_a_file_appears_whole_or_not_at_all(self) -> None:
         photons = np.array(PHOTONS, dtype=kovra.PHOTON_DTYPE)

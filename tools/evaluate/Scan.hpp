@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <optional>
@@ -17,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "common/Counts.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
 #include "inspect/Progress.hpp"
@@ -152,23 +155,28 @@ inline void write_csvRow(std::ostream& out, const Scan_Row& row, bool best) {
       << m.fomEvents << ',' << (best ? 1 : 0) << '\n';
 }
 
-/// Writes `write(stream)` to `path` through a temporary file beside it, renamed into place when complete.
+/// Writes `write(stream)` to `path` through a temporary file beside it, renamed into place when complete; throws
+/// std::runtime_error with the system's reason when that fails.
 template <typename Write_Type>
 void write_fileWhole(const std::string& path, Write_Type&& write) {
   const std::string temporary = path + ".part";
+  // The message is made before the temporary file is removed, which may change errno.
+  const auto message = [&path] { return "cannot write '" + path + "': " + std::strerror(errno); };
   {
     std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot write '" + path + "'");
+    if (!out) throw std::runtime_error(message());
     write(out);
     out.flush();
     if (!out) {
+      const std::runtime_error failure(message());
       std::remove(temporary.c_str());
-      throw std::runtime_error("cannot write '" + path + "'");
+      throw failure;
     }
   }
   if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    const std::runtime_error failure(message());
     std::remove(temporary.c_str());
-    throw std::runtime_error("cannot write '" + path + "'");
+    throw failure;
   }
 }
 
@@ -213,7 +221,8 @@ inline void print_report(std::ostream& out, const Scan_Row& row, const std::arra
       << "\ntime error:     RMS " << format_number(m.time_rms_ns) << " ns, 95 % below "
       << format_number(m.time_p95_ns) << " ns"
       << "\nFoM:            " << format_number(m.fom) << " (" << fomClasses[0] << " vs " << fomClasses[1] << ", "
-      << m.fomEvents << " events with at least " << fomMinPhotons << " photons)\n";
+      << tools::format_count(m.fomEvents, "event") << " with at least " << tools::format_count(fomMinPhotons, "photon")
+      << ")\n";
 }
 
 }  // namespace kovra::evaluate

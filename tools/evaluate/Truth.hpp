@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "common/Counts.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonFlashes.hpp"
 
@@ -105,8 +106,8 @@ inline Truth read_truth(const std::string& csvPath, const std::vector<kovra::tpx
   for (std::size_t f = 0; f < counted.size(); ++f) {
     if (counted[f] != truth.flashes[f].nPhotons) {
       throw std::invalid_argument("truth file '" + csvPath + "': flash " + std::to_string(f) + " has " +
-                                  std::to_string(truth.flashes[f].nPhotons) + " photons, its photon flash file " +
-                                  std::to_string(counted[f]));
+                                  tools::format_count(truth.flashes[f].nPhotons, "photon") +
+                                  ", its photon flash file " + std::to_string(counted[f]));
     }
   }
   truth.flashOfPhoton = std::move(flashes.flashOfPhoton);

@@ -7,13 +7,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/OutputFolders.hpp"
 #include "common/PythonScript.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
@@ -41,7 +42,19 @@ void print_table(std::ostream& out, const std::vector<Scan_Row>& rows, std::size
   }
 }
 
+/// Makes the missing folders of the outputs, as kovra_brantel does, before the work starts.
+void create_outputFolders(const Evaluate_Options& options) {
+  std::error_code error;
+  if (options.csvFile && (error = kovra::tools::create_outputFolders(*options.csvFile))) {
+    throw std::runtime_error("cannot write '" + *options.csvFile + "': " + error.message());
+  }
+  if (options.plotDir && (error = kovra::tools::create_folders(*options.plotDir))) {
+    throw std::runtime_error("cannot write '" + *options.plotDir + "': " + error.message());
+  }
+}
+
 void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& progress) {
+  create_outputFolders(options);
   const auto photons = kovra::tpx3spidr::FileHandler_PhotonEvents{}.load_file(options.inputFile);
   const Truth truth = read_truth(options.truthFile, photons.photonEvents);
   const Evaluator evaluator(truth);
@@ -64,7 +77,6 @@ void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& pro
   if (options.csvFile) write_scanCsv(*options.csvFile, rows, best);
   if (options.plotDir) {
     const std::string& dir = *options.plotDir;
-    std::filesystem::create_directories(dir);
     Photon_Memberships memberships(photons.size());
     std::vector<Event_Class> eventClasses;
     evaluate_setting(rows[best].setting, photons, evaluator, memberships, options.fomMinPhotons, &eventClasses);

@@ -9,7 +9,10 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
+#include "common/Counts.hpp"
+#include "common/OutputFolders.hpp"
 #include "import/Import.hpp"
 #include "import/ImportOptions.hpp"
 #include "import/PhotonFileOutput.hpp"
@@ -18,6 +21,7 @@
 namespace {
 
 using namespace kovra::import;
+using kovra::tools::format_count;
 
 std::string format_seconds(Ticks ticks) {
   char text[64];
@@ -34,7 +38,7 @@ std::vector<std::string> get_summaryLines(const Import_Options& options, const I
     packets << (k == 0 ? " " : ", ") << s.packets[static_cast<std::size_t>(k)] << ' '
             << get_packetKindName(static_cast<Packet_Kind>(k));
   }
-  packets << " in " << s.chunks << " chunks";
+  packets << " in " << format_count(s.chunks, "chunk");
   lines.push_back(packets.str());
   const std::uint64_t hits = s.packets[static_cast<std::size_t>(Packet_Kind::hit)];
   lines.push_back("hits: " + std::to_string(hits) + " read, " + std::to_string(s.droppedTot) +
@@ -42,14 +46,14 @@ std::vector<std::string> get_summaryLines(const Import_Options& options, const I
   lines.push_back("photons: " + std::to_string(s.photons) + " written (" +
                   (options.hitsAsPhotons ? std::string("one per hit") : std::string("grouped hits")) + ")");
   if (options.triggerEdge < 0) {
-    lines.push_back("triggers: none kept (--trigger none); " + std::to_string(s.tdcRepeats) +
-                    " repeated TDC packets merged");
+    lines.push_back("triggers: none kept (--trigger none); " + format_count(s.tdcRepeats, "repeated TDC packet") +
+                    " merged");
   } else {
     lines.push_back("triggers: " + std::to_string(s.triggers) + " written, " + std::to_string(s.lateTriggers) +
-                    " dropped as late; " + std::to_string(s.tdcRepeats) + " repeated TDC packets merged");
+                    " dropped as late; " + format_count(s.tdcRepeats, "repeated TDC packet") + " merged");
   }
   if (s.firstTime) {
-    lines.push_back("clock: " + std::to_string(s.rollovers) + " roll-overs of the hit counter followed, time span " +
+    lines.push_back("clock: " + format_count(s.rollovers, "roll-over") + " of the hit counter followed, time span " +
                     format_seconds(s.lastTime - *s.firstTime) + " (ticks " + std::to_string(*s.firstTime) + " to " +
                     std::to_string(s.lastTime) + ")");
   } else {
@@ -62,6 +66,10 @@ int run_importTool(const Import_Options& options) {
   kovra::inspect::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   progress.set_label("importing");
   std::optional<PhotonFile_Output> output;
+  if (const std::error_code error = kovra::tools::create_outputFolders(options.outputFile)) {
+    std::cerr << "kovra_import: cannot write \"" << options.outputFile << "\": " << error.message() << '\n';
+    return kovra::tools::exit_failure;
+  }
   try {
     output.emplace(options.outputFile, options.triggerEdge >= 0);
   } catch (const std::invalid_argument& e) {
@@ -90,22 +98,22 @@ int run_importTool(const Import_Options& options) {
   }
 
   if (options.logLevel >= 0 && summary.droppedLate + summary.lateTriggers > 0) {
-    std::cerr << "warning: " << summary.droppedLate << " hits and " << summary.lateTriggers
-              << " trigger edges came later than the reorder window allows (" << format_seconds(options.reorderWindow)
-              << ") and were dropped; a larger --reorder-window keeps them\n";
+    std::cerr << "warning: " << format_count(summary.droppedLate, "hit") << " and "
+              << format_count(summary.lateTriggers, "trigger edge") << " came later than the reorder window allows ("
+              << format_seconds(options.reorderWindow) << ") and were dropped; a larger --reorder-window keeps them\n";
   }
   if (options.logLevel >= 2) {
     for (const auto& line : get_summaryLines(options, summary)) std::cout << "info:    " << line << '\n';
   }
   if (options.logLevel >= 4) {
-    std::cout << "trace:   the reorder window held at most " << summary.mostHeld << " items\n";
+    std::cout << "trace:   the reorder window held at most " << format_count(summary.mostHeld, "item") << '\n';
     if (const auto& p = summary.parallel) {
       char seconds[32];
       std::snprintf(seconds, sizeof seconds, "%.3f", p->serialSeconds);
-      std::cout << "trace:   " << p->pieces << " pieces on " << options.threads << " threads: " << p->cuts
-                << " cuts where neighbouring runs agreed, " << p->takenOn
-                << " pieces grouped again where none came; serial part (reading, decoding, ordering, writing) "
-                << seconds << " s of processor time\n";
+      std::cout << "trace:   " << format_count(p->pieces, "piece") << " on " << format_count(options.threads, "thread")
+                << ": " << format_count(p->cuts, "cut") << " where neighbouring runs agreed, "
+                << format_count(p->takenOn, "piece") << " grouped again where none came; serial part (reading, "
+                << "decoding, ordering, writing) " << seconds << " s of processor time\n";
     }
   }
   std::cout.flush();

@@ -8,13 +8,16 @@
 //                         trigger list, with zero entries when that list is empty
 //
 // Each field's unit is stated by two attributes on the dataset: "<field>_unit" (text) and "<field>_scale" (the
-// unit per raw count), so x_px = x * x_scale; the trigger dataset carries "unit" and "scale". Objects are created
-// without modification times, so the same input always gives the same bytes.
+// unit per raw count), so x_px = x * x_scale; the trigger dataset carries "unit" and "scale". Text attributes are
+// variable-length UTF-8 strings, which h5py reads as str. Objects are created without modification times, so the
+// same input always gives the same bytes.
 
 #include <hdf5.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -22,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "inspect/OutputPath_Atomic.hpp"
 #include "inspect/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
@@ -69,27 +73,50 @@ std::vector<H5_FieldUnit> get_h5FieldUnits() {
 
 namespace hdf5_detail {
 
+/// HDF5's own words for the failure it just reported: the most specific entry of its error stack.
+inline std::string get_h5ErrorText() {
+  std::string text = "HDF5 error";
+  H5Ewalk2(
+      H5E_DEFAULT, H5E_WALK_UPWARD,
+      [](unsigned n, const H5E_error2_t* entry, void* found) -> herr_t {
+        if (n == 0 && entry->desc != nullptr) *static_cast<std::string*>(found) = entry->desc;
+        return 0;
+      },
+      &text);
+  return text;
+}
+
 class H5_Writer {
  public:
-  explicit H5_Writer(std::string fileName_) : fileName(std::move(fileName_)) {}
+  /// `fileName` is the name the messages give (the target, when the library writes a temporary beside it).
+  explicit H5_Writer(std::string fileName_) : fileName(std::move(fileName_)) { errno = 0; }
 
-  /// Throws the one message of every HDF5 failure unless `status` says success.
+  /// Throws the one message of every HDF5 failure unless `status` says success, with the reason: the system's
+  /// where a system call failed (errno is cleared after every success, so a value belongs to the failing call),
+  /// else HDF5's.
   template <typename Status_Type>
   Status_Type check(Status_Type status) const {
-    if (status < 0) throw std::runtime_error("cannot write HDF5 file \"" + fileName + "\"");
+    if (status < 0) {
+      const int error = errno;
+      throw std::runtime_error("cannot write HDF5 file \"" + fileName +
+                               "\": " + (error != 0 ? std::string(std::strerror(error)) : get_h5ErrorText()));
+    }
+    errno = 0;
     return status;
   }
 
   H5_Handle handle(hid_t id, herr_t (*close)(hid_t)) const { return H5_Handle(check(id), close); }
 
+  /// A text attribute as a variable-length UTF-8 string (h5py reads a fixed-length one as bytes).
   void write_stringAttribute(hid_t object, const std::string& name, const std::string& value) const {
     const H5_Handle type = handle(H5Tcopy(H5T_C_S1), H5Tclose);
-    check(H5Tset_size(type.get(), value.size() + 1));
-    check(H5Tset_strpad(type.get(), H5T_STR_NULLTERM));
+    check(H5Tset_size(type.get(), H5T_VARIABLE));
+    check(H5Tset_cset(type.get(), H5T_CSET_UTF8));
     const H5_Handle space = handle(H5Screate(H5S_SCALAR), H5Sclose);
     const H5_Handle attribute =
         handle(H5Acreate2(object, name.c_str(), type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
-    check(H5Awrite(attribute.get(), type.get(), value.c_str()));
+    const char* text = value.c_str();
+    check(H5Awrite(attribute.get(), type.get(), &text));
   }
 
   void write_doubleAttribute(hid_t object, const std::string& name, double value) const {
@@ -168,16 +195,13 @@ class H5_Writer {
 
 }  // namespace hdf5_detail
 
-/// Writes the whole file as HDF5 to `fileName` (replacing it), one chunk of records at a time; throws
-/// std::runtime_error when HDF5 reports a failure.
+/// The content of the HDF5 export, written to `temporary`; `fileName` names it in messages.
 template <typename Record_Type>
-void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file, Progress* progress = nullptr) {
-  static_assert(sizeof(Length) == 4 && sizeof(Time) == 8);
-  H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);  // failures become one exception, not a printed error stack
+void write_hdf5Content(const std::string& temporary, const std::string& fileName, const RecordFile<Record_Type>& file,
+                       Progress* progress) {
   const hdf5_detail::H5_Writer writer(fileName);
-
   const H5_Handle h5File =
-      writer.handle(H5Fcreate(fileName.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+      writer.handle(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
   const H5_Handle recordType = writer.create_recordType<Record_Type>();
   const H5_Handle records =
       writer.create_dataset(h5File.get(), Record_Traits<Record_Type>::name, recordType.get(), file.size());
@@ -205,6 +229,18 @@ void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file
     });
   }
   writer.check(H5Fflush(h5File.get(), H5F_SCOPE_GLOBAL));
+}
+
+/// Writes the whole file as HDF5 to `fileName` (replacing it once complete), one chunk of records at a time;
+/// throws std::runtime_error with the reason when the file cannot be written.
+template <typename Record_Type>
+void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file, Progress* progress = nullptr) {
+  static_assert(sizeof(Length) == 4 && sizeof(Time) == 8);
+  H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);  // failures become one exception, not a printed error stack
+  OutputPath_Atomic output(fileName, "HDF5 file");
+  output.create();
+  write_hdf5Content(output.get_temporary(), fileName, file, progress);
+  output.commit();
 }
 
 }  // namespace kovra::inspect

@@ -22,6 +22,7 @@
 #include <string>
 #include <type_traits>
 
+#include "common/Counts.hpp"
 #include "inspect/Format.hpp"
 #include "inspect/InspectOptions.hpp"
 #include "inspect/PlotExport.hpp"
@@ -65,7 +66,7 @@ class Histogram_Outputs {
       }
       if (options.stackHdf5File) write_stackHdf5(*options.stackHdf5File, *histogram, options.selection.text);
       if (options.stackTiffFile) write_stackTiff(*options.stackTiffFile, *histogram);
-      write_tallyNote(notes, recordName);
+      write_tallyNote(notes);
     }
     if (plot) {
       write_plot(*options.plotFile, *plot, histogram, file.get_fileName(), options.selection.text, note, file.size());
@@ -103,7 +104,7 @@ class Histogram_Outputs {
     if (bytes <= options.stackMemory_MiB * mebibyte) return;
     const std::uint64_t needed = bytes / mebibyte + (bytes % mebibyte != 0 ? 1 : 0);
     throw std::invalid_argument("the time-of-flight stack needs " + std::to_string(needed) + " MiB (" +
-                                std::to_string(nBins) + " bins x " + std::to_string(side) + " x " +
+                                tools::format_count(nBins, "bin") + " x " + std::to_string(side) + " x " +
                                 std::to_string(side) + " cells x 4 bytes), more than --stack-memory " +
                                 std::to_string(options.stackMemory_MiB) +
                                 " MiB; use fewer --tof-bins, a larger --binning or a smaller --size, or raise "
@@ -130,11 +131,13 @@ class Histogram_Outputs {
   }
 
   /// One line on what the histograms left out, when they left out anything.
-  void write_tallyNote(std::ostream& notes, const std::string& recordName) const {
+  void write_tallyNote(std::ostream& notes) const {
     const TimeOfFlight_Tally& t = histogram->get_tally();
     if (t.counted == t.seen && t.outsideStack == 0) return;
     const auto& bins = histogram->get_bins();
-    notes << "kovra_inspect: time of flight: " << t.counted << " of " << t.seen << ' ' << recordName << " counted";
+    using Traits = Record_Traits<Record_Type>;
+    notes << "kovra_inspect: time of flight: " << t.counted << " of "
+          << tools::format_count(t.seen, Traits::oneName, Traits::name) << " counted";
     if (t.deselected != 0) notes << ", " << t.deselected << " left out by the selection";
     if (t.beforeFirstTrigger != 0) notes << ", " << t.beforeFirstTrigger << " before the first trigger";
     if (t.outsideRange != 0) {

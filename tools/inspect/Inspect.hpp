@@ -9,7 +9,11 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <utility>
 
+#include "common/Counts.hpp"
+#include "common/OutputFolders.hpp"
 #include "inspect/CsvExport.hpp"
 #include "inspect/Hdf5Export.hpp"
 #include "inspect/HistogramPass.hpp"
@@ -40,6 +44,22 @@ std::uint64_t write_selectedImage(const Inspect_Options& options, const RecordFi
                              });
 }
 
+/// Makes the missing folders of every output file asked for; throws std::runtime_error naming the first output
+/// whose folder cannot be made, with the reason.
+inline void create_exportFolders(const Inspect_Options& options) {
+  const std::pair<const std::optional<std::string>&, const char*> outputs[] = {
+      {options.csvFile, "CSV file"},          {options.hdf5File, "HDF5 file"},
+      {options.imageFile, "PNG file"},        {options.spectrumFile, "CSV file"},
+      {options.stackHdf5File, "HDF5 file"},   {options.stackTiffFile, "TIFF file"},
+      {options.plotFile, "PNG file"}};
+  for (const auto& [path, what] : outputs) {
+    if (!path || *path == "-") continue;
+    if (const std::error_code error = tools::create_outputFolders(*path)) {
+      throw std::runtime_error(std::string("cannot write ") + what + " \"" + *path + "\": " + error.message());
+    }
+  }
+}
+
 /// Writes the outputs of one opened file. `out` takes the summary and `--csv -`, `notes` the remarks.
 template <typename Record_Type>
 void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& file, std::ostream& out,
@@ -54,6 +74,7 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
   } else if (options.wants_timeOfFlight()) {
     const TriggerFile_Clock<Record_Type> check(file);
   }
+  create_exportFolders(options);
   if (options.summary) {
     progress.set_label("summary");
     print_summary(out, summarize_file(file, &progress));
@@ -76,9 +97,10 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
     progress.set_label("image");
     const std::uint64_t outside = write_selectedImage(options, file, progress);
     if (outside != 0) {
-      notes << "kovra_inspect: " << outside << " of " << file.size() << " " << Record_Traits<Record_Type>::name
-            << " lie outside the image of " << options.size_px << " x " << options.size_px
-            << " pixels and were left out\n";
+      using Traits = Record_Traits<Record_Type>;
+      notes << "kovra_inspect: " << outside << " of " << tools::format_count(file.size(), Traits::oneName, Traits::name)
+            << (outside == 1 ? " lies" : " lie") << " outside the image of " << options.size_px << " x "
+            << options.size_px << " pixels and " << (outside == 1 ? "was" : "were") << " left out\n";
     }
   }
   if (histograms) histograms->run(out, notes, progress);

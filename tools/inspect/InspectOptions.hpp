@@ -12,6 +12,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -155,6 +156,15 @@ inline std::string get_inspectHelp() {
 
 namespace options_detail {
 
+/// The name of an image output, which is always a PNG file; throws the bad-usage line for another extension.
+inline std::string take_pngName(const char* option, const char* name) {
+  if (!std::string_view(name).ends_with(".png")) {
+    throw std::invalid_argument(std::string("option --") + option + " needs a file name ending in .png, not \"" +
+                                name + "\"");
+  }
+  return name;
+}
+
 /// A bound as the messages show it: whole numbers in full ("1000000"), others in the shortest exact form.
 inline std::string format_bound(double value) {
   if (value == std::floor(value) && std::fabs(value) < 1e15) return std::to_string(static_cast<std::int64_t>(value));
@@ -209,7 +219,7 @@ inline bool parse_timeOfFlightOption(int c, const char* value, Inspect_Options& 
     case spectrum: options.spectrumFile = value; return true;
     case stackHdf5: options.stackHdf5File = value; return true;
     case stackTiff: options.stackTiffFile = value; return true;
-    case plot: options.plotFile = value; return true;
+    case plot: options.plotFile = take_pngName("plot", value); return true;
     case tofBins:
       options.tofBins = static_cast<std::size_t>(parse_bounded("tof-bins", value, 1, 1e6, ""));
       if (static_cast<double>(options.tofBins) != parse_number<double>("tof-bins", value)) {
@@ -291,7 +301,7 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
         options.hdf5File = optarg;
         break;
       case 'i':
-        options.imageFile = optarg;
+        options.imageFile = options_detail::take_pngName("image", optarg);
         break;
       case 'b':
         options.binning = options_detail::parse_number<double>("binning", optarg);

@@ -31,7 +31,8 @@ using tpx3spidr::Length;
 using tpx3spidr::PhotonEvent;
 using tpx3spidr::Time;
 
-/// What distinguishes the two file types for reading: handler, name and extension.
+/// What distinguishes the two file types for reading: handler, name (plural, and `oneName` for one record) and
+/// extension.
 template <typename Record_Type>
 struct Record_Traits;
 
@@ -39,6 +40,7 @@ template <>
 struct Record_Traits<PhotonEvent> {
   using Handler = tpx3spidr::FileHandler_PhotonEvents;
   static constexpr const char* name = "photons";
+  static constexpr const char* oneName = "photon";
   static constexpr const char* extension = ".kovraphot";
   static Time get_time(const PhotonEvent& photon) { return photon.toa; }
 };
@@ -47,6 +49,7 @@ template <>
 struct Record_Traits<Event> {
   using Handler = tpx3spidr::FileHandler_Events;
   static constexpr const char* name = "events";
+  static constexpr const char* oneName = "event";
   static constexpr const char* extension = ".kovraevent";
   static Time get_time(const Event& event) { return event.t; }
 };

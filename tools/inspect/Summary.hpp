@@ -13,6 +13,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "common/Counts.hpp"
 #include "inspect/Format.hpp"
 #include "inspect/Histogram.hpp"
 #include "inspect/Progress.hpp"
@@ -158,7 +159,8 @@ inline void print_summary(std::ostream& out, const File_Summary& s) {
       if (s.stepsBack == 0) {
         out << "non-decreasing\n";
       } else {
-        out << s.stepsBack << " records earlier than the one before, the first is record " << s.firstStepBack
+        out << tools::format_count(s.stepsBack, "record") << " earlier than the one before, the first is record "
+            << s.firstStepBack
             << " (kovra_brantel takes its slower step-by-step path)\n";
       }
     }

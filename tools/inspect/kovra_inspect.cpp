@@ -1,5 +1,6 @@
 // kovra_inspect: shows what a photon or event file holds and exports its records as CSV, HDF5 or an image.
 
+#include <hdf5.h>
 #include <unistd.h>
 
 #include <exception>
@@ -36,5 +37,8 @@ int run(const Inspect_Options& options) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  // HDF5's clean-up at exit crashes on a file whose closing failed (a write refused by a full disk); every file the
+  // program writes is closed, or removed, before it exits, so there is nothing left for that clean-up to do.
+  H5dont_atexit();
   return kovra::tools::run_tool("kovra_inspect", get_inspectHelp(), argc, argv, parse_inspectOptions, run);
 }

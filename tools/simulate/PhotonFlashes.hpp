@@ -14,10 +14,12 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <span>
@@ -26,6 +28,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/Counts.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonSimulation.hpp"
 
@@ -89,7 +92,8 @@ inline std::uint64_t get_le(const unsigned char* bytes, int width) {
 }  // namespace flashes_detail
 
 /// Streams the entries to a temporary file beside the target; `finish` writes the header and renames it into
-/// place, so the file appears whole or not at all. Throws std::runtime_error when a write fails.
+/// place, so the file appears whole or not at all. Throws std::runtime_error with the system's reason when a write
+/// fails.
 class PhotonFlashes_Writer {
  public:
   /// `flashBound`: more flashes than the run can have; picks 4-byte entries whenever they suffice.
@@ -98,7 +102,7 @@ class PhotonFlashes_Writer {
         temporaryPath(path + ".part"),
         width(flashBound < static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max()) ? 4 : 8),
         file(temporaryPath, std::ios::binary | std::ios::trunc) {
-    if (!file) throw std::runtime_error("cannot write '" + temporaryPath + "'");
+    if (!file) fail(temporaryPath, errno);
     file.write(std::string(photonFlashes_headerBytes, '\0').data(), photonFlashes_headerBytes);
   }
   PhotonFlashes_Writer(const PhotonFlashes_Writer&) = delete;
@@ -134,13 +138,15 @@ class PhotonFlashes_Writer {
     file.seekp(0);
     file.write(header.data(), static_cast<std::streamsize>(header.size()));
     file.close();
-    if (!file || std::rename(temporaryPath.c_str(), path.c_str()) != 0) {
-      throw std::runtime_error("cannot write '" + path + "'");
-    }
+    if (!file || std::rename(temporaryPath.c_str(), path.c_str()) != 0) fail(path, errno);
     finished = true;
   }
 
  private:
+  [[noreturn]] static void fail(const std::string& name, int reason) {
+    throw std::runtime_error("cannot write '" + name + "': " + std::strerror(reason));
+  }
+
   std::string path;
   std::string temporaryPath;
   int width;
@@ -179,8 +185,8 @@ inline Photon_Flashes read_photonFlashes(const std::string& path,
   Photon_Flashes result;
   result.nFlashes = flashes_detail::get_le(data + 24, 8);
   if (nPhotons != photons.size()) {
-    throw std::invalid_argument(where + "made for " + std::to_string(nPhotons) + " photons, the photon file has " +
-                                std::to_string(photons.size()));
+    throw std::invalid_argument(where + "made for " + tools::format_count(nPhotons, "photon") +
+                                ", the photon file has " + std::to_string(photons.size()));
   }
   if ((bytes.size() - photonFlashes_headerBytes) / static_cast<std::size_t>(width) != nPhotons ||
       (bytes.size() - photonFlashes_headerBytes) % static_cast<std::size_t>(width) != 0) {

@@ -1,6 +1,7 @@
 // kovra_simulate: writes a photon file of a simulated scintillator, and optionally the true flashes beside it.
 
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -10,6 +11,8 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/Counts.hpp"
+#include "common/OutputFolders.hpp"
 #include "kovra/ContainerFile_Writer.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
@@ -22,9 +25,10 @@ namespace {
 
 using namespace kovra::simulate;
 
-/// Says that `path` cannot be written, on standard error, and gives the status for it.
-int cannot_write(const std::string& path) {
-  std::cerr << "kovra_simulate: cannot write '" << path << "'\n";
+/// Says on standard error that `path` cannot be written and the system's reason (an errno value), and gives the
+/// status for it.
+int cannot_write(const std::string& path, int error) {
+  std::cerr << "kovra_simulate: cannot write '" << path << "': " << std::strerror(error) << "\n";
   return kovra::tools::exit_failure;
 }
 
@@ -34,8 +38,15 @@ int run_simulate(const Simulate_Options& options) {
   using kovra::tpx3spidr::PhotonEvent;
   using kovra::tpx3spidr::Time;
 
+  // Missing folders are made, as kovra_brantel makes those of its output (the truth files go beside the photons).
+  for (const std::string& path : {options.outputPath, options.rawPath}) {
+    if (const std::error_code error = kovra::tools::create_outputFolders(path)) return cannot_write(path, error.value());
+  }
   // The photon file's writer stops the program on a target it cannot write; ask first, with a message.
-  if (!kovra::OutputFile_Atomic(options.outputPath).stream()) return cannot_write(options.outputPath);
+  {
+    kovra::OutputFile_Atomic probe(options.outputPath);
+    if (!probe.stream()) return cannot_write(options.outputPath, probe.get_error());
+  }
   kovra::ContainerFile_Writer<2> photonFile(options.outputPath);
 
   const std::string truthPath = get_truthPath(options.outputPath);
@@ -43,7 +54,7 @@ int run_simulate(const Simulate_Options& options) {
   std::optional<PhotonFlashes_Writer> flashes;
   if (options.writeTruth) {
     truth.emplace(truthPath);
-    if (!truth->stream()) return cannot_write(truthPath);
+    if (!truth->stream()) return cannot_write(truthPath, truth->get_error());
     truth->stream() << "t_s,x_px,y_px,nPhotons,class\n";
     try {
       flashes.emplace(get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
@@ -59,7 +70,7 @@ int run_simulate(const Simulate_Options& options) {
   std::optional<Raw_Writer<decltype(countHit)>> raw;
   if (!options.rawPath.empty()) {
     rawFile.emplace(options.rawPath);
-    if (!rawFile->stream()) return cannot_write(options.rawPath);
+    if (!rawFile->stream()) return cannot_write(options.rawPath, rawFile->get_error());
     raw.emplace(
         options.settings.width_px, options.settings.height_px, options.settings.seed,
         [&rawFile](const std::uint64_t* words, std::size_t n) {
@@ -91,7 +102,7 @@ int run_simulate(const Simulate_Options& options) {
           for (const auto& p : photons) raw->add_photon(p);
         }
       });
-  if (!photonFile.good()) return cannot_write(options.outputPath);
+  if (!photonFile.good()) return cannot_write(options.outputPath, photonFile.get_error());
   photonFile.end_block();
 
   Trigger_Times triggers(options.settings);
@@ -106,7 +117,7 @@ int run_simulate(const Simulate_Options& options) {
       photonFile.append(std::span<const Time>(piece));
       nTriggers += piece.size();
     }
-    if (!photonFile.good()) return cannot_write(options.outputPath);
+    if (!photonFile.good()) return cannot_write(options.outputPath, photonFile.get_error());
     photonFile.end_block();
   }
 
@@ -124,13 +135,18 @@ int run_simulate(const Simulate_Options& options) {
     return kovra::tools::exit_failure;
   }
 
-  std::cout << "kovra_simulate: wrote " << nPhotons << " photons (" << counts.nEventPhotons << " from "
-            << counts.nEvents << " flashes, " << counts.nDarkPhotons << " dark counts";
-  if (triggers.present()) std::cout << ", " << nTriggers << " triggers";
+  using kovra::tools::format_count;
+  std::cout << "kovra_simulate: wrote " << format_count(nPhotons, "photon") << " (" << counts.nEventPhotons << " from "
+            << format_count(counts.nEvents, "flash", "flashes") << ", "
+            << format_count(counts.nDarkPhotons, "dark count");
+  if (triggers.present()) std::cout << ", " << format_count(nTriggers, "trigger");
   std::cout << ") to " << options.outputPath << "\n";
   if (truth) std::cout << "kovra_simulate: true flashes in " << truthPath << "\n";
   if (flashes) std::cout << "kovra_simulate: the flash of each photon in " << flashes->get_path() << "\n";
-  if (raw) std::cout << "kovra_simulate: wrote the raw form, " << nHits << " hits, to " << options.rawPath << "\n";
+  if (raw) {
+    std::cout << "kovra_simulate: wrote the raw form, " << format_count(nHits, "hit") << ", to " << options.rawPath
+              << "\n";
+  }
   return 0;
 }
 

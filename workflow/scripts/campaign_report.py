@@ -22,6 +22,7 @@ import numpy as np  # noqa: E402
 from matplotlib.colors import LogNorm  # noqa: E402
 
 import atomic_files  # noqa: E402
+from counts import format_count  # noqa: E402
 from process_file import PSD_EDGES_S  # noqa: E402
 
 CSV_COLUMNS = (
@@ -87,7 +88,7 @@ def markdown_text(statuses: Sequence[dict[str, Any]], plots: Sequence[str], tof_
     lines = [
         "# Campaign report",
         "",
-        f"{len(statuses)} photon files: {len(good)} processed, {len(failed)} failed.",
+        f"{format_count(len(statuses), 'photon file')}: {len(good)} processed, {len(failed)} failed.",
         "",
         "| File | Status | Photons | Events | One-photon share | Time span (s) | Event rate (1/s) |",
         "|---|---|---:|---:|---:|---:|---:|",
@@ -140,7 +141,7 @@ def plot_pulse_shape(counts: np.ndarray, edges_s: np.ndarray, outside: dict[str,
                   transform=axes.transAxes)
     axes.set_xlabel("pulse-shape value (ns)")
     axes.set_ylabel("events per bin (50 bins per decade)")
-    axes.set_title(f"Pulse-shape value of events with more than one photon, {n_files} files")
+    axes.set_title(f"Pulse-shape value of events with more than one photon, {format_count(n_files, 'file')}")
     left_out = {key: value for key, value in outside.items() if value}
     if left_out:
         note = ", ".join(f"{key.replace('_', ' ')}: {value}" for key, value in sorted(left_out.items()))
@@ -159,7 +160,7 @@ def plot_event_map(event_map: np.ndarray, n_files: int, target: Path) -> None:
                         cmap=colours, norm=LogNorm(vmin=1, vmax=max(largest, 2)))
     axes.set_xlabel("x (pixel)")
     axes.set_ylabel("y (pixel)")
-    axes.set_title(f"Event positions, {n_files} files")
+    axes.set_title(f"Event positions, {format_count(n_files, 'file')}")
     figure.colorbar(image, ax=axes, label="events per pixel")
     save_figure(figure, target)
 
@@ -183,7 +184,7 @@ def plot_spectra(spectra: dict[str, tuple[np.ndarray, np.ndarray]], tick_s: floa
             axes.legend(fontsize=8)
     else:
         axes.text(0.5, 0.5, "no file with triggers", ha="center", va="center", transform=axes.transAxes)
-    axes.set_title(f"Time-of-flight spectra, {len(spectra)} files")
+    axes.set_title(f"Time-of-flight spectra, {format_count(len(spectra), 'file')}")
     save_figure(figure, target)
 
 
@@ -253,7 +254,7 @@ def write_report(status_paths: Sequence[Path], csv_path: Path, markdown_path: Pa
     tof_lines = [f"- `{stem[s['file']]}.tof.csv`" if s.get("tof") == "ok"
                  else f"- `{markdown_cell(s['file'])}`: no spectrum ({markdown_cell(s.get('tof_message', ''))})"
                  for s, _ in good]
-    tof_lines += ["", f"`{stack_h5.name}`: the stacks of {len(summed)} files summed"
+    tof_lines += ["", f"`{stack_h5.name}`: the stacks of {format_count(len(summed), 'file')} summed"
                   + (f"; left out, other bins or cells: {', '.join(other)}" if other else "") + "."]
     atomic_files.write_text(csv_path, csv_text(statuses))
     atomic_files.write_text(markdown_path, markdown_text(statuses, [pulse_shape_png.name, event_map_png.name,
@@ -273,7 +274,7 @@ def main(snakemake: Any) -> None:
         stack_h5=Path(snakemake.output.stack),
     )
     failed = [status for status in statuses if status["status"] != "ok"]
-    print(f"campaign report: {len(statuses)} files, {len(failed)} failed", file=sys.stderr)
+    print(f"campaign report: {format_count(len(statuses), 'file')}, {len(failed)} failed", file=sys.stderr)
     for status in failed:
         print(f"  {status['file']}: {status['message']}", file=sys.stderr)
 

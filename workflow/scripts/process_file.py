@@ -10,6 +10,7 @@ campaign report, and the file's stale outputs from an earlier run are removed.
 import json
 import os
 import re
+import resource
 import signal
 import subprocess
 from dataclasses import dataclass
@@ -81,13 +82,20 @@ def tool_message(stderr: str) -> str:
     return " / ".join(line.strip() for line in stderr.splitlines() if line.strip())
 
 
+def without_core_dumps() -> None:
+    """Runs in the child before the tool starts. A tool that fails on a file may end abnormally (kovra_brantel
+    aborts with its message); where core dumps are on, that would leave a core file in the folder the campaign was
+    started from, often the repository."""
+    resource.setrlimit(resource.RLIMIT_CORE, (0, resource.getrlimit(resource.RLIMIT_CORE)[1]))
+
+
 def run_tool(command: Sequence[str], log: Any, cwd: Path | None = None,
              environment: Mapping[str, str] | None = None) -> subprocess.CompletedProcess[str]:
-    """Runs a tool, with `environment` added to this process's, and logs the command, what it said and how it
-    ended."""
+    """Runs a tool, with `environment` added to this process's and core dumps off, and logs the command, what it
+    said and how it ended."""
     extra = dict(environment or {})
     result = subprocess.run(list(command), cwd=cwd, capture_output=True, text=True, errors="replace",
-                            env={**os.environ, **extra} if extra else None)
+                            env={**os.environ, **extra} if extra else None, preexec_fn=without_core_dumps)
     log.write(f"$ {' '.join([*(f'{key}={value}' for key, value in extra.items()), *command])}\n")
     if cwd is not None:
         log.write(f"  (in {cwd})\n")

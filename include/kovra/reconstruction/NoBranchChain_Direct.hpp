@@ -26,18 +26,28 @@ namespace kovra {
 
 namespace detail {
 
-/// The settings of a no-branch chain, read once per call.
+/// Where a growing chain learns which photons are free: by walking every candidate (any input); from counts by
+/// cell, which end the chain once no free photon is left near its last photon; or from the cells' lists of free
+/// photons (the last two on time-ordered input only; Cells_FreePhotons.hpp).
+enum class Free_Photons { walked, counted, listed };
+
+/// Whether a growing chain marks each photon that was its last one with how far past it it looked, for a chain
+/// seeded there later (the ghost-photon chains on time-ordered input).
+enum class Resume_Marks { skipped, noted };
+
+/// The rule of the no-branch chains with the settings of a run, read once per call: which photon is near the
+/// last one, how far in time a chain searches, and how a chain grows.
 template <typename Length_Type, typename Time_Type>
-struct NoBranchChain_Window {
+struct NoBranchChain_Rule {
   Length_Type dSpace;
   Time_Type dTime;
   double factor;
   Time_Type durationMax;
 
-  /// Where the chain of the seed stops looking: min(t_last + d, tEnd). The sum saturates, so that a window
-  /// widened beyond every time stays unlimited instead of wrapping.
-  static Time_Type limit_of(Time_Type tLast, Time_Type d, Time_Type tEnd) {
-    return std::min(tEnd, add_saturating(tLast, d));
+  /// Where the chain of a seed stops looking: min(t_last + searchTime, tEnd). The sum saturates, so that a search
+  /// time widened beyond every time stays unlimited instead of wrapping.
+  static Time_Type limit_of(Time_Type tLast, Time_Type searchTime, Time_Type tEnd) {
+    return std::min(tEnd, add_saturating(tLast, searchTime));
   }
 
   /// Chains look this many candidates in a row past their last photon before asking the cell counts whether
@@ -58,7 +68,16 @@ struct NoBranchChain_Window {
     };
   }
 
-  /// A chain being grown (grow(), grow_listed()): its summary, its last photon and how far it looks.
+  /// A chain to grow: its seed, the first photon offered to it, the latest time it may take (the seed's time +
+  /// durationMax) and the event it becomes.
+  struct Chain_Start {
+    std::size_t seed;
+    std::size_t firstCandidate;
+    Time_Type tEnd;
+    std::uint64_t eventIndex;
+  };
+
+  /// A chain being grown: its summary, its last photon and how far it looks.
   template <typename PhotonEventChain_Type>
   struct Growing {
     PhotonEventChain_Type chain;
@@ -66,74 +85,99 @@ struct NoBranchChain_Window {
     Length_Type lastX;
     Length_Type lastY;
     Time_Type tLast;
-    Time_Type d;
+    Time_Type searchTime;  // from its last photon: dTime, widened by the factor at every photon taken
     Time_Type limit;
     Time_Type tEnd;
-    bool noteResume;
+    std::uint64_t eventIndex;
+    Resume_Marks marks;
   };
 
+  /// Grows the chain of `start.seed`, offering it the photons from `start.firstCandidate` on and taking (marking)
+  /// the free photons that join, finding free photons as `freePhotons` says: `range` counts (and for
+  /// Free_Photons::listed lists) the free photons from before the first candidate on. The caller has fetched the
+  /// first candidate and checked that it lies inside the seed's limit, and that the photons it passed over could
+  /// not have joined.
+  ///
+  /// With Resume_Marks::noted, each photon that was the chain's last one gets as its window mark how far past it
+  /// the chain looked while it was last (capped at 255): the photons in between were taken or out of its reach,
+  /// and stay so, so a chain seeded later by that photon can start looking there.
+  ///
+  /// Every photon that joins is reported to `membership` as a member of event `start.eventIndex`; the seed is not.
+  ///
+  /// Returns the chain as grown: its summary in `chain`, and in `last` the last photon it took (the seed when it
+  /// took none), which is also the furthest, since photons join in list order.
+  template <typename PhotonEventChain_Type, typename Window_Type, typename Range_Type, typename Membership_Type>
+  Growing<PhotonEventChain_Type> grow(Free_Photons freePhotons, Window_Type& window, const Chain_Start& start,
+                                      Range_Type& range, Membership_Type& membership, Resume_Marks marks) const {
+    auto g = begin_chain<PhotonEventChain_Type>(window, start, marks);
+    switch (freePhotons) {
+      case Free_Photons::listed:
+        grow_listed(g, window, start.firstCandidate, range, membership);
+        break;
+      case Free_Photons::counted:
+        grow_walking<true>(g, window, start.firstCandidate, range, membership);
+        break;
+      case Free_Photons::walked:
+        grow_walking<false>(g, window, start.firstCandidate, range, membership);
+        break;
+    }
+    return g;
+  }
+
+ private:
   template <typename PhotonEventChain_Type, typename Window_Type>
-  Growing<PhotonEventChain_Type> start(const Window_Type& window, std::size_t seedIndex, Time_Type tEnd,
-                                       bool noteResume) const {
-    const auto& seed = window[seedIndex];
-    const Time_Type limit = limit_of(seed.toa, dTime, tEnd);
-    return {PhotonEventChain_Type(seed), seedIndex, seed.x, seed.y, seed.toa, dTime, limit, tEnd, noteResume};
+  Growing<PhotonEventChain_Type> begin_chain(const Window_Type& window, const Chain_Start& start,
+                                             Resume_Marks marks) const {
+    const auto& seed = window[start.seed];
+    const Time_Type limit = limit_of(seed.toa, dTime, start.tEnd);
+    return {PhotonEventChain_Type(seed), start.seed, seed.x,         seed.y, seed.toa, dTime, limit,
+            start.tEnd,                  start.eventIndex, marks};
   }
 
   /// The resume mark of photon `from`, the chain's last one while it looked up to `to` (see grow()).
   template <typename PhotonEventChain_Type, typename Window_Type>
   static void note_resume(const Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t from,
                           std::size_t to) {
-    if (g.noteResume) window.mark(from) = static_cast<std::uint8_t>(std::min<std::size_t>(to - from, 255));
+    if (g.marks == Resume_Marks::noted) {
+      window.mark(from) = static_cast<std::uint8_t>(std::min<std::size_t>(to - from, 255));
+    }
   }
 
-  /// Photon j joins the chain: it is taken, reported to `membership` as a member of event `eventIndex`, becomes
-  /// the last photon, and its time gap widens the chain's window by the factor.
+  /// Photon j joins the chain: it is taken, reported to `membership` as a member of the chain's event, becomes
+  /// the last photon, and its time gap widens the chain's search time by the factor.
   template <typename PhotonEventChain_Type, typename Window_Type, typename Membership_Type>
-  void join(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t j, Membership_Type& membership,
-            std::uint64_t eventIndex) const {
+  void join(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t j, Membership_Type& membership) const {
     const auto& candidate = window[j];
     g.chain.add_photon(candidate);
     window.set_taken(j);
-    report_member(membership, eventIndex, j);
-    // With a factor of 0.0 the product is always 0 ticks, so the window stays as it is.
-    if (factor != 0.0) g.d = add_saturating(g.d, (candidate.toa - g.tLast).scaled(factor));
+    report_member(membership, g.eventIndex, j);
+    // With a factor of 0.0 the product is always 0 ticks, so the search time stays as it is.
+    if (factor != 0.0) g.searchTime = add_saturating(g.searchTime, (candidate.toa - g.tLast).scaled(factor));
     note_resume(g, window, g.last, j + 1);
     g.last = j;
     g.tLast = candidate.toa;
     g.lastX = candidate.x;
     g.lastY = candidate.y;
-    g.limit = limit_of(g.tLast, g.d, g.tEnd);
+    g.limit = limit_of(g.tLast, g.searchTime, g.tEnd);
   }
 
-  /// Grows the chain of the seed at `seedIndex`, offering it the photons from `firstCandidate` on and taking
-  /// (marking) the free photons that join. The caller has fetched `firstCandidate` and checked that it lies
-  /// inside the seed's window, and that the photons it passed over could not have joined.
-  ///
-  /// With `noteResume`, each photon that was the chain's last one gets as its window mark how far past it the
-  /// chain looked while it was last (capped at 255): the photons in between were taken or out of its reach, and
-  /// stay so, so a chain seeded later by that photon can start looking there.
-  ///
-  /// Every photon that joins is reported to `membership` as a member of event `eventIndex`; the seed is not.
-  ///
-  /// `freePhotons`, used when `counted` (time-ordered input only), counts the free photons from before
-  /// `firstCandidate` on; the chain extends it over its window and ends as soon as no free photon is left near its
+  /// The chain walks the candidates one by one. When `counted`, `range` counts the free photons from before the
+  /// first candidate on; the chain extends it over its limit and ends as soon as no free photon is left near its
   /// last photon, since only such a photon could join next.
   ///
-  /// Returns the chain as grown: its summary in `chain`, and in `last` the last photon it took (the seed when it
-  /// took none), which is also the furthest, since photons join in list order.
-  template <typename PhotonEventChain_Type, bool counted, typename Window_Type, typename Range_Type,
+  /// Each walk is a function of its own (not inlined into grow()), so that the compiler inlines the step that
+  /// takes a photon into it, as when each walk was called directly (inlined together, they cost the default
+  /// algorithm 3-4 % more instructions).
+  template <bool counted, typename PhotonEventChain_Type, typename Window_Type, typename Range_Type,
             typename Membership_Type>
-  Growing<PhotonEventChain_Type> grow(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate, Time_Type tEnd,
-                             bool noteResume, Range_Type* freePhotons, Membership_Type& membership,
-                             std::uint64_t eventIndex) const {
+  [[gnu::noinline]] void grow_walking(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t firstCandidate,
+                    Range_Type& range, Membership_Type& membership) const {
     const auto near = near_test();
-    auto g = start<PhotonEventChain_Type>(window, seedIndex, tEnd, noteResume);
     // The answer for one last photon cannot change while it stays last, so it is asked at most once per last
     // photon.
     const auto exhausted = [&]() {
-      freePhotons->extend_to(g.limit);
-      return !freePhotons->any_free_near(g.lastX, g.lastY);
+      range.extend_to(g.limit);
+      return !range.any_free_near(g.lastX, g.lastY);
     };
     unsigned misses = 0;
     std::size_t j = firstCandidate;
@@ -145,15 +189,14 @@ struct NoBranchChain_Window {
       const auto& candidate = window[j];
       // One branch for the three tests: most candidates fail one of them at random.
       if (near(g.lastX, candidate.x) & near(g.lastY, candidate.y) & !window.is_taken(j)) {
-        join(g, window, j, membership, eventIndex);
-        if constexpr (counted) freePhotons->note_taken(j);
+        join(g, window, j, membership);
+        if constexpr (counted) range.note_taken(j);
         misses = 0;
       }
       ++j;
       if (!window.fetch(j) || window[j].toa > g.limit) break;
     }
     note_resume(g, window, g.last, j);
-    return g;
   }
 
   /// Chains that look into the cells walk this many candidates past their last photon first: the next photon
@@ -162,17 +205,15 @@ struct NoBranchChain_Window {
   /// 32: 0.67, within the noise of one another; 8 kept.
   static constexpr std::size_t walkBeforeAsking = 8;
 
-  /// grow() with counts for a range that also lists its photons by cell (time-ordered input only): after a
+  /// The walk with counts for a range that also lists its photons by cell (time-ordered input only): after a
   /// short walk that found no photon to join, the chain asks the range for the next one instead of walking on:
   /// the first free photon near its last one and not later than its limit, which is exactly the photon the walk
   /// would stop at (Range_FreePhotons::first_free_near), or none, where the walk would reach the limit with no
   /// photon joined. The resume marks are those of the walk.
   template <typename PhotonEventChain_Type, typename Window_Type, typename Range_Type, typename Membership_Type>
-  Growing<PhotonEventChain_Type> grow_listed(Window_Type& window, std::size_t seedIndex, std::size_t firstCandidate,
-                                    Time_Type tEnd, bool noteResume, Range_Type& freePhotons,
-                                    Membership_Type& membership, std::uint64_t eventIndex) const {
+  [[gnu::noinline]] void grow_listed(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t firstCandidate,
+                   Range_Type& range, Membership_Type& membership) const {
     const auto near = near_test();
-    auto g = start<PhotonEventChain_Type>(window, seedIndex, tEnd, noteResume);
     const auto nearLast = [&](const auto& candidate) { return near(g.lastX, candidate.x) & near(g.lastY, candidate.y); };
 
     for (std::size_t j = firstCandidate;; ++j) {
@@ -180,7 +221,7 @@ struct NoBranchChain_Window {
       for (const std::size_t walkEnd = j + walkBeforeAsking; j < walkEnd; ++j) {
         if (!window.fetch(j) || window[j].toa > g.limit) {
           note_resume(g, window, g.last, j);
-          return g;
+          return;
         }
         if (nearLast(window[j]) & !window.is_taken(j)) {
           found = true;
@@ -188,25 +229,24 @@ struct NoBranchChain_Window {
         }
       }
       if (!found) {
-        freePhotons.extend_to(g.limit);
-        j = freePhotons.first_free_near(g.lastX, g.lastY, j, g.limit, nearLast);
+        range.extend_to(g.limit);
+        j = range.first_free_near(g.lastX, g.lastY, j, g.limit, nearLast);
         if (j == Range_Type::none) break;
       }
-      join(g, window, j, membership, eventIndex);
-      freePhotons.note_taken(j);
+      join(g, window, j, membership);
+      range.note_taken(j);
     }
     // No free photon near the last one before the limit: the walk would have gone to the first photon past it.
-    note_resume(g, window, g.last, freePhotons.end_of_reach(g.last, g.limit, 255));
-    return g;
+    note_resume(g, window, g.last, range.end_of_reach(g.last, g.limit, 255));
   }
 };
 
 template <typename Settings_Type>
-auto make_noBranchChain_window(const Settings_Type& settings) {
+auto make_noBranchChain_rule(const Settings_Type& settings) {
   using Length_Type = decltype(settings.dSpace);
   using Time_Type = decltype(settings.dTime);
-  return NoBranchChain_Window<Length_Type, Time_Type>{settings.dSpace, settings.dTime,
-                                                       settings.dTime_ext.value_or(0.0), settings.durationMax};
+  return NoBranchChain_Rule<Length_Type, Time_Type>{settings.dSpace, settings.dTime, settings.dTime_ext.value_or(0.0),
+                                                     settings.durationMax};
 }
 
 /// In time order, chains of this algorithm ask the cell counts only where windows of dTime hold on average at
@@ -226,26 +266,27 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
   using Length_Type = typename PhotonEvent_Type::length_type;
   using Time_Type = typename PhotonEvent_Type::time_type;
   using Event_Type = typename PhotonEventChain_Type::Event_Type;
-  const auto chains = detail::make_noBranchChain_window(settings);
+  using detail::Free_Photons;
+  const auto rule = detail::make_noBranchChain_rule(settings);
 
   detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
     using Window_Type = std::remove_reference_t<decltype(window)>;
     // In crowded stretches of ordered input the free photons from i + 1 on are counted by cell (taken up at a
-    // seed as an empty range at i + 1). Chains of this algorithm do not look into listed cells (grow_listed):
-    // its chains start only at free seeds, and on the dense benchmark dataset the lists cost more than the walks
-    // they saved (about 13 %).
+    // seed as an empty range at i + 1). Chains of this algorithm do not look into listed cells
+    // (Free_Photons::listed): its chains start only at free seeds, and on the dense benchmark dataset the lists
+    // cost more than the walks they saved (about 13 %).
     detail::Crowding_Judge judge(window, settings.dTime);
-    bool countCells = false;
+    Free_Photons freeFound = Free_Photons::walked;
     detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace, false);
     for (std::size_t i = 0; window.fetch(i); ++i) {
       window.release_before(i);
       if (ordered && judge.due(i)) {
-        const bool count = judge.at_least(detail::noBranchChain_crowdedFrom);
-        if (count && !countCells) freePhotons.restart_at(i + 1, false);
-        countCells = count;
+        const bool crowded = judge.at_least(detail::noBranchChain_crowdedFrom);
+        if (crowded && freeFound == Free_Photons::walked) freePhotons.restart_at(i + 1, false);
+        freeFound = crowded ? Free_Photons::counted : Free_Photons::walked;
       }
       // Every seed moves the counted range past itself: photons before a seed can join none of its chains.
-      if (countCells) freePhotons.drop_before(i + 1);
+      if (freeFound == Free_Photons::counted) freePhotons.drop_before(i + 1);
       if (window.is_taken(i)) continue;
       if (detail::stops_before_seed<Time_Type>(out, i)) return;
       window.set_taken(i);
@@ -253,12 +294,10 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
       const PhotonEvent_Type seed = window[i];
       const Time_Type tEnd = seed.toa + settings.durationMax;
       const std::size_t first = ordered ? window.find_free(i + 1) : i + 1;
-      if (window.fetch(first) && window[first].toa <= chains.limit_of(seed.toa, settings.dTime, tEnd)) {
-        const auto grown =
-            countCells ? chains.template grow<PhotonEventChain_Type, true>(window, i, first, tEnd, false, &freePhotons,
-                                                                           membership, out.size())
-                       : chains.template grow<PhotonEventChain_Type, false>(window, i, first, tEnd, false,
-                                                                            &freePhotons, membership, out.size());
+      if (window.fetch(first) && window[first].toa <= rule.limit_of(seed.toa, settings.dTime, tEnd)) {
+        const auto grown = rule.template grow<PhotonEventChain_Type>(freeFound, window, {i, first, tEnd, out.size()},
+                                                                     freePhotons, membership,
+                                                                     detail::Resume_Marks::skipped);
         out.append(grown.chain.to_event());
         detail::note_chainEnd<Time_Type>(out, grown.last);
       } else {

@@ -48,7 +48,8 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
   using Length_Type = typename PhotonEvent_Type::length_type;
   using Time_Type = typename PhotonEvent_Type::time_type;
   using Event_Type = typename PhotonEventChain_Type::Event_Type;
-  const auto chains = detail::make_noBranchChain_window(settings);
+  using detail::Free_Photons;
+  const auto rule = detail::make_noBranchChain_rule(settings);
 
   // The window mark of a photon: how far past it its own chain looked while the photon was its last one; see
   // grow(). Every taken photon was its chain's last one for a while, so its mark is written before it is read
@@ -61,24 +62,27 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
     // also listed by cell, and chains look there for their next photon. A range taken up at seed i starts
     // empty at i + 1 and fills as the seeds' windows reach further, as it does at the first seed.
     detail::Crowding_Judge judge(window, settings.dTime);
-    bool countCells = false;
-    bool listCells = false;
+    Free_Photons freeFound = Free_Photons::walked;
     detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace, false);
+    const auto marks = ordered ? detail::Resume_Marks::noted : detail::Resume_Marks::skipped;
 
     for (std::size_t i = 0; window.fetch(i); ++i) {
       window.release_before(i);
       if (ordered && judge.due(i)) {
-        const bool count = judge.at_least(detail::ghostPhoton_crowdedFrom);
-        const bool list = count && judge.at_least(detail::ghostPhoton_listedFrom);
-        if (count && (!countCells || list != listCells)) freePhotons.restart_at(i + 1, list);
-        countCells = count;
-        listCells = list;
+        const Free_Photons judged = !judge.at_least(detail::ghostPhoton_crowdedFrom)  ? Free_Photons::walked
+                                    : !judge.at_least(detail::ghostPhoton_listedFrom) ? Free_Photons::counted
+                                                                                      : Free_Photons::listed;
+        if (judged != Free_Photons::walked && judged != freeFound) {
+          freePhotons.restart_at(i + 1, judged == Free_Photons::listed);
+        }
+        freeFound = judged;
       }
+      const bool countCells = freeFound != Free_Photons::walked;
       const PhotonEvent_Type seed = window[i];
       const bool seedTaken = window.is_taken(i);
       if (!seedTaken && detail::stops_before_seed<Time_Type>(out, i)) return;
       const Time_Type tEnd = seed.toa + settings.durationMax;
-      const Time_Type limit = chains.limit_of(seed.toa, settings.dTime, tEnd);
+      const Time_Type limit = rule.limit_of(seed.toa, settings.dTime, tEnd);
       std::size_t first = i + 1;
       if constexpr (ordered) {
         if (countCells) {
@@ -96,7 +100,7 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
             const Time_Type tFree = window[first].toa;
             while (i + 1 < first) {
               const Time_Type t = window[i + 1].toa;
-              if (chains.limit_of(t, settings.dTime, t + settings.durationMax) >= tFree) break;
+              if (rule.limit_of(t, settings.dTime, t + settings.durationMax) >= tFree) break;
               ++i;
             }
             if (countCells) freePhotons.drop_before(i + 1);  // as the seeds passed over would have
@@ -107,13 +111,8 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
         }
       }
       if (window.fetch(first) && window[first].toa <= limit) {
-        const auto grown =
-            listCells    ? chains.template grow_listed<PhotonEventChain_Type>(window, i, first, tEnd, ordered,
-                                                                              freePhotons, membership, out.size())
-            : countCells ? chains.template grow<PhotonEventChain_Type, true>(window, i, first, tEnd, ordered,
-                                                                             &freePhotons, membership, out.size())
-                         : chains.template grow<PhotonEventChain_Type, false>(window, i, first, tEnd, ordered,
-                                                                              &freePhotons, membership, out.size());
+        const auto grown = rule.template grow<PhotonEventChain_Type>(freeFound, window, {i, first, tEnd, out.size()},
+                                                                     freePhotons, membership, marks);
         const auto& chain = grown.chain;
         if (chain.nPhotons > 1) {
           // Only now is the seed known to give an event (no photon joined a chain of one).

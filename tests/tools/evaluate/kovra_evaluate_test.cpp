@@ -95,3 +95,13 @@ TEST(EvaluateProgramTest, TruthOfOtherPhotonsIsRefused) {
         << r.err;
   }
 }
+
+TEST(EvaluateProgramTest, ATableThatCannotBeWrittenSaysWhy) {
+  TempDir dir;
+  simulate(dir, "run.kovraphot", "3");
+  std::filesystem::create_directory(dir.file("taken.csv"));
+  const auto r = evaluate(dir, "run.kovraphot -s 5 -t 5e-7 --csv taken.csv");
+  EXPECT_EQ(std::tuple(r.status, r.err),
+            std::tuple(1, std::string("kovra_evaluate: run.kovraphot: cannot write 'taken.csv': Is a directory\n")));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("taken.csv.part")));
+}

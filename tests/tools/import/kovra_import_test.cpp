@@ -180,10 +180,10 @@ TEST_F(ImportTest, SparseHitsAcrossRollOversAndLatePackets) {
   EXPECT_EQ(load(dir.file("sparse.kovraphot")).photons,
             (std::vector<Photon>{{5 * px, 5 * px, 100}, {7 * px, 7 * px, last - 1280000}, {6 * px, 6 * px, last}}));
   EXPECT_EQ(err,
-            "warning: 1 hits and 0 trigger edges came later than the reorder window allows (0.005000 s) and were "
+            "warning: 1 hit and 0 trigger edges came later than the reorder window allows (0.005000 s) and were "
             "dropped; a larger --reorder-window keeps them\n");
   EXPECT_THAT(out, HasSubstr("1 dropped as late"));
-  EXPECT_THAT(out, HasSubstr("clock: 1 roll-overs of the hit counter followed"));
+  EXPECT_THAT(out, HasSubstr("clock: 1 roll-over of the hit counter followed"));
 }
 
 TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWas) {

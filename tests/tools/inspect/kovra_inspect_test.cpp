@@ -123,6 +123,22 @@ std::vector<Entry_Type> read_h5(hid_t file, const char* path, hid_t type) {
   return entries;
 }
 
+/// A text attribute as h5py sees it: "str:" and its text for a variable-length UTF-8 string (h5py gives a str),
+/// "bytes" for any other string type (h5py gives bytes).
+std::string read_textAttribute(hid_t object, const char* name) {
+  const hid_t attribute = H5Aopen(object, name, H5P_DEFAULT), type = H5Aget_type(attribute);
+  std::string seen = "bytes";
+  if (H5Tis_variable_str(type) > 0 && H5Tget_cset(type) == H5T_CSET_UTF8) {
+    char* text = nullptr;
+    EXPECT_GE(H5Aread(attribute, type, &text), 0) << name;
+    seen = std::string("str:") + text;
+    H5free_memory(text);
+  }
+  H5Tclose(type);
+  H5Aclose(attribute);
+  return seen;
+}
+
 /// Exports `rows` in chunks of two and reads them back by field name into the test's own layout.
 template <typename Row, typename Record_Type>
 void check_hdf5(const TempDir& dir, const std::vector<Row>& rows, const Triggers& triggers) {
@@ -139,9 +155,27 @@ void check_hdf5(const TempDir& dir, const std::vector<Row>& rows, const Triggers
   } else {
     H5Tinsert(type, "toa", offsetof(P, toa), H5T_NATIVE_INT64);
   }
-  EXPECT_EQ(read_h5<Row>(file, std::is_same_v<Row, E> ? "events" : "photons", type), rows);
+  constexpr bool events = std::is_same_v<Row, E>;
+  const char* records = events ? "events" : "photons";
+  EXPECT_EQ(read_h5<Row>(file, records, type), rows);
+  const hid_t dataset = H5Dopen2(file, records, H5P_DEFAULT);
+  std::vector<std::string> units;
+  for (const char* field : {"x", "y", events ? "t" : "toa", "nPhotons", "psd"}) {
+    const std::string name = std::string(field) + "_unit";
+    if (H5Aexists(dataset, name.c_str()) > 0) units.push_back(name + " " + read_textAttribute(dataset, name.c_str()));
+  }
+  H5Dclose(dataset);
+  const std::vector<std::string> eventUnits = {"x_unit str:pixel", "y_unit str:pixel", "t_unit str:s",
+                                                "nPhotons_unit str:photons", "psd_unit str:s"};
+  const std::vector<std::string> photonUnits = {"x_unit str:pixel", "y_unit str:pixel", "toa_unit str:s"};
+  EXPECT_EQ(units, events ? eventUnits : photonUnits);
   const bool hasTriggers = H5Lexists(file, "extTriggers", H5P_DEFAULT) > 0;
   EXPECT_EQ(hasTriggers ? Triggers(read_h5<i64>(file, "extTriggers", H5T_NATIVE_INT64)) : std::nullopt, triggers);
+  if (hasTriggers) {
+    const hid_t times = H5Dopen2(file, "extTriggers", H5P_DEFAULT);
+    EXPECT_EQ(read_textAttribute(times, "unit"), "str:s");
+    H5Dclose(times);
+  }
   H5Tclose(type);
   H5Fclose(file);
 }
@@ -150,6 +184,26 @@ TEST_F(InspectTest, Hdf5ExportReadsBack) {
   check_hdf5<E, Event>(dir, wide, Triggers{{7, -3, L64::min()}});
   check_hdf5<P, PhotonEvent>(dir, {{1, 2, 3}, {-4, L32::max(), L64::max()}, {5, 6, -7}}, std::nullopt);
   check_hdf5<E, Event>(dir, {}, Triggers(std::in_place));
+}
+
+TEST_F(InspectTest, AnHdf5ExportThatCannotBeWrittenSaysWhyAndLeavesNothing) {
+  std::filesystem::create_directory(dir.file("folder.h5"));
+  // The second run may not write more than 2000 bytes (the export takes about 10 kB); its signal is ignored, so
+  // that the write fails instead.
+  const std::tuple<std::string, std::string, std::string> cases[] = {  // program, arguments, reason
+      {KOVRA_INSPECT_PATH, "known.kovraevent --hdf5 folder.h5", "\"folder.h5\": Is a directory"},
+      {"env", "--ignore-signal=XFSZ prlimit --fsize=2000 " KOVRA_INSPECT_PATH " known.kovraevent --hdf5 big.h5",
+       "\"big.h5\": File too large"},
+  };
+  for (const auto& [program, arguments, reason] : cases) {
+    const Program_Outcome r = run_program(dir, program, arguments);
+    EXPECT_EQ(std::tuple(r.status, r.err),
+              std::tuple(1, "kovra_inspect: known.kovraevent: cannot write HDF5 file " + reason + "\n"));
+  }
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) names.push_back(entry.path().filename());
+  std::ranges::sort(names);
+  EXPECT_EQ(names, (std::vector<std::string>{"folder.h5", "known.kovraevent", "stderr.txt", "stdout.txt"}));
 }
 
 /// The decoded image's width and RGB bytes, through libpng (which checks every chunk).
@@ -231,7 +285,7 @@ TEST_F(InspectTest, ProgramOutput) {
       // Every field at its extremes, in the shortest text that reads back to the same value.
       // The selection reaches the image: of the events with 8 photons or more only one, outside it.
       {"known.kovraevent --photons-min 8 --size 25 -i m.png", 0, "",
-       "kovra_inspect: 1 of 6 events lie outside the image of 25 x 25 pixels and were left out\n"},
+       "kovra_inspect: 1 of 6 events lies outside the image of 25 x 25 pixels and was left out\n"},
       {"wide.kovraevent --csv -", 0,
        "x,y,t,x_px,y_px,t_s,nPhotons,psd_s\n0,0,0,0,0,0,1,0\n-1,2147483647,-9223372036854775808,-1.52587890625e-05,"
        "32767.99998474121,-14411518807.585587,2,0.30000000000000004\n-2147483648,-21845,9223372036854775807,-32768,"
@@ -240,9 +294,14 @@ TEST_F(InspectTest, ProgramOutput) {
        ""},
       {"--hdf5 x.h5 known.kovraevent", 0, "", ""},
       {"photons.kovraevent", 1, "", "kovra_inspect: photons.kovraevent: File has wrong type!\n"},
-      {"known.kovraevent --image no/m.png", 1, "",
-       "kovra_inspect: known.kovraevent: cannot write PNG file \"no/m.png\": No such file or directory\n"},
+      {"known.kovraevent --image known.kovraevent/m.png", 1, "",
+       "kovra_inspect: known.kovraevent: cannot write PNG file \"known.kovraevent/m.png\": Not a directory\n"},
       {"", 2, "", "kovra_inspect: no input file given" + usage},
+      // Images are PNG files, whatever the name says: a name that says otherwise is refused.
+      {"known.kovraevent -i map.jpg", 2, "",
+       "kovra_inspect: option --image needs a file name ending in .png, not \"map.jpg\"" + usage},
+      {"known.kovraevent --plot map.PNG", 2, "",
+       "kovra_inspect: option --plot needs a file name ending in .png, not \"map.PNG\"" + usage},
       {"a.kovraevent -s --csv -", 2, "", "kovra_inspect: the summary and --csv - cannot share standard output" + usage},
   };
   for (const auto& [arguments, status, output, error] : cases) {
@@ -251,6 +310,7 @@ TEST_F(InspectTest, ProgramOutput) {
     EXPECT_THAT(out, ::testing::HasSubstr(output)) << arguments;
   }
   EXPECT_EQ(read_bytes(dir.file("x.h5")).substr(0, 8), "\x89HDF\r\n\x1a\n");
+  EXPECT_FALSE(std::filesystem::exists(dir.file("map.jpg")) || std::filesystem::exists(dir.file("map.PNG")));
 }
 
 /// The time of flight as defined, by a walk over all triggers: the largest not above t.
@@ -401,8 +461,8 @@ TEST_F(InspectTest, TimeOfFlightFailuresWriteNothing) {
           << arguments;
     }
   }
-  EXPECT_EQ(run("one.kovraevent --tof-max 1 --plot no/t.png"), 1);
-  EXPECT_EQ(err, "kovra_inspect: one.kovraevent: cannot write PNG file \"no/t.png\": No such file or directory\n");
+  EXPECT_EQ(run("one.kovraevent --tof-max 1 --plot one.kovraevent/t.png"), 1);
+  EXPECT_EQ(err, "kovra_inspect: one.kovraevent: cannot write PNG file \"one.kovraevent/t.png\": Not a directory\n");
 }
 
 TEST_F(InspectTest, BadTimeOfFlightOptions) {

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -116,19 +117,44 @@ TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemo
                        "kovra_simulate: wrote the raw form, " + std::to_string(nHits) + " hits, to run.tpx3\n");
 }
 
-TEST(SimulateProgramTest, ARunThatCannotWriteEverythingLeavesEveryExistingFileAsItWas) {
+TEST(SimulateProgramTest, AnOutputThatCannotBeWrittenIsNamedWithTheReasonAndNoFileChanges) {
+  // What stands in the way of each output: a file where a folder should be, a folder where the file should be.
+  const std::pair<std::string, std::string> cases[] = {
+      {"-o file/run.kovraphot", "cannot write 'file/run.kovraphot': Not a directory"},
+      {"-o folder.kovraphot", "cannot write 'folder.kovraphot': Is a directory"},
+      {"-o run.kovraphot --truth --raw folder.tpx3", "cannot write 'folder.tpx3': Is a directory"},
+      {"-o run.kovraphot --truth --raw file/run.tpx3", "cannot write 'file/run.tpx3': Not a directory"},
+      {"-o folder.kovraphot.kovraphot --truth", "cannot write 'folder.kovraphot.truth.csv': Is a directory"},
+  };
+  for (const auto& [args, message] : cases) {
+    TempDir dir;
+    write_bytes(dir.file("file"), "a file");
+    write_bytes(dir.file("run.kovraphot"), "earlier photons");
+    write_bytes(dir.file("run.truth.csv"), "earlier truth");
+    for (const char* folder : {"folder.kovraphot", "folder.tpx3", "folder.kovraphot.truth.csv"}) {
+      std::filesystem::create_directory(dir.file(folder));
+    }
+    const auto r = run_simulate(dir, args + " -d 0.001");
+    EXPECT_EQ(std::tuple(r.status, r.err), std::tuple(1, "kovra_simulate: " + message + "\n"));
+    EXPECT_EQ(read_bytes(dir.file("run.kovraphot")), "earlier photons") << args;
+    EXPECT_EQ(read_bytes(dir.file("run.truth.csv")), "earlier truth") << args;
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path())) {
+      names.push_back(entry.path().lexically_relative(dir.path()));
+    }
+    std::ranges::sort(names);
+    EXPECT_EQ(names, (std::vector<std::string>{"file", "folder.kovraphot", "folder.kovraphot.truth.csv", "folder.tpx3",
+                                               "run.kovraphot", "run.truth.csv", "stderr.txt", "stdout.txt"}))
+        << args;
+  }
+}
+
+TEST(SimulateProgramTest, AWriteRefusedOnTheWayIsReportedWithItsReason) {
+  // A file size limit far below the photon file's 6 MB (its signal ignored, so that the write fails instead).
   TempDir dir;
-  const auto unwritable = run_simulate(dir, "-o missing/dir/a.kovraphot");
-  EXPECT_EQ(std::tuple(unwritable.status, unwritable.err),
-            std::tuple(1, "kovra_simulate: cannot write 'missing/dir/a.kovraphot'\n"s));
-  write_bytes(dir.file("run.kovraphot"), "earlier photons");
-  write_bytes(dir.file("run.truth.csv"), "earlier truth");
-  const auto r = run_simulate(dir, "-o run.kovraphot -d 0.001 --truth --raw missing/run.tpx3");
-  EXPECT_EQ(std::tuple(r.status, r.err), std::tuple(1, "kovra_simulate: cannot write 'missing/run.tpx3'\n"s));
-  EXPECT_EQ(read_bytes(dir.file("run.kovraphot")), "earlier photons");
-  EXPECT_EQ(read_bytes(dir.file("run.truth.csv")), "earlier truth");
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) names.push_back(entry.path().filename());
-  std::ranges::sort(names);
-  EXPECT_EQ(names, (std::vector<std::string>{"run.kovraphot", "run.truth.csv", "stderr.txt", "stdout.txt"}));
+  const auto r = run_program(dir, "env", "--ignore-signal=XFSZ prlimit --fsize=1000000 " KOVRA_SIMULATE_PATH
+                                         " -o run.kovraphot -d 0.2");
+  EXPECT_EQ(std::tuple(r.status, r.err),
+            std::tuple(1, "kovra_simulate: cannot write 'run.kovraphot': File too large\n"s));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("run.kovraphot")));
 }
