@@ -108,7 +108,7 @@ TEST_F(ImportTest, BadCommandLines) {
   }
   // The option wins over the environment, which is then not read.
   EXPECT_EQ(run("a.tpx3 -o a.kovraphot --threads 3 --verbose 4", "KOVRA_THREADS=x"), 0) << err;
-  EXPECT_THAT(out, HasSubstr(" pieces on 3 threads: "));
+  EXPECT_THAT(out, HasSubstr(" piece on 3 threads: "));
   std::filesystem::remove(dir.file("a.kovraphot"));
   EXPECT_FALSE(std::filesystem::exists(dir.file("a.kovraphot")));
 }
