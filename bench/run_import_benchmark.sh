@@ -5,10 +5,14 @@
 # writes its raw form, then measures, each the fastest of N runs, with /usr/bin/time:
 #   floor            kovra_import_floor: read in 4 MiB blocks, decode every hit, write 16 bytes per hit
 #   decode only      kovra_import_floor with the output discarded: reading and decoding alone
-#   hits-as-photons  kovra_import --hits-as-photons (clock, reorder window, one photon per hit)
-#   grouping         kovra_import with the default grouping
+#   hits-as-photons  kovra_import --hits-as-photons (clock, reorder window, one photon per hit), all cores
+#   grouping         kovra_import with the default grouping on 1 thread, on 2, and on all cores
 # and prints a Markdown table: wall time, the processor time of that run (user and system), packets per second,
-# peak resident memory, time over the floor's. Every run starts without the output of the run before: the floor
+# peak resident memory, time over the floor's and over one thread's grouping. Then the serial part: the processor
+# time of the thread that reads, decodes, orders and writes in the run on all cores (its trace line), and what
+# it predicts for 16 and 64 cores: at least max(serial part, processor time of that run / cores), as the other
+# work spreads over the cores and this part does not. Every grouping run's photon file is checked to be the same
+# (cksum) as the one-thread run's. Every run starts without the output of the run before: the floor
 # truncates its output when it opens it, while kovra_import replaces its output only when the new one is
 # complete, so a leftover output would keep gigabytes more in the page cache during the run.
 #
@@ -35,7 +39,7 @@ while [ $# -gt 0 ]; do
     --build-dir) build="$2"; shift ;;
     --data-dir) data="$2"; shift ;;
     --keep) keep=1 ;;
-    -h|--help) sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,26p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "run_import_benchmark: unknown argument '$1' (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -55,17 +59,24 @@ packets=$(( raw_bytes / 8 ))  # packets and chunk headers: within 0.1 per cent o
 
 # Runs a command `repeat` times, removing the file `output` (the run's output; "-" for none) before each run;
 # sets best_s (fastest wall time), user_s and sys_s (that run's processor time) and peak_kb (largest resident set).
+# With `check` set to a file's cksum, each run's output must have it; with it empty, it is set from the first run.
+check=""
 measure() {
   local output="$1"
   shift
   best_s=""
   peak_kb=0
-  local i log wall kb
+  local i log wall kb sum
   for ((i = 0; i < repeat; i++)); do
     log="$data/time.log"
     if [ "$output" != "-" ]; then rm -f "$output"; fi
     sync  # start each run with no dirty pages of an earlier one still being written back
     /usr/bin/time -v -o "$log" "$@" >"$data/run.out"
+    if [ -n "${checking:-}" ]; then
+      sum=$(cksum <"$output")
+      if [ -z "$check" ]; then check=$sum; fi
+      if [ "$sum" != "$check" ]; then echo "run_import_benchmark: $* wrote another photon file" >&2; exit 1; fi
+    fi
     wall=$(awk -F': ' '/Elapsed \(wall clock\)/ { n = split($2, p, ":"); s = 0; for (j = 1; j <= n; j++) s = s * 60 + p[j]; print s }' "$log")
     kb=$(awk -F': ' '/Maximum resident set size/ { print $2 }' "$log")
     if [ -z "$best_s" ] || awk -v a="$wall" -v b="$best_s" 'BEGIN { exit !(a < b) }'; then
@@ -80,23 +91,42 @@ measure() {
 
 echo "raw file: $raw, $raw_bytes bytes; load average at the start: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo
-echo "| Run | Wall (s) | User (s) | System (s) | Packets/s (M) | Peak RSS (MiB) | Wall / floor |"
-echo "|---|---:|---:|---:|---:|---:|---:|"
+cores=$(nproc)
+echo "| Run | Wall (s) | User (s) | System (s) | Packets/s (M) | Peak RSS (MiB) | Wall / floor | Wall / 1 thread |"
+echo "|---|---:|---:|---:|---:|---:|---:|---:|"
 measure "$data/floor.bin" "$build/kovra_import_floor" "$raw" "$data/floor.bin"
 floor_s=$best_s
+one_s=""
 row() {
   awk -v name="$1" -v s="$best_s" -v u="$user_s" -v y="$sys_s" -v kb="$peak_kb" -v n="$packets" -v f="$floor_s" \
-    'BEGIN { printf "| %s | %.2f | %.2f | %.2f | %.0f | %.1f | %.2f |\n", name, s, u, y, n / s / 1e6, kb / 1024, s / f }'
+    -v o="$one_s" 'BEGIN { printf "| %s | %.2f | %.2f | %.2f | %.0f | %.1f | %.2f | %s |\n", name, s, u, y,
+                           n / s / 1e6, kb / 1024, s / f, o == "" ? "" : sprintf("%.2f", s / o) }'
 }
 row "floor (read, decode, write 16 B per hit)"
 measure - "$build/kovra_import_floor" "$raw" -
 row "read and decode only, output discarded"
 measure "$data/hits.kovraphot" "$build/kovra_import" "$raw" -o "$data/hits.kovraphot" --hits-as-photons
-row "kovra_import --hits-as-photons"
-measure "$data/photons.kovraphot" "$build/kovra_import" "$raw" -o "$data/photons.kovraphot"
-row "kovra_import (grouping, defaults)"
+row "kovra_import --hits-as-photons, all $cores cores"
+checking=1
+measure "$data/photons.kovraphot" "$build/kovra_import" "$raw" -o "$data/photons.kovraphot" --threads 1
+one_s=$best_s
+row "kovra_import (grouping), 1 thread"
+measure "$data/photons.kovraphot" "$build/kovra_import" "$raw" -o "$data/photons.kovraphot" --threads 2
+row "kovra_import (grouping), 2 threads"
+measure "$data/photons.kovraphot" "$build/kovra_import" "$raw" -o "$data/photons.kovraphot" --verbose 4
+row "kovra_import (grouping), all $cores cores"
+serial_s=$(sed -n 's/.*serial part ([^)]*) \([0-9.]*\) s of processor time.*/\1/p' "$data/run.out")
 echo
-echo "Summary of the last grouping run; load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
+echo "Every grouping run wrote the same photon file (cksum $check)."
+if [ -n "$serial_s" ]; then
+  awk -v s="$serial_s" -v u="$user_s" -v y="$sys_s" 'BEGIN {
+    w = u + y
+    printf "Serial part (reading, decoding, ordering, writing), on all cores: %.2f s of %.2f s of processor time.\n", s, w
+    for (n = 16; n <= 64; n *= 4) printf "Predicted for %d cores: at least %.2f s (max(serial part, processor time / %d)).\n", n, (s > w / n ? s : w / n), n
+  }'
+fi
+echo
+echo "Summary and trace of the last grouping run; load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
 sed 's/^/    /' "$data/run.out"
 rm -f "$data/run.out" "$data/time.log"
 if [ "$keep" -eq 0 ]; then rm -f "$raw"; fi

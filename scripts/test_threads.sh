@@ -12,8 +12,9 @@ tests=(
   "Worker_Pool_test *"
   "Reconstruction_Parallel_test *"
   "streaming_test ThreadsTest.*:StreamingFailureTest.*"
+  "kovra_import_test ParallelImportTest.*:ImportTest.*"
 )
-targets=(kovra_brantel)
+targets=(kovra_brantel kovra_import)
 for t in "${tests[@]}"; do targets+=("${t%% *}"); done
 cmake --build "$build" -j "$(nproc)" --target "${targets[@]}"
 export TSAN_OPTIONS="halt_on_error=1 exitcode=66"

@@ -8,23 +8,27 @@
 // new photon. Position: the ToT-weighted mean of the hits' pixel coordinates, rounded to the nearest 1/65536
 // pixel, halves up (the plain mean when every ToT is 0). Time: that of the largest-ToT hit (the earliest of
 // equals), or of the first hit. Photons come out in non-decreasing time, photons of equal time in the order
-// they were opened.
+// they were opened, which is the order of their first hits.
 //
 // What crosses from one hit to the next: the open photons (a photon opened more than `window` ago can take no
-// hit, so it closes), the hits of the last `window` ticks with a per-pixel chain through them (the only hits a
-// new hit can meet), and the closed photons whose time a still-open or future photon could undercut. All three
-// span one window of time, whatever the file's length.
+// hit, so it closes), per pixel the open photons holding a hit there (Pixel_Stacks, which says why one number
+// per pixel nearly always suffices), and the closed photons whose time an open or future photon could still
+// undercut. All of them span one window of time, whatever the file's length.
+//
+// The caller numbers the hits, in time order (other items may take numbers between them); every photon carries
+// the number of its first hit, its place in the opening order, the same in every run that makes it.
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <queue>
+#include <span>
 #include <vector>
 
+#include "import/PixelStacks.hpp"
 #include "import/ReorderWindow.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -41,23 +45,26 @@ class Fifo_Ring {
   bool empty() const { return count == 0; }
   std::size_t size() const { return count; }
   Value_Type& front() { return values[head]; }
-  Value_Type& operator[](std::size_t i) { return values[(head + i) & (values.size() - 1)]; }
+  Value_Type& operator[](std::size_t i) { return values[(head + i) & mask]; }
   void pop_front() {
-    head = (head + 1) & (values.size() - 1);
+    head = (head + 1) & mask;
     --count;
   }
+  void clear() { head = count = 0; }
   void push_back(const Value_Type& value) {
     if (count == values.size()) {
       std::vector<Value_Type> larger(values.size() * 2);
       for (std::size_t i = 0; i < count; ++i) larger[i] = (*this)[i];
       values.swap(larger);
+      mask = values.size() - 1;
       head = 0;
     }
-    values[(head + count++) & (values.size() - 1)] = value;
+    values[(head + count++) & mask] = value;
   }
 
  private:
   std::vector<Value_Type> values = std::vector<Value_Type>(64);
+  std::size_t mask = 63;
   std::size_t head = 0;
   std::size_t count = 0;
 };
@@ -77,90 +84,47 @@ class Hit_Grouping {
   using Photon = kovra::tpx3spidr::PhotonEvent;
 
   Hit_Grouping(unsigned width_, unsigned height_, unsigned radius_, Ticks window_, Photon_Time photonTime_)
-      : width(width_),
-        height(height_),
-        radius(static_cast<int>(radius_)),
+      : radius(static_cast<int>(radius_)),
+        search(choose_search(radius_)),
         window(window_),
         photonTime(photonTime_),
-        lastHitAt(std::size_t{width_} * height_, 0),
-        ring(1024) {}
+        pixels(width_, height_, radius_) {}
 
-  /// Takes the next hit (times never decrease from one call to the next); hands finished photons to
-  /// `sink(const Photon&)`.
+  /// Drops everything held, unwritten: a run that begins with the next hit.
+  void restart() {
+    frontSeq += open.size();
+    open.clear();
+    closed = {};
+    pixels.restart();
+  }
+
+  /// Takes the next hit, number `number` (times and numbers never decrease from one call to the next); hands
+  /// finished photons to `sink(const Photon&, firstHit)`. Returns the number of the first hit of the photon the
+  /// hit joined.
   template <typename Sink_Type>
-  void add_hit(const Timed_Item& hit, Sink_Type&& sink) {
-    const Ticks t = hit.time;
-    __builtin_prefetch(&lastHitAt[pixel_index(hit.x, hit.y)]);  // read and written at the end, seldom in cache
-    while (!open.empty() && open.front().first + window < t) {
-      closed.push(get_photon(open.front()));
-      open.pop_front();
-      ++frontSeq;
+  std::uint64_t add_hit(const Timed_Item& hit, std::uint64_t number, Sink_Type&& sink) {
+    switch (search) {
+      case Search::pixel:
+        return add_hitBy<Search::pixel>(hit, number, sink);
+      case Search::square:
+        return add_hitBy<Search::square>(hit, number, sink);
+      default:
+        return add_hitBy<Search::photons>(hit, number, sink);
     }
-    emit_upTo(open.empty() ? t : std::min(t, open.front().first), sink);
+  }
 
-    // The earliest-opened open photon with a hit in the neighbourhood. The open photons are looked at in
-    // opening order: a box around a photon's hits (grown by the radius) rules most of them out at once, and a
-    // photon of a few hits has them at hand to check. A photon with more hits, or more than a few open photons
-    // to look at, hands over to the chains of recent hits at each pixel around, which stop as soon as they meet
-    // the earliest photon not ruled out.
-    const int x = hit.x;
-    const int y = hit.y;
-    std::uint64_t found = UINT64_MAX;
-    std::uint64_t lowest = UINT64_MAX;  // no photon opened before this one can take the hit
-    const std::size_t looked = std::min<std::size_t>(open.size(), 32);
-    for (std::size_t i = 0; i < looked && lowest == UINT64_MAX; ++i) {
-      const Open_Photon& p = open[i];
-      if (x + radius < p.xLow || x - radius > p.xHigh || y + radius < p.yLow || y - radius > p.yHigh) continue;
-      if (p.hits > Open_Photon::kept_hits) {
-        lowest = frontSeq + i;
-        break;
-      }
-      if (holds_hitNear(p, x, y)) {
-        found = frontSeq + i;
-        break;
-      }
+  /// add_hit for each hit of `items`, numbered from `first` on; items of another kind (trigger edges) take
+  /// their number and are passed over. The way to search is chosen once for them all.
+  template <typename Sink_Type>
+  void add_hits(std::span<const Timed_Item> items, std::uint64_t first, Sink_Type&& sink) {
+    switch (search) {
+      case Search::pixel:
+        return add_hitsBy<Search::pixel>(items, first, sink);
+      case Search::square:
+        return add_hitsBy<Search::square>(items, first, sink);
+      default:
+        return add_hitsBy<Search::photons>(items, first, sink);
     }
-    if (found == UINT64_MAX && lowest == UINT64_MAX && open.size() > looked) lowest = frontSeq + looked;
-    if (lowest != UINT64_MAX) {
-      for (int py = std::max(0, y - radius); py <= std::min(static_cast<int>(height) - 1, y + radius); ++py) {
-        for (int px = std::max(0, x - radius); px <= std::min(static_cast<int>(width) - 1, x + radius); ++px) {
-          for (std::uint64_t k = lastHitAt[pixel_index(px, py)]; k != 0;) {
-            const std::uint64_t index = k - 1;
-            if (index < firstKept || index + ring.size() < nextHit) break;  // gone: older than any hit that matters
-            const Hit_Memo& memo = ring[index & ringMask];
-            if (memo.time + window < t) break;  // this hit's photon, and every older one here, is closed
-            if (memo.photon >= lowest) found = std::min(found, memo.photon);
-            k = memo.previousAtPixel;
-          }
-          if (found == lowest) goto searched;
-        }
-      }
-    }
-  searched:
-    if (found == UINT64_MAX) {
-      found = frontSeq + open.size();
-      open.push_back(Open_Photon{t, t, found, x, x, y, y});
-    }
-    Open_Photon& photon = open[static_cast<std::size_t>(found - frontSeq)];
-    photon.xLow = std::min(photon.xLow, x);
-    photon.xHigh = std::max(photon.xHigh, x);
-    photon.yLow = std::min(photon.yLow, y);
-    photon.yHigh = std::max(photon.yHigh, y);
-    photon.weight += hit.tot;
-    photon.weightedX += std::uint64_t{hit.tot} * hit.x;
-    photon.weightedY += std::uint64_t{hit.tot} * hit.y;
-    if (photon.hits < Open_Photon::kept_hits) {
-      photon.hitX[photon.hits / 8][photon.hits % 8] = static_cast<std::uint16_t>(x);
-      photon.hitY[photon.hits / 8][photon.hits % 8] = static_cast<std::uint16_t>(y);
-    }
-    photon.sumX += hit.x;
-    photon.sumY += hit.y;
-    ++photon.hits;
-    if (hit.tot > photon.strongestTot) {
-      photon.strongestTot = hit.tot;
-      photon.strongestTime = t;
-    }
-    remember(hit, found);
   }
 
   /// Closes every photon and hands the rest over: the end of the input.
@@ -170,22 +134,76 @@ class Hit_Grouping {
     emit_upTo(INT64_MAX, sink);
   }
 
-  std::size_t get_ringCapacity() const { return ring.size(); }
+  /// Hands over the photons already closed and drops the open ones: the end of a run whose later photons another
+  /// run writes.
+  template <typename Sink_Type>
+  void finish_closed(Sink_Type&& sink) {
+    frontSeq += open.size();
+    open.clear();
+    emit_upTo(INT64_MAX, sink);
+  }
+
+  Ticks get_window() const { return window; }
 
  private:
+  /// How the photon a hit joins is found: the hit's pixel alone (radius 0), every pixel of the square around it
+  /// (radius 1), or the open photons first (larger radii; find_amongPhotons).
+  enum class Search { pixel, square, photons };
+  static Search choose_search(unsigned radius) {
+    return radius == 0 ? Search::pixel : radius <= Pixel_Stacks::direct_radius ? Search::square : Search::photons;
+  }
+
+  template <Search S, typename Sink_Type>
+  void add_hitsBy(std::span<const Timed_Item> items, std::uint64_t first, Sink_Type& sink) {
+    for (const Timed_Item& item : items) {
+      if (item.kind == 0) add_hitBy<S>(item, first, sink);
+      ++first;
+    }
+  }
+
+  template <Search S, typename Sink_Type>
+  std::uint64_t add_hitBy(const Timed_Item& hit, std::uint64_t number, Sink_Type& sink) {
+    const Ticks t = hit.time;
+    while (!open.empty() && open.front().first + window < t) {
+      closed.push(get_photon(open.front()));
+      open.pop_front();
+      ++frontSeq;
+    }
+    emit_upTo(open.empty() ? t : std::min(t, open.front().first), sink);
+
+    const int x = hit.x;
+    const int y = hit.y;
+    std::uint64_t seq = 0;
+    if constexpr (S == Search::photons) {
+      seq = find_amongPhotons(x, y, t);
+    } else {
+      seq = pixels.find_leastOpen < S == Search::pixel ? 0 : 1 > (x, y, t, frontSeq);
+    }
+    if (seq == 0) {
+      seq = frontSeq + open.size();
+      open.push_back(Open_Photon{t, t, number, {x, x, y, y}});
+    }
+    pixels.add_hit(x, y, t, window, seq, frontSeq);
+    Open_Photon& photon = open[static_cast<std::size_t>(seq - frontSeq)];
+    if constexpr (S == Search::photons) keep_hit(photon, x, y);
+    photon.weight += hit.tot;
+    photon.weightedX += std::uint64_t{hit.tot} * hit.x;
+    photon.weightedY += std::uint64_t{hit.tot} * hit.y;
+    photon.sumX += hit.x;
+    photon.sumY += hit.y;
+    ++photon.hits;
+    if (hit.tot > photon.strongestTot) {
+      photon.strongestTot = hit.tot;
+      photon.strongestTime = t;
+    }
+    return photon.firstHit;
+  }
+
   struct Open_Photon {
     Ticks first = 0;
     Ticks strongestTime = 0;
-    std::uint64_t seq = 0;
-    int xLow = 0, xHigh = 0, yLow = 0, yHigh = 0;  ///< the box around its hits
-    /// Two lanes of eight: a photon of the simulated camera has about 7 hits, so nearly every photon is checked
-    /// with its hits at hand. Checking all 16 at once instead of the first 12 one by one took the grouping from
-    /// 23.7 to 19.4 ns per hit on the 17 million hits of 128 MiB of the benchmark's camera (best of 7 runs,
-    /// four times each, alternating).
-    static constexpr std::size_t kept_hits = 16;
-    /// Its first hits' pixels, hit h in lane h % 8 of entry h / 8; far away where unused.
-    detail::Pixel_Lanes hitX[2] = {far_lanes(), far_lanes()};
-    detail::Pixel_Lanes hitY[2] = {far_lanes(), far_lanes()};
+    std::uint64_t firstHit = 0;
+    std::array<int, 4> box{};  ///< x low, x high, y low, y high of its hits; kept for wide radii only
     unsigned strongestTot = 0;
     std::uint64_t hits = 0;
     std::uint64_t weight = 0;
@@ -193,7 +211,39 @@ class Hit_Grouping {
     std::uint64_t weightedY = 0;
     std::uint64_t sumX = 0;
     std::uint64_t sumY = 0;
+    /// For wide radii, its first hits' pixels, hit h in lane h % 8 of entry h / 8; far away where unused. Two
+    /// lanes of eight: a photon of the simulated camera has about 7 hits.
+    static constexpr std::size_t kept_hits = 16;
+    detail::Pixel_Lanes hitX[2] = {far_lanes(), far_lanes()};
+    detail::Pixel_Lanes hitY[2] = {far_lanes(), far_lanes()};
   };
+
+  /// For radii beyond the direct search of Pixel_Stacks, where a hit has hundreds of pixels around it: the open
+  /// photons in opening order, most ruled out at once by the box around their hits grown by the radius, and a
+  /// photon of few hits checked against them all at once. The first photon found is the one the hit joins. A
+  /// photon with more hits than kept, or more open photons than `looked`, hands over to the pixels' stacks,
+  /// which give the least open photon near the hit (none before it is near). At radius 4 this took the
+  /// grouping from 39 ns per hit (the stacks alone) to 15 on the benchmark's camera, and to 21 on crowded flashes
+  /// (3 million hits each, kovra_grouping_bench, fastest of 3).
+  std::uint64_t find_amongPhotons(int x, int y, Ticks t) {
+    constexpr std::size_t looked = 32;
+    const std::size_t n = std::min(open.size(), looked);
+    for (std::size_t i = 0; i < n; ++i) {
+      const Open_Photon& p = open[i];
+      if (x + radius < p.box[0] || x - radius > p.box[1] || y + radius < p.box[2] || y - radius > p.box[3]) continue;
+      if (p.hits > Open_Photon::kept_hits) return pixels.find_leastOpen<-1>(x, y, t, frontSeq);
+      if (holds_hitNear(p, x, y)) return frontSeq + i;
+    }
+    return open.size() > n ? pixels.find_leastOpen<-1>(x, y, t, frontSeq) : 0;
+  }
+
+  void keep_hit(Open_Photon& p, int x, int y) const {
+    p.box = {std::min(p.box[0], x), std::max(p.box[1], x), std::min(p.box[2], y), std::max(p.box[3], y)};
+    if (p.hits < Open_Photon::kept_hits) {  // the hit is not counted yet
+      p.hitX[p.hits / 8][p.hits % 8] = static_cast<std::uint16_t>(x);
+      p.hitY[p.hits / 8][p.hits % 8] = static_cast<std::uint16_t>(y);
+    }
+  }
 
   static constexpr detail::Pixel_Lanes far_lanes() {
     constexpr std::uint16_t f = detail::far_away_pixel;
@@ -217,17 +267,12 @@ class Hit_Grouping {
     return (halves[0] | halves[1]) != 0;
   }
 
-  struct Hit_Memo {
-    Ticks time;
-    std::uint64_t photon;
-    std::uint64_t previousAtPixel;  ///< 1 + the index of the previous hit at the same pixel; 0 for none
-  };
-
   struct Closed_Photon {
     Photon photon;
-    std::uint64_t seq;
+    std::uint64_t firstHit;
     bool operator>(const Closed_Photon& other) const {
-      return photon.toa.value != other.photon.toa.value ? photon.toa.value > other.photon.toa.value : seq > other.seq;
+      return photon.toa.value != other.photon.toa.value ? photon.toa.value > other.photon.toa.value
+                                                        : firstHit > other.firstHit;
     }
   };
 
@@ -242,49 +287,24 @@ class Hit_Grouping {
     const std::int32_t px = get_mean(weighted ? p.weightedX : p.sumX, denominator);
     const std::int32_t py = get_mean(weighted ? p.weightedY : p.sumY, denominator);
     const Ticks t = photonTime == Photon_Time::strongest ? p.strongestTime : p.first;
-    return Closed_Photon{Photon{{px}, {py}, {t}}, p.seq};
+    return Closed_Photon{Photon{{px}, {py}, {t}}, p.firstHit};
   }
 
   template <typename Sink_Type>
   void emit_upTo(Ticks bound, Sink_Type& sink) {
     while (!closed.empty() && closed.top().photon.toa.value <= bound) {
-      sink(closed.top().photon);
+      sink(closed.top().photon, closed.top().firstHit);
       closed.pop();
     }
   }
 
-  std::size_t pixel_index(int px, int py) const {
-    return static_cast<std::size_t>(py) * width + static_cast<std::size_t>(px);
-  }
-
-  /// Stores the hit in the ring, doubling the ring when the slot it needs still holds a hit that matters.
-  void remember(const Timed_Item& hit, std::uint64_t photon) {
-    if (nextHit >= ring.size() && ring[nextHit & ringMask].time + window >= hit.time) {
-      std::vector<Hit_Memo> larger(ring.size() * 2);
-      for (std::uint64_t i = nextHit - ring.size(); i < nextHit; ++i) {
-        larger[i & (larger.size() - 1)] = ring[i & ringMask];
-      }
-      firstKept = nextHit - ring.size();
-      ring.swap(larger);
-      ringMask = ring.size() - 1;
-    }
-    std::uint64_t& last = lastHitAt[pixel_index(hit.x, hit.y)];
-    ring[nextHit & ringMask] = Hit_Memo{hit.time, photon, last};
-    last = ++nextHit;
-  }
-
-  const unsigned width;
-  const unsigned height;
   const int radius;
+  const Search search;
   const Ticks window;
   const Photon_Time photonTime;
-  std::vector<std::uint64_t> lastHitAt;  ///< per pixel: 1 + the index of its latest hit; 0 for none
-  std::vector<Hit_Memo> ring;            ///< the latest hits, hit i at i modulo the (power-of-two) size
-  std::uint64_t nextHit = 0;
-  std::uint64_t ringMask = 1023;
-  std::uint64_t firstKept = 0;          ///< hits before this index were not carried over when the ring last grew
+  Pixel_Stacks pixels;
   detail::Fifo_Ring<Open_Photon> open;  ///< in opening order; the first has sequence number frontSeq
-  std::uint64_t frontSeq = 0;
+  std::uint64_t frontSeq = 1;           ///< sequence numbers start at 1: Pixel_Stacks takes 0 for none
   std::priority_queue<Closed_Photon, std::vector<Closed_Photon>, std::greater<>> closed;
 };
 

@@ -1,7 +1,8 @@
 #pragma once
 
 // One import run: raw packets through the clock, the reorder window and (unless hits are photons) the hit
-// grouping, into a photon file. docs/raw-data.md describes every step and the summary it reports.
+// grouping, into a photon file. docs/raw-data.md describes every step and the summary it reports. With more
+// than one thread, what the window releases goes to the pieces of Piece_Pipeline; the photons are the same.
 
 #include <array>
 #include <cmath>
@@ -17,6 +18,7 @@
 #include "import/ClockFollower.hpp"
 #include "import/HitGrouping.hpp"
 #include "import/ImportOptions.hpp"
+#include "import/ParallelImport.hpp"
 #include "import/RawReader.hpp"
 #include "import/ReorderWindow.hpp"
 #include "import/Tpx3Packets.hpp"
@@ -36,7 +38,8 @@ struct Import_Summary {
   std::uint64_t rollovers = 0;     ///< of the hits' 26.8 s counter, followed by the clock
   std::optional<Ticks> firstTime;  ///< of the clock, when any time-carrying packet came
   Ticks lastTime = 0;
-  std::size_t mostHeld = 0;  ///< largest number of items the reorder window held
+  std::size_t mostHeld = 0;                ///< largest number of items the reorder window held
+  std::optional<Parallel_Stats> parallel;  ///< when the hits were grouped on several threads
 };
 
 namespace detail {
@@ -74,44 +77,16 @@ class Tdc_Repeats {
 
 }  // namespace detail
 
-/// Imports `options.inputFile` into `output`, which takes `add_photons(const Photon*, count)` and
-/// `add_trigger(Ticks)`; `onProgress(bytesDone, fileBytes)` follows the reading. Damage and settings the file
+/// Reads `options.inputFile` through the clock and the reorder window, handing what the window releases to `sink`
+/// (sorted items, or whole buckets where the sink takes them: Reorder_Window::push); counts packets, chunks and
+/// drops in `summary`. `onProgress(bytesDone, fileBytes)` follows the reading. Damage and settings the file
 /// does not fit throw std::invalid_argument.
-template <typename Output_Type, typename OnProgress_Type>
-Import_Summary run_import(const Import_Options& options, Output_Type& output, OnProgress_Type&& onProgress) {
-  using Photon = Hit_Grouping::Photon;
-  Import_Summary summary;
+template <typename Sink_Type, typename OnProgress_Type>
+void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&& sink, OnProgress_Type&& onProgress) {
   Raw_Reader reader(options.inputFile);
   Clock_Follower clock;
   detail::Tdc_Repeats repeats;
   Reorder_Window window(options.reorderWindow);
-  const unsigned frameSize = options.layout == Frame_Layout::quad ? 512 : 256;
-  Hit_Grouping grouping(frameSize, frameSize, options.radius_px, options.window, options.photonTime);
-
-  std::vector<Photon> photons;
-  photons.reserve(1 << 16);
-  const auto flush_photons = [&] {
-    output.add_photons(static_cast<const Photon*>(photons.data()), photons.size());
-    summary.photons += photons.size();
-    photons.clear();
-  };
-  const auto take_photon = [&](const Photon& photon) {
-    photons.push_back(photon);
-    if (photons.size() == photons.capacity()) flush_photons();
-  };
-  const auto on_released = [&](const Timed_Item* items, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-      const Timed_Item& item = items[i];
-      if (item.kind != 0) {
-        output.add_trigger(item.time);
-        ++summary.triggers;
-      } else if (options.hitsAsPhotons) {
-        take_photon(Photon{{item.x * 65536}, {item.y * 65536}, {item.time}});
-      } else {
-        grouping.add_hit(item, take_photon);
-      }
-    }
-  };
 
   // Hits below the threshold are dropped: ToT counts 25 ns steps, so the threshold is a whole step count.
   const double minTotSteps = std::ceil(options.minTot_ns / 25.0);
@@ -155,7 +130,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
         const Timed_Item item{t, static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c),
                               static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r),
                               static_cast<std::uint16_t>(tot), 0};
-        if (!window.push(item, clock.get_latest(), on_released)) ++summary.droppedLate;
+        if (!window.push(item, clock.get_latest(), sink)) ++summary.droppedLate;
         continue;
       }
       const Packet_Kind kind = get_packetKind(p);
@@ -170,7 +145,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
           const auto edge = static_cast<int>(get_tdcEdge(p));
           if (edge != options.triggerEdge) break;
           const Timed_Item item{t, 0, 0, 0, static_cast<std::uint16_t>(edge)};
-          if (!window.push(item, clock.get_latest(), on_released)) ++summary.lateTriggers;
+          if (!window.push(item, clock.get_latest(), sink)) ++summary.lateTriggers;
           break;
         }
         case Packet_Kind::heartbeat:
@@ -185,14 +160,59 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
 
   reader.read_all(on_chunk, on_packets,
                   [&](std::uint64_t bytesDone) { onProgress(bytesDone, reader.get_fileBytes()); });
-  window.finish(on_released);
-  grouping.finish(take_photon);
-  flush_photons();
+  window.finish(sink);
 
   if (clock.is_started()) summary.firstTime = clock.get_start();
   summary.rollovers = clock.get_hitRollovers();
   summary.lastTime = clock.get_latest();
   summary.mostHeld = window.get_mostHeld();
+}
+
+/// Imports `options.inputFile` into `output`, which takes `add_photons(const Photon*, count)` and
+/// `add_trigger(Ticks)`; `onProgress(bytesDone, fileBytes)` follows the reading. Damage and settings the file
+/// does not fit throw std::invalid_argument. The photons and triggers written are the same for every
+/// options.threads and options.pieceItems.
+template <typename Output_Type, typename OnProgress_Type>
+Import_Summary run_import(const Import_Options& options, Output_Type& output, OnProgress_Type&& onProgress) {
+  using Photon = Hit_Grouping::Photon;
+  Import_Summary summary;
+  if (options.threads > 1) {
+    Piece_Pipeline<Output_Type> pipeline(options, output, options.threads, options.pieceItems);
+    read_raw(options, summary, pipeline, onProgress);
+    summary.parallel = pipeline.finish(summary.photons, summary.triggers);
+    return summary;
+  }
+
+  const unsigned frameSize = options.layout == Frame_Layout::quad ? 512 : 256;
+  Hit_Grouping grouping(frameSize, frameSize, options.radius_px, options.window, options.photonTime);
+  std::vector<Photon> photons;
+  photons.reserve(1 << 16);
+  const auto flush_photons = [&] {
+    output.add_photons(static_cast<const Photon*>(photons.data()), photons.size());
+    summary.photons += photons.size();
+    photons.clear();
+  };
+  const auto take_photon = [&](const Photon& photon, std::uint64_t /*firstHit*/ = 0) {
+    photons.push_back(photon);
+    if (photons.size() == photons.capacity()) flush_photons();
+  };
+  std::uint64_t released = 0;  // items the window has let go: hits are numbered by it
+  const auto on_released = [&](const Timed_Item* items, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      const Timed_Item& item = items[i];
+      if (item.kind != 0) {
+        output.add_trigger(item.time);
+        ++summary.triggers;
+      } else if (options.hitsAsPhotons) {
+        take_photon(Photon{{item.x * 65536}, {item.y * 65536}, {item.time}});
+      }
+    }
+    if (!options.hitsAsPhotons) grouping.add_hits({items, count}, released, take_photon);
+    released += count;
+  };
+  read_raw(options, summary, on_released, onProgress);
+  grouping.finish(take_photon);
+  flush_photons();
   return summary;
 }
 

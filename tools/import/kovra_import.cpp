@@ -107,6 +107,14 @@ int run_importTool(const Import_Options& options) {
   }
   if (options.logLevel >= 4) {
     std::cout << "trace:   the reorder window held at most " << format_count(summary.mostHeld, "item") << '\n';
+    if (const auto& p = summary.parallel) {
+      char seconds[32];
+      std::snprintf(seconds, sizeof seconds, "%.3f", p->serialSeconds);
+      std::cout << "trace:   " << format_count(p->pieces, "piece") << " on " << format_count(options.threads, "thread")
+                << ": " << format_count(p->cuts, "cut") << " where neighbouring runs agreed, "
+                << format_count(p->takenOn, "piece") << " grouped again where none came; serial part (reading, "
+                << "decoding, ordering, writing) " << seconds << " s of processor time\n";
+    }
   }
   std::cout.flush();
   return 0;

@@ -24,12 +24,15 @@ struct Reference_Photon {
 };
 
 /// Photons of `hits` (any order; sorted by time here, stably) in non-decreasing time, ties in opening order.
+/// When `firstHits` is given, it receives for each hit (in time order) the index of its photon's first hit.
 inline std::vector<Reference_Photon> group_byRule(std::vector<Reference_Hit> hits, int radius, long window,
-                                                  bool strongest) {
+                                                  bool strongest, std::vector<std::size_t>* firstHits = nullptr) {
   std::stable_sort(hits.begin(), hits.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
   std::vector<std::vector<Reference_Hit>> photons;
+  std::vector<std::size_t> photonFirst;
   std::size_t firstOpen = 0;  // photons open in time order, so the closed ones are a prefix
-  for (const auto& hit : hits) {
+  for (std::size_t i = 0; i < hits.size(); ++i) {
+    const auto& hit = hits[i];
     while (firstOpen < photons.size() && hit.time - photons[firstOpen].front().time > window) ++firstOpen;
     std::size_t joined = photons.size();
     for (std::size_t p = firstOpen; p < photons.size() && joined == photons.size(); ++p) {
@@ -37,8 +40,9 @@ inline std::vector<Reference_Photon> group_byRule(std::vector<Reference_Hit> hit
         if (std::abs(other.x - hit.x) <= radius && std::abs(other.y - hit.y) <= radius) joined = p;
       }
     }
-    if (joined == photons.size()) photons.emplace_back();
+    if (joined == photons.size()) photons.emplace_back(), photonFirst.push_back(i);
     photons[joined].push_back(hit);
+    if (firstHits != nullptr) firstHits->push_back(photonFirst[joined]);
   }
   std::vector<Reference_Photon> result;
   for (const auto& p : photons) {

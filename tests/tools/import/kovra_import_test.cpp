@@ -69,9 +69,11 @@ constexpr auto heartbeat = make_heartbeatPacket;
 
 class ImportTest : public ::testing::Test {
  protected:
-  /// Runs the built program in the test's directory; returns its exit status, its output in `out` and `err`.
-  int run(const std::string& arguments) {
-    Program_Outcome outcome = run_program(dir, KOVRA_IMPORT_PATH, arguments);
+  /// Runs the built program in the test's directory, with the environment variables `environment` (NAME=value
+  /// words) set; returns its exit status, its output in `out` and `err`.
+  int run(const std::string& arguments, const std::string& environment = "") {
+    Program_Outcome outcome =
+        run_program(dir, "/usr/bin/env", environment + " '" + KOVRA_IMPORT_PATH + "' " + arguments);
     out = std::move(outcome.out), err = std::move(outcome.err);
     return outcome.status;
   }
@@ -93,11 +95,21 @@ TEST_F(ImportTest, BadCommandLines) {
       {"a.tpx3 -o a.kovraphot --trigger tdc3-rising",
        "option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, tdc2-falling or none, not \"tdc3-rising\""},
       {"a.tpx3 b.tpx3 -o a.kovraphot", "more than one raw file: b.tpx3"},
+      {"a.tpx3 -o a.kovraphot --threads 0", "option --threads must be a whole number from 1 to 1024, not \"0\""},
+      {"a.tpx3 -o a.kovraphot KOVRA_THREADS=x", "KOVRA_THREADS must be a whole number from 1 to 1024, not \"x\""},
+      {"a.tpx3 -o a.kovraphot KOVRA_PIECE_HITS=0",
+       "KOVRA_PIECE_HITS must be a whole number from 1 to 1073741824, not \"0\""},
   };
   for (const auto& [arguments, message] : cases) {
-    EXPECT_EQ(std::tuple(run(arguments), err),
+    const auto at = arguments.find("KOVRA_");  // environment variables set for the run, not arguments
+    const std::string environment = at == std::string::npos ? "" : arguments.substr(at);
+    EXPECT_EQ(std::tuple(run(arguments.substr(0, at), environment), err),
               std::tuple(2, "kovra_import: " + message + "\nTry 'kovra_import --help'.\n"));
   }
+  // The option wins over the environment, which is then not read.
+  EXPECT_EQ(run("a.tpx3 -o a.kovraphot --threads 3 --verbose 4", "KOVRA_THREADS=x"), 0) << err;
+  EXPECT_THAT(out, HasSubstr(" piece on 3 threads: "));
+  std::filesystem::remove(dir.file("a.kovraphot"));
   EXPECT_FALSE(std::filesystem::exists(dir.file("a.kovraphot")));
 }
 
@@ -176,7 +188,14 @@ TEST_F(ImportTest, SparseHitsAcrossRollOversAndLatePackets) {
 
 TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWas) {
   const std::string first = RawBytes().chunk(0, {heartbeat(0), hit(1, 1, 1, 10)}).data;  // 24 bytes
-  const std::tuple<std::string, const char*, std::string> cases[] = {  // content, more options, message
+  RawBytes longer;  // 400 buckets of hits: on several threads, many pieces are grouped before the damage
+  for (unsigned i = 0; i < 400; ++i) {
+    longer.chunk(0, {heartbeat(std::uint64_t{i} << 16), hit(i % 7, 3, 5, (std::uint64_t{i} << 16) + 9),
+                     hit(i % 7 + 1, 3, 5, (std::uint64_t{i} << 16) + 12)});
+  }
+  const std::string at = std::to_string(longer.data.size());
+  const std::tuple<std::string, const char*, std::string> cases[] = {
+      // content, more options, message
       {"", "", "not Timepix3 raw data: the file is empty"},
       {"TPX4 and some text", "", "not Timepix3 raw data: no chunk header at byte offset 0"},
       {first + RawBytes().word(make_chunkHeader(0, 16)).word(hit(0, 0, 0, 0)).data, "",
@@ -191,12 +210,21 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWa
       {first + RawBytes().chunk(1, {}).data, "",
        "chunk at byte offset 24 is of chip 1 after chunks of chip 0: the file holds several chips, which --layout "
        "single cannot place (try --layout quad)"},
+      {longer.data + RawBytes().word(make_chunkHeader(0, 16)).word(hit(0, 0, 0, 0)).data, "",
+       "chunk at byte offset " + at + " has a size of 16 bytes but only 8 are left in the file"},
+      {longer.data + RawBytes().chunk(2, {}).data, "",
+       "chunk at byte offset " + at +
+           " is of chip 2 after chunks of chip 0: the file holds several chips, which "
+           "--layout single cannot place (try --layout quad)"},
   };
   write_bytes(dir.file("out.kovraphot"), "earlier");
   for (const auto& [bytes, options, message] : cases) {
     write_bytes(dir.file("bad.tpx3"), bytes);
-    EXPECT_EQ(std::tuple(run("bad.tpx3 -o out.kovraphot" + std::string(options)), err),
-              std::tuple(1, "kovra_import: bad.tpx3: " + message + "\n"));
+    for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=1"}) {
+      EXPECT_EQ(std::tuple(run("bad.tpx3 -o out.kovraphot" + std::string(options), threads), err),
+                std::tuple(1, "kovra_import: bad.tpx3: " + message + "\n"))
+          << threads;
+    }
   }
   EXPECT_EQ(std::tuple(run("missing.tpx3 -o out.kovraphot"), err),
             std::tuple(1, "kovra_import: missing.tpx3: cannot open: No such file or directory\n"s));
@@ -242,16 +270,22 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
     std::fclose(file);
     ASSERT_GT(hits.size(), 10000u);
 
-    ASSERT_EQ(run(std::string("sim.tpx3 -o sim.kovraphot ") + options), 0) << err;
-    const PhotonFile imported = load(dir.file("sim.kovraphot"));
     std::vector<Photon> expected;
     for (const auto& p : group_byRule(hits, radius, window, strongest)) expected.push_back({p.x, p.y, p.time});
-    ASSERT_EQ(imported.photons.size(), expected.size());
-    EXPECT_EQ(imported.photons, expected);
     std::vector<long> triggers;
     for (const auto& t : *simulated.photons.extTriggers) triggers.push_back(t.value);
-    EXPECT_EQ(imported.triggers, triggers);
-    EXPECT_THAT(out, HasSubstr("0 dropped as late"));
+    std::string oneThread;  // the summary on one thread; on several, the same
+    for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=4 KOVRA_PIECE_HITS=1"}) {
+      SCOPED_TRACE(threads);
+      ASSERT_EQ(run(std::string("sim.tpx3 -o sim.kovraphot ") + options, threads), 0) << err;
+      const PhotonFile imported = load(dir.file("sim.kovraphot"));
+      ASSERT_EQ(imported.photons.size(), expected.size());
+      EXPECT_EQ(imported.photons, expected);
+      EXPECT_EQ(imported.triggers, triggers);
+      EXPECT_THAT(out, HasSubstr("0 dropped as late"));
+      if (oneThread.empty()) oneThread = out;
+      EXPECT_EQ(out, oneThread);
+    }
   }
 }
 
