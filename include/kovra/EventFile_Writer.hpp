@@ -33,9 +33,11 @@ class EventFile_Writer {
     if (buffer.size() == buffered_events) flush();
   }
 
-  /// Appends events in one go: through the buffer while they fit, else straight to the file.
+  /// Appends events in one go: a few through the buffer, a block of 128 KiB or more straight to the file (the
+  /// parallel run's blocks; copying them into the buffer doubled the time its writer took: 12-25 ms against
+  /// 10 ms for 37 MB of events).
   void append(std::span<const Event_Type> events) {
-    if (buffer.size() + events.size() <= buffered_events) {
+    if (events.size() < buffered_events / 8 && buffer.size() + events.size() <= buffered_events) {
       buffer.insert(buffer.end(), events.begin(), events.end());
       if (buffer.size() == buffered_events) flush();
       return;
