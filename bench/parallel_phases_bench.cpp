@@ -54,6 +54,7 @@ struct Timed_Writer {
   }
   std::uint64_t size() const { return writer.size(); }
   void restart() { writer.restart(); }
+  void start_writeBackAsWritten() { writer.start_writeBackAsWritten(); }
 };
 
 }  // namespace

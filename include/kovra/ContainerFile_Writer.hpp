@@ -47,6 +47,9 @@ class ContainerFile_Writer {
   /// Why it is not good, as a system error number (see OutputFile_Atomic::get_error); 0 while it is.
   int get_error() const { return file.get_error(); }
 
+  /// See OutputFile_Atomic::start_writeBackAsWritten.
+  void start_writeBackAsWritten() { file.start_writeBackAsWritten(); }
+
   /// Starts a block; its size is filled in by end_block().
   void begin_block(std::uint64_t identifier) {
     assert(!blockOpen);

@@ -48,6 +48,13 @@ class EventFile_Writer {
     written += events.size();
   }
 
+  /// The file's bytes start their way to the disk as they are written (a writer on a thread of its own: see
+  /// OutputFile_Atomic::start_writeBackAsWritten).
+  void start_writeBackAsWritten() {
+    writeBackAsWritten = true;
+    if (writer) writer->start_writeBackAsWritten();
+  }
+
   /// Events appended so far.
   std::uint64_t size() const { return written + buffer.size(); }
 
@@ -80,6 +87,7 @@ class EventFile_Writer {
   void open() {
     if (writer) return;
     writer.emplace(path);
+    if (writeBackAsWritten) writer->start_writeBackAsWritten();
     writer->begin_block(detail::make_identifier("events"));
   }
 
@@ -95,6 +103,7 @@ class EventFile_Writer {
   std::optional<ContainerFile_Writer<file_type_index>> writer;
   std::vector<Event_Type> buffer;
   std::uint64_t written = 0;
+  bool writeBackAsWritten = false;
 };
 
 }  // namespace kovra

@@ -172,6 +172,9 @@ void run_pieces(const Reconstruction_Type& part, Algorithm algorithm, const Phot
         }
       },
       [&] { schedule.stop(); });
+  // The calling thread only writes: it may as well start the file's way to the disk as it goes, which leaves the
+  // final fsync little to wait for.
+  if constexpr (requires { out.start_writeBackAsWritten(); }) out.start_writeBackAsWritten();
   const bool complete =
       schedule.write_all([&](const Event_Type* events, std::size_t n) { append_events(out, events, n); });
   pool.join();  // a worker's failure comes out here

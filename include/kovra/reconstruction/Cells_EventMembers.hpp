@@ -132,7 +132,7 @@ class Cells_EventMembers {
   /// Whether a member not earlier than `lo` lies within dSpace of p. The members must have joined in time
   /// order and `lo` must not decrease from one call to the next within an event (both hold on ordered input:
   /// lo is the offered photon's time minus dTime): members earlier than lo are then never asked about again.
-  bool any_within(const PhotonEvent_Type& p, Time_Type lo) {
+  [[gnu::always_inline]] bool any_within(const PhotonEvent_Type& p, Time_Type lo) {
     if (outside_box(p)) return false;
     while (firstRecent < size() && at(firstRecent).toa < lo) ++firstRecent;
     drop_old();
