@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 int main(int argc, char* argv[]) {
-  using namespace kovra::import;
+  using namespace kovra::tpx3spidr::raw;
   if (argc != 3) {
     std::fprintf(stderr, "Usage: kovra_import_floor RAW OUTPUT\n");
     return 2;

@@ -22,7 +22,7 @@
 #include "common/Counts.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "kovra/Worker_Pool.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -79,7 +79,7 @@ inline Reconstruction_Metrics evaluate_setting(const Setting& setting, const kov
 /// own (the rows are the same whatever the count).
 inline std::vector<Scan_Row> run_scan(const Settings_Grid& grid, const kovra::tpx3spidr::Data_PhotonEvents& photons,
                                       const Evaluator& evaluator, std::uint64_t fomMinPhotons,
-                                      kovra::inspect::Progress& progress, unsigned threads) {
+                                      kovra::tools::Progress& progress, unsigned threads) {
   const auto settings = get_settings(grid);
   std::vector<Scan_Row> rows(settings.size());
   progress.set_label("scan");

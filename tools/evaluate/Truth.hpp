@@ -16,7 +16,7 @@
 
 #include "common/Counts.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "simulate/PhotonFlashes.hpp"
+#include "common/PhotonFlashes.hpp"
 
 namespace kovra::evaluate {
 
@@ -94,7 +94,7 @@ inline Truth read_truth(const std::string& csvPath, const std::vector<kovra::tpx
     truth.flashes.push_back(flash);
   }
 
-  auto flashes = kovra::simulate::read_photonFlashes(get_flashPath(csvPath), photons);
+  auto flashes = kovra::tools::read_photonFlashes(get_flashPath(csvPath), photons);
   if (flashes.nFlashes != truth.flashes.size()) {
     throw std::invalid_argument("truth file '" + csvPath + "' lists " + std::to_string(truth.flashes.size()) +
                                 " flashes, its photon flash file " + std::to_string(flashes.nFlashes));

@@ -20,7 +20,7 @@
 #include "evaluate/Metrics.hpp"
 #include "evaluate/Scan.hpp"
 #include "evaluate/Truth.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace {
@@ -53,7 +53,7 @@ void create_outputFolders(const Evaluate_Options& options) {
   }
 }
 
-void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& progress) {
+void run_evaluate(const Evaluate_Options& options, kovra::tools::Progress& progress) {
   create_outputFolders(options);
   const auto photons = kovra::tpx3spidr::FileHandler_PhotonEvents{}.load_file(options.inputFile);
   const Truth truth = read_truth(options.truthFile, photons.photonEvents);
@@ -89,7 +89,7 @@ void run_evaluate(const Evaluate_Options& options, kovra::inspect::Progress& pro
 
 int run(const Evaluate_Options& options) {
 
-  kovra::inspect::Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
+  kovra::tools::Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   try {
     run_evaluate(options, progress);
   } catch (const std::exception& e) {

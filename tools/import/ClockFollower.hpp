@@ -12,9 +12,11 @@
 
 #include <cstdint>
 
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 namespace kovra::import {
+
+using namespace kovra::tpx3spidr::raw;  // the packet layout
 
 /// Turns wrapped counter readings into times on one growing clock. `get_latest()` never decreases.
 class Clock_Follower {

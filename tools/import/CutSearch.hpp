@@ -39,9 +39,11 @@
 
 #include <cstdint>
 
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 namespace kovra::import {
+
+using namespace kovra::tpx3spidr::raw;  // the packet layout
 
 /// Follows a run from before a nominal cut and a fresh run from it, hit by hit, until they agree.
 class Cut_Search {

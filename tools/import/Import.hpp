@@ -21,9 +21,11 @@
 #include "import/ParallelImport.hpp"
 #include "import/RawReader.hpp"
 #include "import/ReorderWindow.hpp"
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 namespace kovra::import {
+
+using namespace kovra::tpx3spidr::raw;  // the packet layout
 
 /// What a run read, dropped and wrote: the summary's figures.
 struct Import_Summary {

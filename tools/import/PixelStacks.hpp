@@ -32,9 +32,11 @@
 #include <unordered_map>
 #include <vector>
 
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 namespace kovra::import {
+
+using namespace kovra::tpx3spidr::raw;  // the packet layout
 
 /// Per pixel, the stack of open photon numbers (least on top) of the hits there. Numbers start at 1; 0 means
 /// none.

@@ -17,9 +17,11 @@
 #include <string>
 #include <vector>
 
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 namespace kovra::import {
+
+using namespace kovra::tpx3spidr::raw;  // the packet layout
 
 /// An open raw file. Reading throws std::invalid_argument naming the byte offset of any damage.
 class Raw_Reader {

@@ -34,9 +34,11 @@
 #include <utility>
 #include <vector>
 
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 namespace kovra::import {
+
+using namespace kovra::tpx3spidr::raw;  // the packet layout
 
 /// One hit (kind 0) or trigger edge (kind = the TDC's edge nibble) on its way to the output, at frame pixel
 /// (x, y) with ToT in 25 ns units; x, y and ToT are 0 for an edge.

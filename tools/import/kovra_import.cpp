@@ -16,7 +16,7 @@
 #include "import/Import.hpp"
 #include "import/ImportOptions.hpp"
 #include "import/PhotonFileOutput.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 
 namespace {
 
@@ -63,7 +63,7 @@ std::vector<std::string> get_summaryLines(const Import_Options& options, const I
 }
 
 int run_importTool(const Import_Options& options) {
-  kovra::inspect::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
+  kovra::tools::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   progress.set_label("importing");
   std::optional<PhotonFile_Output> output;
   if (const std::error_code error = kovra::tools::create_outputFolders(options.outputFile)) {

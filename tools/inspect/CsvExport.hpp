@@ -14,7 +14,7 @@
 #include <type_traits>
 
 #include "inspect/Format.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
 namespace kovra::inspect {
@@ -41,7 +41,7 @@ inline void append_csvRow(std::string& line, const Event& event) {
 /// Writes the whole file as CSV to `out`, one chunk of records at a time; throws std::runtime_error when the
 /// stream fails.
 template <typename Record_Type>
-void write_csv(std::ostream& out, const RecordFile<Record_Type>& file, Progress* progress = nullptr) {
+void write_csv(std::ostream& out, const RecordFile<Record_Type>& file, tools::Progress* progress = nullptr) {
   out << get_csvHeader<Record_Type>() << '\n';
   std::string text;
   file.for_each_chunk(

@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "inspect/OutputPath_Atomic.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
 namespace kovra::inspect {
@@ -198,7 +198,7 @@ class H5_Writer {
 /// The content of the HDF5 export, written to `temporary`; `fileName` names it in messages.
 template <typename Record_Type>
 void write_hdf5Content(const std::string& temporary, const std::string& fileName, const RecordFile<Record_Type>& file,
-                       Progress* progress) {
+                       tools::Progress* progress) {
   const hdf5_detail::H5_Writer writer(fileName);
   const H5_Handle h5File =
       writer.handle(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
@@ -234,7 +234,7 @@ void write_hdf5Content(const std::string& temporary, const std::string& fileName
 /// Writes the whole file as HDF5 to `fileName` (replacing it once complete), one chunk of records at a time;
 /// throws std::runtime_error with the reason when the file cannot be written.
 template <typename Record_Type>
-void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file, Progress* progress = nullptr) {
+void write_hdf5(const std::string& fileName, const RecordFile<Record_Type>& file, tools::Progress* progress = nullptr) {
   static_assert(sizeof(Length) == 4 && sizeof(Time) == 8);
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);  // failures become one exception, not a printed error stack
   OutputPath_Atomic output(fileName, "HDF5 file");

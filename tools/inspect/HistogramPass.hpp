@@ -26,7 +26,7 @@
 #include "inspect/Format.hpp"
 #include "inspect/InspectOptions.hpp"
 #include "inspect/PlotExport.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 #include "inspect/StackExport.hpp"
 #include "inspect/TriggerFile.hpp"
@@ -51,7 +51,7 @@ class Histogram_Outputs {
   }
 
   /// The walk, then the outputs; `out` takes `--spectrum -`, `notes` the tally.
-  void run(std::ostream& out, std::ostream& notes, Progress& progress) {
+  void run(std::ostream& out, std::ostream& notes, tools::Progress& progress) {
     progress.set_label("time of flight");
     file.for_each_chunk(
         [&](std::span<const Record_Type> chunk) {

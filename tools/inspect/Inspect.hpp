@@ -19,7 +19,7 @@
 #include "inspect/HistogramPass.hpp"
 #include "inspect/InspectOptions.hpp"
 #include "inspect/PngExport.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 #include "inspect/Summary.hpp"
 #include "inspect/TriggerFile.hpp"
@@ -30,7 +30,7 @@ namespace kovra::inspect {
 /// outside it.
 template <typename Record_Type>
 std::uint64_t write_selectedImage(const Inspect_Options& options, const RecordFile<Record_Type>& file,
-                                  Progress& progress) {
+                                  tools::Progress& progress) {
   const Record_Selection<Length> selection = options.selection.get_selection();
   if (options.selection.text.empty()) {
     return write_positionImage(*options.imageFile, file, options.size_px, options.binning, &progress);
@@ -63,7 +63,7 @@ inline void create_exportFolders(const Inspect_Options& options) {
 /// Writes the outputs of one opened file. `out` takes the summary and `--csv -`, `notes` the remarks.
 template <typename Record_Type>
 void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& file, std::ostream& out,
-                 std::ostream& notes, Progress& progress) {
+                 std::ostream& notes, tools::Progress& progress) {
   if (options.imageFile || (options.plotFile && options.binningGiven)) {
     Position_Histogram2D::get_geometry(options.size_px, options.binning);  // fails before any walk
   }
@@ -107,7 +107,7 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
 }
 
 /// Picks the reader by the file's extension and runs; the library reader's exceptions pass through.
-inline void run_inspect(const Inspect_Options& options, std::ostream& out, std::ostream& notes, Progress& progress) {
+inline void run_inspect(const Inspect_Options& options, std::ostream& out, std::ostream& notes, tools::Progress& progress) {
   if (options.inputFile.ends_with(Record_Traits<PhotonEvent>::extension)) {
     run_inspect(options, RecordFile<PhotonEvent>(options.inputFile), out, notes, progress);
   } else if (options.inputFile.ends_with(Record_Traits<Event>::extension)) {

@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
 namespace kovra::inspect {
@@ -145,7 +145,7 @@ inline void write_png(const std::string& fileName, const Position_Histogram2D& h
 /// the number of those that fell outside it.
 template <typename Record_Type, typename Accept_Type = bool (*)(const Record_Type&)>
 std::uint64_t write_positionImage(const std::string& fileName, const RecordFile<Record_Type>& file, int size_px,
-                                  double binning, Progress* progress = nullptr,
+                                  double binning, tools::Progress* progress = nullptr,
                                   Accept_Type&& accepts = [](const Record_Type&) { return true; }) {
   Position_Histogram2D histogram(size_px, binning);
   file.for_each_chunk(

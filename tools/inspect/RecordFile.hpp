@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "kovra/ContainerFile_Reader.hpp"
 #include "kovra/detail/RecordIO.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
@@ -76,7 +76,7 @@ class RecordFile {
 
   /// Calls `function(std::span<const Record_Type>)` for consecutive chunks of the records, in file order.
   template <typename Function_Type>
-  void for_each_chunk(Function_Type&& function, Progress* progress = nullptr) const {
+  void for_each_chunk(Function_Type&& function, tools::Progress* progress = nullptr) const {
     walk<Record_Type>(layout.records, function, progress);
   }
 
@@ -97,7 +97,7 @@ class RecordFile {
 
  private:
   template <typename Entry_Type, typename Function_Type>
-  void walk(const Block_Location& where, Function_Type& function, Progress* progress) const {
+  void walk(const Block_Location& where, Function_Type& function, tools::Progress* progress) const {
     if (progress) progress->start(where.count);
     RecordCursor<Entry_Type> cursor(fileName, where);
     std::vector<Entry_Type> chunk(static_cast<std::size_t>(std::min(where.count, chunkRecords)));

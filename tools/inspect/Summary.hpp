@@ -16,7 +16,7 @@
 #include "common/Counts.hpp"
 #include "inspect/Format.hpp"
 #include "inspect/Histogram.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
 namespace kovra::inspect {
@@ -78,7 +78,7 @@ inline constexpr std::size_t psd_bins = 10;
 
 /// Walks the file once (twice for an event file: the pulse-shape bins need the value range first).
 template <typename Record_Type>
-File_Summary summarize_file(const RecordFile<Record_Type>& file, Progress* progress = nullptr) {
+File_Summary summarize_file(const RecordFile<Record_Type>& file, tools::Progress* progress = nullptr) {
   using Traits = Record_Traits<Record_Type>;
   File_Summary summary;
   summary.fileName = file.get_fileName();

@@ -10,7 +10,7 @@
 #include "common/CommandLine.hpp"
 #include "inspect/Inspect.hpp"
 #include "inspect/InspectOptions.hpp"
-#include "inspect/Progress.hpp"
+#include "common/Progress.hpp"
 
 namespace {
 
@@ -18,7 +18,7 @@ using namespace kovra::inspect;
 
 int run(const Inspect_Options& options) {
 
-  Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
+  kovra::tools::Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   try {
     run_inspect(options, std::cout, std::cerr, progress);
   } catch (const std::exception& e) {

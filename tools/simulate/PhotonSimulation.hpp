@@ -71,6 +71,13 @@ struct Simulation_Settings {
   }
 };
 
+/// More flashes than a run with these settings can have, short of a Poisson draw 10 standard deviations out (the
+/// room a flash file is made with).
+inline std::uint64_t get_flashBound(const Simulation_Settings& settings) {
+  const double expected = settings.duration_s * settings.eventRate_Hz;
+  return static_cast<std::uint64_t>(std::min(expected + 10.0 * std::sqrt(expected) + 1024.0, 0x1.0p63));
+}
+
 /// One simulated flash as it really happened: start time, position, photons that reached the file, class.
 struct True_Event {
   double t_s;

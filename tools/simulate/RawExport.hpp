@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/Random.hpp"
 
@@ -125,7 +125,7 @@ class Raw_Writer {
     unsigned chip = 0, c = 0, r = 0;
     detail::place_onChip(quad, x, y, chip, c, r);
     chips[chip].push_back(
-        {kovra::import::make_hitPacket(c, r, tot, static_cast<std::uint64_t>(time)), {time, x, y, tot}, true});
+        {kovra::tpx3spidr::raw::make_hitPacket(c, r, tot, static_cast<std::uint64_t>(time)), {time, x, y, tot}, true});
   }
 
   /// Ends the slice at `begin`: adds its trigger edges, writes it when it holds anything (or a heartbeat is
@@ -134,7 +134,7 @@ class Raw_Writer {
   bool close_slice(long upcoming) {
     const long end = begin + slice;
     for (; hasTrigger && trigger.value < end; pull_trigger(), ++nTriggers) {
-      const std::uint64_t word = kovra::import::make_tdcPacket(0xF, static_cast<unsigned>(nTriggers % 4096),
+      const std::uint64_t word = kovra::tpx3spidr::raw::make_tdcPacket(0xF, static_cast<unsigned>(nTriggers % 4096),
                                                                static_cast<std::uint64_t>(trigger.value));
       for (auto& packets : chips) packets.push_back({word, {}, false});
     }
@@ -160,12 +160,12 @@ class Raw_Writer {
       do {
         payload.clear();
         payload.push_back(std::uint64_t{0x50} << 56 | chip);  // the readout's own record
-        if (done == 0) payload.push_back(kovra::import::make_heartbeatPacket(static_cast<std::uint64_t>(begin)));
+        if (done == 0) payload.push_back(kovra::tpx3spidr::raw::make_heartbeatPacket(static_cast<std::uint64_t>(begin)));
         for (; done < packets.size() && payload.size() < chunkPackets; ++done) {
           payload.push_back(packets[done].word);
           if (packets[done].isHit) onHit(packets[done].hit);
         }
-        const std::uint64_t header = kovra::import::make_chunkHeader(chip, payload.size() * 8);
+        const std::uint64_t header = kovra::tpx3spidr::raw::make_chunkHeader(chip, payload.size() * 8);
         writeWords(&header, 1);
         writeWords(payload.data(), payload.size());
       } while (done < packets.size());

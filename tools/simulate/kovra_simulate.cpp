@@ -13,10 +13,10 @@
 #include "common/CommandLine.hpp"
 #include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
+#include "common/PhotonFlashes.hpp"
 #include "kovra/ContainerFile_Writer.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "simulate/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
 #include "simulate/SimulateOptions.hpp"
@@ -51,13 +51,13 @@ int run_simulate(const Simulate_Options& options) {
 
   const std::string truthPath = get_truthPath(options.outputPath);
   std::optional<kovra::OutputFile_Atomic> truth;
-  std::optional<PhotonFlashes_Writer> flashes;
+  std::optional<kovra::tools::PhotonFlashes_Writer> flashes;
   if (options.writeTruth) {
     truth.emplace(truthPath);
     if (!truth->stream()) return cannot_write(truthPath, truth->get_error());
     truth->stream() << "t_s,x_px,y_px,nPhotons,class\n";
     try {
-      flashes.emplace(get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
+      flashes.emplace(kovra::tools::get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
     } catch (const std::runtime_error& e) {
       std::cerr << "kovra_simulate: " << e.what() << "\n";
       return kovra::tools::exit_failure;
@@ -87,7 +87,7 @@ int run_simulate(const Simulate_Options& options) {
                   static_cast<unsigned long long>(e.nPhotons));
     truth->stream() << line << classes[e.classIndex].name << '\n';
   };
-  Photon_Fingerprint fingerprint;
+  kovra::tools::Photon_Fingerprint fingerprint;
   std::uint64_t nPhotons = 0;
   photonFile.begin_block(kovra::detail::make_identifier("photons"));
   const Simulation_Counts counts = simulate_photonSlices(

@@ -10,7 +10,7 @@
 
 #include "import/ClockFollower.hpp"
 #include "import/ReorderWindow.hpp"
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 using namespace kovra::import;
 

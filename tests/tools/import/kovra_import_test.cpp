@@ -13,14 +13,14 @@
 #include "GroupingReference.hpp"
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
-#include "import/Tpx3Packets.hpp"
+#include "kovra/tpx3spidr/Tpx3Packets.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
 
 namespace {
 
-using namespace kovra::import;
+using namespace kovra::tpx3spidr::raw;
 using testing::HasSubstr;
 using namespace std::string_literals;
 constexpr int px = 65536;

@@ -14,7 +14,7 @@
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "simulate/PhotonFlashes.hpp"
+#include "common/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
 
@@ -99,7 +99,7 @@ TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemo
   kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(dir.file("memory.kovraphot"), expected.photons);
   EXPECT_TRUE(read_bytes(dir.file("run.kovraphot")) == read_bytes(dir.file("memory.kovraphot")));
   EXPECT_TRUE(read_bytes(dir.file("run.truth.csv")) == truth);
-  EXPECT_EQ(kovra::simulate::read_photonFlashes(dir.file("run.truth.kovraflash"), expected.photons.photonEvents)
+  EXPECT_EQ(kovra::tools::read_photonFlashes(dir.file("run.truth.kovraflash"), expected.photons.photonEvents)
                 .flashOfPhoton,
             flashOfPhoton);
   std::FILE* raw = std::fopen(dir.file("memory.tpx3").c_str(), "wb");

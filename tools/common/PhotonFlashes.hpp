@@ -30,9 +30,8 @@
 
 #include "common/Counts.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
-#include "simulate/PhotonSimulation.hpp"
 
-namespace kovra::simulate {
+namespace kovra::tools {
 
 inline constexpr char photonFlashes_magic[8] = {'K', 'O', 'V', 'R', 'A', 'F', 'L', 'S'};
 inline constexpr std::uint32_t photonFlashes_version = 1;
@@ -44,12 +43,6 @@ inline std::string get_photonFlashesPath(const std::string& photonPath) {
   const std::string stem =
       photonPath.ends_with(suffix) ? photonPath.substr(0, photonPath.size() - suffix.size()) : photonPath;
   return stem + ".truth.kovraflash";
-}
-
-/// More flashes than a run with these settings can have, short of a Poisson draw 10 standard deviations out.
-inline std::uint64_t get_flashBound(const Simulation_Settings& settings) {
-  const double expected = settings.duration_s * settings.eventRate_Hz;
-  return static_cast<std::uint64_t>(std::min(expected + 10.0 * std::sqrt(expected) + 1024.0, 0x1.0p63));
 }
 
 /// A 64-bit digest of the photons' positions and times, in order, taken a piece at a time: a flash list made for
@@ -211,4 +204,4 @@ inline Photon_Flashes read_photonFlashes(const std::string& path,
   return result;
 }
 
-}  // namespace kovra::simulate
+}  // namespace kovra::tools

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace kovra::import {
+namespace kovra::tpx3spidr::raw {
 
 /// Ticks of 1.5625 ns: the unit of every time the importer handles.
 using Ticks = std::int64_t;
@@ -122,4 +122,4 @@ inline constexpr std::uint64_t make_chunkHeader(unsigned chip, std::uint64_t pay
   return chunk_magic | (std::uint64_t{chip & 0xFFu} << 32) | (payloadBytes << 48);
 }
 
-}  // namespace kovra::import
+}  // namespace kovra::tpx3spidr::raw

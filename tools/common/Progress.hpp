@@ -6,7 +6,7 @@
 #include <ostream>
 #include <string>
 
-namespace kovra::inspect {
+namespace kovra::tools {
 
 /// Writes to `out` when given one (the program passes standard error only when it is a terminal); silent on
 /// a null stream. `done` never exceeds `total` between `start` and `finish`.
@@ -50,4 +50,4 @@ class Progress {
   int shown = -1;
 };
 
-}  // namespace kovra::inspect
+}  // namespace kovra::tools

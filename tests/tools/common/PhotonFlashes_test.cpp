@@ -11,9 +11,11 @@
 #include <gtest/gtest.h>
 
 #include "TempDir.hpp"
-#include "simulate/PhotonFlashes.hpp"
+#include "common/PhotonFlashes.hpp"
 
-using namespace kovra::simulate;
+using namespace kovra::tools;
+using kovra::tpx3spidr::Length;
+using kovra::tpx3spidr::Time;
 using testing::StrEq;
 using testing::ThrowsMessage;
 
