@@ -159,7 +159,7 @@ def write_photons(path: str | os.PathLike[str], photons: npt.ArrayLike,
     """Writes a photon file with the library's writer. `photons` has the fields x, y, toa (see `make_photons`);
     `triggers` None writes no trigger list, an empty array an empty one. The name must end in .kovraphot
     (ValueError otherwise, with kovra_simulate's message)."""
-    _check_extension(path, ".kovraphot", f"the output file must end in .kovraphot, got '{os.fspath(path)}'")
+    _check_extension(path, ".kovraphot", f'output file "{os.fspath(path)}" must end in .kovraphot')
     records = _as_records(photons, PHOTON_DTYPE, "photons")
     times = _as_triggers(triggers)
     _write_whole(path, lambda name: _kovra.write_photons(name, records, times))

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/Options.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::evaluate {
@@ -85,54 +86,129 @@ inline std::string get_evaluateHelp() {
 
 namespace options_detail {
 
-inline double parse_value(const std::string& option, const std::string& text, bool allowInfinity) {
-  double value = 0;
-  const auto [ptr, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (allowInfinity && text == "inf") return std::numeric_limits<double>::infinity();
-  if (text.empty() || error != std::errc() || ptr != text.data() + text.size() || !std::isfinite(value)) {
-    throw std::invalid_argument("option " + option + " needs a number, not \"" + text + "\"");
-  }
-  if (value < 0) throw std::invalid_argument("option " + option + " must not be negative, got \"" + text + "\"");
-  return value;
-}
+enum : int {
+  dTimeExt = 256, algorithm, dSpaceGrid, dTimeGrid, algorithmGrid, durationMaxGrid, truth, fomPhotons, mergeMax,
+  csv, plots, threads
+};
 
-/// A comma-separated list of non-negative numbers, or of algorithm names.
-inline std::vector<std::string> split_list(const std::string& option, const std::string& text) {
-  std::vector<std::string> items;
-  std::size_t begin = 0;
-  for (;;) {
-    const std::size_t comma = text.find(',', begin);
-    items.push_back(text.substr(begin, comma == std::string::npos ? std::string::npos : comma - begin));
-    if (items.back().empty()) {
-      throw std::invalid_argument("option " + option + " needs a comma-separated list without empty entries, not \"" +
-                                  text + "\"");
-    }
-    if (comma == std::string::npos) return items;
-    begin = comma + 1;
-  }
-}
+/// A distance or duration: a number, at least 0 (a duration may be inf, unlimited).
+inline tools::Number_Range settingRange(bool duration) { return {"a number", 0, INFINITY, false, false, duration}; }
 
-inline std::vector<double> parse_grid(const std::string& option, const std::string& text, bool allowInfinity) {
+inline std::vector<double> parse_grid(const char* option, const std::string& text, bool duration) {
   std::vector<double> values;
-  for (const auto& item : split_list(option, text)) values.push_back(parse_value(option, item, allowInfinity));
+  for (const auto& item : tools::split_list(option, text)) values.push_back(tools::parse_number(option, item, settingRange(duration)));
   return values;
 }
 
-inline std::string check_algorithm(const std::string& option, const std::string& name) {
+inline std::string check_algorithm(const char* option, const std::string& name) {
   for (const auto& known : get_algorithmNames()) {
     if (known == name) return name;
   }
-  throw std::invalid_argument("option " + option + ": unknown algorithm \"" + name + "\"");
+  throw tools::bad_value(option, "an algorithm the reconstruction knows", name);
+}
+
+/// Each of the scanned quantities comes from its single option or its grid option, not both.
+struct Given_Once {
+  std::string dSpace, dTime, algorithm, duration;
+
+  static void note(std::string& from, const std::string& option) {
+    if (!from.empty()) {
+      throw std::invalid_argument(from == option ? "option --" + option + " given twice"
+                                                 : "options --" + from + " and --" + option + " exclude each other");
+    }
+    from = option;
+  }
+};
+
+/// The scanned numbers: each from its single option or its grid option.
+struct Scanned_Number {
+  int single;
+  int gridded;
+  const char* name;  // of the single option; the grid option adds "-grid"
+  std::vector<double> Settings_Grid::*target;
+  std::string Given_Once::*given;
+  bool duration;
+};
+
+inline const std::vector<Scanned_Number>& get_scannedNumbers() {
+  static const std::vector<Scanned_Number> numbers = {
+      {'s', dSpaceGrid, "dSpace", &Settings_Grid::dSpace_px, &Given_Once::dSpace, false},
+      {'t', dTimeGrid, "dTime", &Settings_Grid::dTime_s, &Given_Once::dTime, false},
+      {'D', durationMaxGrid, "durationMax", &Settings_Grid::durationMax_s, &Given_Once::duration, true}};
+  return numbers;
+}
+
+/// Takes one scanned quantity, as a single setting or a grid, into `grid`; false for another option.
+inline bool take_gridOption(int c, const std::string& value, Settings_Grid& grid, Given_Once& given) {
+  for (const auto& number : get_scannedNumbers()) {
+    if (c != number.single && c != number.gridded) continue;
+    const std::string option = std::string(number.name) + (c == number.gridded ? "-grid" : "");
+    Given_Once::note(given.*number.given, option);
+    grid.*number.target = c == number.gridded ? parse_grid(option.c_str(), value, number.duration)
+                                              : std::vector{tools::parse_number(option, value, settingRange(number.duration))};
+    return true;
+  }
+  if (c == algorithm || c == algorithmGrid) {
+    const char* option = c == algorithm ? "algorithm" : "algorithm-grid";
+    Given_Once::note(given.algorithm, option);
+    grid.algorithms.clear();
+    const auto names = c == algorithm ? std::vector<std::string>{value} : tools::split_list(option, value);
+    for (const auto& name : names) grid.algorithms.push_back(check_algorithm(option, name));
+    return true;
+  }
+  if (c == dTimeExt) {
+    grid.dTime_ext = tools::parse_number("dTime_ext", value, {"a number", -INFINITY});
+    return true;
+  }
+  return false;
+}
+
+/// Takes one of the other options into `options`.
+inline void take_evaluateOption(int c, const std::string& value, Evaluate_Options& options) {
+  switch (c) {
+    case truth:
+      options.truthFile = value;
+      break;
+    case fomPhotons:
+      options.fomMinPhotons = tools::parse_number<std::uint64_t>("fom-photons", value, {"a whole number", 1, 1e9, false, true});
+      break;
+    case mergeMax:
+      options.mergeMax = tools::parse_number("merge-max", value, {"a share", 0, 1});
+      break;
+    case csv:
+      options.csvFile = value;
+      break;
+    case plots:
+      options.plotDir = value;
+      break;
+    case threads:
+      options.threads = tools::parse_number<unsigned>("threads", value, {"a whole number", 1, kovra::max_threads, false, true});
+      break;
+  }
+}
+
+/// What the options say together, and the files' names.
+inline void check_evaluateOptions(Evaluate_Options& options) {
+  const auto& grid = options.grid;
+  if (!options.inputFile.ends_with(".kovraphot")) {
+    throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot");
+  }
+  if (grid.dSpace_px.empty()) throw std::invalid_argument("no distance in space given (-s or --dSpace-grid)");
+  if (grid.dTime_s.empty()) throw std::invalid_argument("no distance in time given (-t or --dTime-grid)");
+  if (grid.size() > 100000) throw std::invalid_argument("more than 100000 settings to scan");
+  if (options.truthFile.empty()) {
+    const std::string stem = options.inputFile.substr(0, options.inputFile.size() - std::string(".kovraphot").size());
+    options.truthFile = stem + ".truth.csv";
+  } else if (!options.truthFile.ends_with(".truth.csv")) {
+    throw std::invalid_argument("truth file \"" + options.truthFile + "\" must end in .truth.csv");
+  }
 }
 
 }  // namespace options_detail
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
-  enum : int {
-    dTimeExt = 256, algorithm, dSpaceGrid, dTimeGrid, algorithmGrid, durationMaxGrid, truth, fomPhotons, mergeMax,
-    csv, plots, threads
-  };
+  using namespace options_detail;
   static const option longOptions[] = {{"dSpace", required_argument, nullptr, 's'},
                                        {"dTime", required_argument, nullptr, 't'},
                                        {"dTime_ext", required_argument, nullptr, dTimeExt},
@@ -152,114 +228,19 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
                                        tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
   Evaluate_Options options;
-  auto& grid = options.grid;
-  // Each quantity comes from its single option or its grid option, not both.
-  std::string dSpaceFrom, dTimeFrom, algorithmFrom, durationFrom;
-  const auto once = [](std::string& from, const std::string& option) {
-    if (!from.empty()) {
-      throw std::invalid_argument(from == option ? "option " + option + " given twice"
-                                                 : "options " + from + " and " + option + " exclude each other");
-    }
-    from = option;
-  };
-
+  Given_Once given;
   optind = 0;
   opterr = 0;
-  int c = 0;
-  while ((c = getopt_long(argc, argv, ":s:t:D:h", longOptions, nullptr)) != -1) {
-    const std::string value = optarg ? optarg : "";
-    switch (c) {
-      case 's':
-        once(dSpaceFrom, "--dSpace");
-        grid.dSpace_px = {options_detail::parse_value("--dSpace", value, false)};
-        break;
-      case 't':
-        once(dTimeFrom, "--dTime");
-        grid.dTime_s = {options_detail::parse_value("--dTime", value, false)};
-        break;
-      case 'D':
-        once(durationFrom, "--durationMax");
-        grid.durationMax_s = {options_detail::parse_value("--durationMax", value, true)};
-        break;
-      case dTimeExt: {
-        double factor = 0;
-        const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), factor);
-        if (value.empty() || error != std::errc() || ptr != value.data() + value.size() || !std::isfinite(factor)) {
-          throw std::invalid_argument("option --dTime_ext needs a number, not \"" + value + "\"");
-        }
-        grid.dTime_ext = factor;
-        break;
-      }
-      case algorithm:
-        once(algorithmFrom, "--algorithm");
-        grid.algorithms = {options_detail::check_algorithm("--algorithm", value)};
-        break;
-      case dSpaceGrid:
-        once(dSpaceFrom, "--dSpace-grid");
-        grid.dSpace_px = options_detail::parse_grid("--dSpace-grid", value, false);
-        break;
-      case dTimeGrid:
-        once(dTimeFrom, "--dTime-grid");
-        grid.dTime_s = options_detail::parse_grid("--dTime-grid", value, false);
-        break;
-      case algorithmGrid:
-        once(algorithmFrom, "--algorithm-grid");
-        grid.algorithms.clear();
-        for (const auto& name : options_detail::split_list("--algorithm-grid", value)) {
-          grid.algorithms.push_back(options_detail::check_algorithm("--algorithm-grid", name));
-        }
-        break;
-      case durationMaxGrid:
-        once(durationFrom, "--durationMax-grid");
-        grid.durationMax_s = options_detail::parse_grid("--durationMax-grid", value, true);
-        break;
-      case truth:
-        options.truthFile = value;
-        break;
-      case fomPhotons: {
-        const double n = options_detail::parse_value("--fom-photons", value, false);
-        if (n < 1 || n != std::floor(n) || n > 1e9) {
-          throw std::invalid_argument("option --fom-photons needs a whole number from 1 to 1e9, not \"" + value + "\"");
-        }
-        options.fomMinPhotons = static_cast<std::uint64_t>(n);
-        break;
-      }
-      case mergeMax:
-        options.mergeMax = options_detail::parse_value("--merge-max", value, false);
-        if (options.mergeMax > 1) throw std::invalid_argument("option --merge-max must be from 0 to 1");
-        break;
-      case csv:
-        options.csvFile = value;
-        break;
-      case plots:
-        options.plotDir = value;
-        break;
-      case threads:
-        options.threads = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));
-        break;
-      case 'h':
-        options.helpRequested = true;
-        return options;
-      case tools::versionOption:
-        options.versionRequested = true;
-        return options;
-      default:
-        tools::throw_getoptError(c, argv);
+  for (int c = 0; (c = getopt_long(argc, argv, ":s:t:D:h", longOptions, nullptr)) != -1;) {
+    if (tools::is_commonOption(c)) {
+      tools::take_commonOption(c, argv, options);
+      return options;
     }
+    const std::string value = optarg ? optarg : "";
+    if (!take_gridOption(c, value, options.grid, given)) take_evaluateOption(c, value, options);
   }
   options.inputFile = tools::take_singleInput(argc, argv);
-  if (!options.inputFile.ends_with(".kovraphot")) {
-    throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot");
-  }
-  if (grid.dSpace_px.empty()) throw std::invalid_argument("no distance in space given (-s or --dSpace-grid)");
-  if (grid.dTime_s.empty()) throw std::invalid_argument("no distance in time given (-t or --dTime-grid)");
-  if (grid.size() > 100000) throw std::invalid_argument("more than 100000 settings to scan");
-  if (options.truthFile.empty()) {
-    const std::string stem = options.inputFile.substr(0, options.inputFile.size() - std::string(".kovraphot").size());
-    options.truthFile = stem + ".truth.csv";
-  } else if (!options.truthFile.ends_with(".truth.csv")) {
-    throw std::invalid_argument("truth file \"" + options.truthFile + "\" must end in .truth.csv");
-  }
+  check_evaluateOptions(options);
   return options;
 }
 

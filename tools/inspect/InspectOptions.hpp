@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/Options.hpp"
 #include "kovra/Record_Selection.hpp"
 #include "kovra/TimeOfFlight_Bins.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
@@ -158,40 +159,8 @@ namespace options_detail {
 
 /// The name of an image output, which is always a PNG file; throws the bad-usage line for another extension.
 inline std::string take_pngName(const char* option, const char* name) {
-  if (!std::string_view(name).ends_with(".png")) {
-    throw std::invalid_argument(std::string("option --") + option + " needs a file name ending in .png, not \"" +
-                                name + "\"");
-  }
+  if (!std::string_view(name).ends_with(".png")) throw tools::bad_value(option, "a file name ending in .png", name);
   return name;
-}
-
-/// A bound as the messages show it: whole numbers in full ("1000000"), others in the shortest exact form.
-inline std::string format_bound(double value) {
-  if (value == std::floor(value) && std::fabs(value) < 1e15) return std::to_string(static_cast<std::int64_t>(value));
-  char text[32];
-  const auto result = std::to_chars(text, text + sizeof text, value);
-  return {text, result.ptr};
-}
-
-template <typename Number_Type>
-Number_Type parse_number(const char* name, const char* text) {
-  Number_Type value{};
-  const char* end = text + std::char_traits<char>::length(text);
-  const auto [ptr, error] = std::from_chars(text, end, value);
-  if (error != std::errc() || ptr != end || text == end) {
-    throw std::invalid_argument(std::string("option --") + name + " needs a number, not \"" + text + "\"");
-  }
-  return value;
-}
-
-/// A real number that is finite and within [lo, hi], else the bad-usage line naming the option and the bounds.
-inline double parse_bounded(const char* name, const char* text, double lo, double hi, const char* unit) {
-  const double value = parse_number<double>(name, text);
-  if (!(value >= lo && value <= hi)) {
-    throw std::invalid_argument(std::string("option --") + name + " must be between " + format_bound(lo) + " and " +
-                                format_bound(hi) + unit);
-  }
-  return value;
 }
 
 inline std::array<double, 4> parse_region(const char* text) {
@@ -200,9 +169,9 @@ inline std::array<double, 4> parse_region(const char* text) {
   for (std::size_t i = 0; i < 4; ++i) {
     const std::size_t comma = rest.find(',');
     if ((comma == std::string::npos) != (i == 3)) {
-      throw std::invalid_argument(std::string("option --region needs X0,Y0,X1,Y1 in pixels, not \"") + text + "\"");
+      throw tools::bad_value("region", "X0,Y0,X1,Y1 in pixels", text);
     }
-    corners[i] = parse_bounded("region", rest.substr(0, comma).c_str(), -32768, 32768, " pixels");
+    corners[i] = tools::parse_number("region", rest.substr(0, comma), {"a number of pixels", -32768, 32768});
     rest = comma == std::string::npos ? "" : rest.substr(comma + 1);
   }
   if (!(corners[0] < corners[2] && corners[1] < corners[3])) {
@@ -214,6 +183,7 @@ inline std::array<double, 4> parse_region(const char* text) {
 /// Reads one option of the time-of-flight outputs or the selection; false for an option of neither.
 inline bool parse_timeOfFlightOption(int c, const char* value, Inspect_Options& options) {
   using tpx3spidr::Time;
+  const tools::Number_Range wholeCount{"a whole number", 0, INFINITY, false, true};
   Selection_Options& s = options.selection;
   switch (c) {
     case spectrum: options.spectrumFile = value; return true;
@@ -221,28 +191,23 @@ inline bool parse_timeOfFlightOption(int c, const char* value, Inspect_Options& 
     case stackTiff: options.stackTiffFile = value; return true;
     case plot: options.plotFile = take_pngName("plot", value); return true;
     case tofBins:
-      options.tofBins = static_cast<std::size_t>(parse_bounded("tof-bins", value, 1, 1e6, ""));
-      if (static_cast<double>(options.tofBins) != parse_number<double>("tof-bins", value)) {
-        throw std::invalid_argument("option --tof-bins needs a whole number");
-      }
+      options.tofBins = tools::parse_number<std::size_t>("tof-bins", value, {"a whole number", 1, 1e6, false, true});
       return true;
     case tofLog: options.tofSpacing = kovra::TimeOfFlight_Bins::Spacing::logarithmic; return true;
     case stackMemory:
-      options.stackMemory_MiB = parse_number<std::uint64_t>("stack-memory", value);
-      if (options.stackMemory_MiB < 1 || options.stackMemory_MiB > (std::uint64_t{1} << 30)) {
-        throw std::invalid_argument("option --stack-memory must be between 1 and 1073741824 MiB");
-      }
+      options.stackMemory_MiB =
+          tools::parse_number<std::uint64_t>("stack-memory", value, {"a whole number of MiB", 1, 0x1p30, false, true});
       return true;
     default: break;
   }
   // The selection: its text is kept as given, for the outputs to say what they hold.
   switch (c) {
-    case tofMin: s.tofMin_s = parse_bounded("tof-min", value, 0, Time::max_seconds, " s"); break;
-    case tofMax: s.tofMax_s = parse_bounded("tof-max", value, 0, Time::max_seconds, " s"); break;
-    case psdMin: s.psdMin_s = parse_bounded("psd-min", value, 0, 1e6, " s"); break;
-    case psdMax: s.psdMax_s = parse_bounded("psd-max", value, 0, 1e6, " s"); break;
-    case photonsMin: s.photonsMin = parse_number<std::uint64_t>("photons-min", value); break;
-    case photonsMax: s.photonsMax = parse_number<std::uint64_t>("photons-max", value); break;
+    case tofMin: s.tofMin_s = tools::parse_number("tof-min", value, {"a number of seconds", 0, Time::max_seconds}); break;
+    case tofMax: s.tofMax_s = tools::parse_number("tof-max", value, {"a number of seconds", 0, Time::max_seconds}); break;
+    case psdMin: s.psdMin_s = tools::parse_number("psd-min", value, {"a number of seconds", 0, 1e6}); break;
+    case psdMax: s.psdMax_s = tools::parse_number("psd-max", value, {"a number of seconds", 0, 1e6}); break;
+    case photonsMin: s.photonsMin = tools::parse_number<std::uint64_t>("photons-min", value, wholeCount); break;
+    case photonsMax: s.photonsMax = tools::parse_number<std::uint64_t>("photons-max", value, wholeCount); break;
     case region: s.region_px = parse_region(value); break;
     default: return false;
   }
@@ -304,26 +269,18 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
         options.imageFile = options_detail::take_pngName("image", optarg);
         break;
       case 'b':
-        options.binning = options_detail::parse_number<double>("binning", optarg);
+        options.binning = tools::parse_number("binning", optarg, {"a number of pixels", 0x1p-16, 1e9});
         options.binningGiven = true;
-        if (!(options.binning * 65536.0 >= 1.0) || !(options.binning <= 1e9)) {
-          throw std::invalid_argument("option --binning must be between 1/65536 and 1e9 pixels");
-        }
         break;
       case 'S':
-        options.size_px = options_detail::parse_number<int>("size", optarg);
-        if (options.size_px < 1 || options.size_px > 32768) {
-          throw std::invalid_argument("option --size must be between 1 and 32768 pixels");
-        }
+        options.size_px = tools::parse_number<int>("size", optarg, {"a whole number of pixels", 1, 32768, false, true});
         break;
-      case 'h':
-        options.helpRequested = true;
-        return options;
-      case tools::versionOption:
-        options.versionRequested = true;
-        return options;
       default:
-        if (!options_detail::parse_timeOfFlightOption(c, optarg, options)) tools::throw_getoptError(c, argv);
+        if (tools::is_commonOption(c)) {
+          tools::take_commonOption(c, argv, options);
+          return options;
+        }
+        options_detail::parse_timeOfFlightOption(c, optarg, options);
     }
   }
   options.inputFile = tools::take_singleInput(argc, argv);

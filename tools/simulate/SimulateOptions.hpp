@@ -4,7 +4,8 @@
 
 #include <getopt.h>
 
-#include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/Options.hpp"
 #include "simulate/PhotonSimulation.hpp"
 
 namespace kovra::simulate {
@@ -79,21 +81,155 @@ inline std::string get_simulateHelp() {
 
 namespace options_detail {
 
-/// The whole of `text` as a finite number, or false.
-inline bool parse_number(const std::string& text, double& value) {
-  if (text.empty()) return false;
-  char* endOfNumber = nullptr;
-  errno = 0;
-  value = std::strtod(text.c_str(), &endOfNumber);
-  return errno == 0 && *endOfNumber == '\0' && std::isfinite(value);
+/// The options that set one number of the settings, with the range each must lie in.
+struct Number_Option {
+  int code;
+  const char* name;
+  tools::Number_Range range;
+  double Simulation_Settings::*target;
+};
+
+enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth, raw };
+enum : int { hotPixels = raw + 1, flashesFrom };
+
+inline const std::vector<Number_Option>& get_numberOptions() {
+  static const std::vector<Number_Option> numbers = {
+      {'d', "duration", {"a number of seconds", 0, 1e6, true}, &Simulation_Settings::duration_s},
+      {'r', "event-rate", {"a rate in hertz", 0}, &Simulation_Settings::eventRate_Hz},
+      {'n', "photons", {"a mean photon count", 0, 1e6}, &Simulation_Settings::photonsPerEvent},
+      {sigma, "sigma", {"a number of pixels", 0}, &Simulation_Settings::sigma_px},
+      {tauFast, "tau-fast", {"a number of seconds", 0, 1, true}, &Simulation_Settings::tauFast_s},
+      {tauSlow, "tau-slow", {"a number of seconds", 0, 1, true}, &Simulation_Settings::tauSlow_s},
+      {darkRate, "dark-rate", {"a rate in hertz", 0}, &Simulation_Settings::darkRate_Hz},
+      {flashesFrom, "flashes-from", {"a number of seconds", 0, 1e6}, &Simulation_Settings::flashesFrom_s}};
+  return numbers;
+}
+
+/// --class NAME:WEIGHT:SLOW.
+inline Particle_Class parse_class(const std::string& text) {
+  const auto bad = [&] {
+    return tools::bad_value("class", "NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a weight greater than 0 "
+                                     "and a slow fraction from 0 to 1", text);
+  };
+  const auto colon1 = text.find(':');
+  const auto colon2 = colon1 == std::string::npos ? colon1 : text.find(':', colon1 + 1);
+  if (colon2 == std::string::npos) throw bad();
+  Particle_Class pc;
+  pc.name = text.substr(0, colon1);
+  if (pc.name.empty() || pc.name.find_first_of(",\"\n") != std::string::npos) throw bad();
+  try {
+    pc.weight = tools::parse_number("class", text.substr(colon1 + 1, colon2 - colon1 - 1), {"", 0, INFINITY, true});
+    pc.slowFraction = tools::parse_number("class", text.substr(colon2 + 1), {"", 0, 1});
+  } catch (const std::invalid_argument&) {
+    throw bad();
+  }
+  return pc;
+}
+
+/// --hot-pixels N:RATE.
+inline void parse_hotPixels(const std::string& text, Simulation_Settings& s) {
+  const auto colon = text.find(':');
+  try {
+    if (colon == std::string::npos) throw std::invalid_argument("");
+    s.hotPixels = tools::parse_number<int>("hot-pixels", text.substr(0, colon), {"", 0, 1e6, false, true});
+    s.hotPixelRate_Hz = tools::parse_number("hot-pixels", text.substr(colon + 1), {"", 0, INFINITY, true});
+  } catch (const std::invalid_argument&) {
+    throw tools::bad_value("hot-pixels", "N:RATE with a whole number of pixels from 0 to 1000000 and a rate in hertz "
+                                         "greater than 0", text);
+  }
+}
+
+/// --triggers none|empty|HZ.
+inline void parse_triggers(const std::string& text, Simulation_Settings& s) {
+  if (text == "none") {
+    s.triggerMode = Trigger_Mode::absent;
+  } else if (text == "empty") {
+    s.triggerMode = Trigger_Mode::empty;
+  } else {
+    try {
+      s.triggerFrequency_Hz = tools::parse_number("triggers", text, {"", 0, INFINITY, true});
+    } catch (const std::invalid_argument&) {
+      throw tools::bad_value("triggers", "none, empty or a frequency in hertz greater than 0", text);
+    }
+    s.triggerMode = Trigger_Mode::periodic;
+  }
+}
+
+/// Takes one option's value into `options`.
+inline void take_simulateOption(int c, const std::string& value, Simulate_Options& options, bool& classesGiven) {
+  auto& s = options.settings;
+  for (const auto& number : get_numberOptions()) {
+    if (number.code == c) {
+      s.*number.target = tools::parse_number(number.name, value, number.range);
+      return;
+    }
+  }
+  switch (c) {
+    case 'o':
+      options.outputPath = value;
+      break;
+    case width:
+    case height:
+      (c == width ? s.width_px : s.height_px) =
+          tools::parse_number<int>(c == width ? "width" : "height", value, {"a whole number of pixels", 1, 32767, false, true});
+      break;
+    case snap:
+      s.snapToPixels = true;
+      break;
+    case particleClass:
+      if (!classesGiven) s.classes.clear();
+      classesGiven = true;
+      s.classes.push_back(parse_class(value));
+      break;
+    case hotPixels:
+      parse_hotPixels(value, s);
+      break;
+    case triggers:
+      parse_triggers(value, s);
+      break;
+    case seed: {
+      const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), s.seed);
+      if (value.empty() || value[0] == '-' || value[0] == '+' || error != std::errc() || end != value.data() + value.size()) {
+        throw tools::bad_value("seed", "a whole number from 0 to 18446744073709551615", value);
+      }
+      break;
+    }
+    case truth:
+      options.writeTruth = true;
+      break;
+    case raw:
+      options.rawPath = value;
+      break;
+  }
+}
+
+/// What the options say together.
+inline void check_simulateOptions(const Simulate_Options& options) {
+  const auto& s = options.settings;
+  const auto fail = [](const std::string& message) { throw std::invalid_argument(message); };
+  if (options.outputPath.empty()) fail("no output file given (-o FILE.kovraphot)");
+  if (!options.outputPath.ends_with(".kovraphot") || options.outputPath == ".kovraphot") {
+    fail("output file \"" + options.outputPath + "\" must end in .kovraphot");
+  }
+  if (!options.rawPath.empty() && (s.width_px > 512 || s.height_px > 512)) {
+    fail("option --raw: a raw file holds at most 512 x 512 pixels");
+  }
+  if (s.triggerMode == Trigger_Mode::periodic && s.triggerFrequency_Hz * s.duration_s > 1.0e8) {
+    fail("option --triggers: more than 1e8 triggers in the acquisition");
+  }
+  if (s.get_expectedPhotons() > max_expectedPhotons) {
+    char text[200];
+    std::snprintf(text, sizeof text, "%.3g photons expected, more than the limit of %.0e; shorten --duration",
+                  s.get_expectedPhotons(), max_expectedPhotons);
+    fail(text);
+  }
 }
 
 }  // namespace options_detail
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
-  enum : int { sigma = 256, width, height, snap, tauFast, tauSlow, particleClass, darkRate, triggers, seed, truth };
-  enum : int { raw = truth + 1, hotPixels, flashesFrom };
+  using namespace options_detail;
   static const option longOptions[] = {
       {"output", required_argument, nullptr, 'o'},        {"duration", required_argument, nullptr, 'd'},
       {"event-rate", required_argument, nullptr, 'r'},    {"photons", required_argument, nullptr, 'n'},
@@ -106,168 +242,19 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       {"raw", required_argument, nullptr, raw},           {"hot-pixels", required_argument, nullptr, hotPixels},
       {"flashes-from", required_argument, nullptr, flashesFrom},
       tools::versionLongOption,                           {nullptr, 0, nullptr, 0}};
-
   Simulate_Options options;
-  auto& s = options.settings;
   bool classesGiven = false;
-  const auto fail = [](const std::string& message) -> Simulate_Options { throw std::invalid_argument(message); };
-  // A number from the option's argument within [low, high] (an open low end when lowOpen); throws otherwise.
-  const auto read_number = [&](const char* name, const char* unit, double low, bool lowOpen, double high,
-                               double& target) {
-    double value = 0.0;
-    const std::string text = optarg;
-    char bounds[160];
-    std::snprintf(bounds, sizeof bounds, "%s %g", lowOpen ? "greater than" : "at least", low);
-    if (!options_detail::parse_number(text, value) || value < low || (lowOpen && value == low) || value > high) {
-      fail(std::string("--") + name + ": expected " + unit + " " + bounds +
-           (std::isinf(high) ? "" : " and at most " + std::to_string(static_cast<long long>(high))) + ", got '" +
-           text + "'");
-    }
-    target = value;
-    return true;
-  };
-  const double inf = INFINITY;
-
   optind = 0;
   opterr = 0;
-  int c = 0;
-  while ((c = getopt_long(argc, argv, ":o:d:r:n:h", longOptions, nullptr)) != -1) {
-    double value = 0.0;
-    switch (c) {
-      case 'o':
-        options.outputPath = optarg;
-        break;
-      case 'd':
-        if (!read_number("duration", "seconds", 0.0, true, 1.0e6, s.duration_s)) return options;
-        break;
-      case 'r':
-        if (!read_number("event-rate", "a rate in hertz", 0.0, false, inf, s.eventRate_Hz)) return options;
-        break;
-      case 'n':
-        if (!read_number("photons", "a mean photon count", 0.0, false, 1.0e6, s.photonsPerEvent)) return options;
-        break;
-      case sigma:
-        if (!read_number("sigma", "pixels", 0.0, false, inf, s.sigma_px)) return options;
-        break;
-      case width:
-      case height: {
-        const char* name = c == width ? "width" : "height";
-        if (!read_number(name, "a whole number of pixels", 1.0, false, 32767.0, value)) return options;
-        if (value != std::floor(value)) {
-          return fail(std::string("--") + name + ": expected a whole number of pixels, got '" + optarg + "'");
-        }
-        (c == width ? s.width_px : s.height_px) = static_cast<int>(value);
-        break;
-      }
-      case snap:
-        s.snapToPixels = true;
-        break;
-      case tauFast:
-        if (!read_number("tau-fast", "seconds", 0.0, true, 1.0, s.tauFast_s)) return options;
-        break;
-      case tauSlow:
-        if (!read_number("tau-slow", "seconds", 0.0, true, 1.0, s.tauSlow_s)) return options;
-        break;
-      case particleClass: {
-        const std::string text = optarg;
-        const auto colon1 = text.find(':');
-        const auto colon2 = colon1 == std::string::npos ? colon1 : text.find(':', colon1 + 1);
-        Particle_Class pc;
-        const std::string bad = "--class: expected NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a weight "
-                                "greater than 0 and a slow fraction from 0 to 1, got '" + text + "'";
-        if (colon2 == std::string::npos) return fail(bad);
-        pc.name = text.substr(0, colon1);
-        if (pc.name.empty() || pc.name.find_first_of(",\"\n") != std::string::npos) return fail(bad);
-        if (!options_detail::parse_number(text.substr(colon1 + 1, colon2 - colon1 - 1), pc.weight) || !(pc.weight > 0.0))
-          return fail(bad);
-        if (!options_detail::parse_number(text.substr(colon2 + 1), pc.slowFraction) || pc.slowFraction < 0.0 ||
-            pc.slowFraction > 1.0)
-          return fail(bad);
-        if (!classesGiven) s.classes.clear();
-        classesGiven = true;
-        s.classes.push_back(pc);
-        break;
-      }
-      case darkRate:
-        if (!read_number("dark-rate", "a rate in hertz", 0.0, false, inf, s.darkRate_Hz)) return options;
-        break;
-      case flashesFrom:
-        if (!read_number("flashes-from", "seconds", 0.0, false, 1.0e6, s.flashesFrom_s)) return options;
-        break;
-      case hotPixels: {
-        const std::string text = optarg;
-        const auto colon = text.find(':');
-        double count = 0.0;
-        double rate = 0.0;
-        if (colon == std::string::npos || !options_detail::parse_number(text.substr(0, colon), count) ||
-            count < 0.0 || count > 1.0e6 || count != std::floor(count) ||
-            !options_detail::parse_number(text.substr(colon + 1), rate) || !(rate > 0.0)) {
-          return fail("--hot-pixels: expected N:RATE with a whole number of pixels from 0 to 1000000 and a rate in "
-                      "hertz greater than 0, got '" + text + "'");
-        }
-        s.hotPixels = static_cast<int>(count);
-        s.hotPixelRate_Hz = rate;
-        break;
-      }
-      case triggers: {
-        const std::string text = optarg;
-        if (text == "none") {
-          s.triggerMode = Trigger_Mode::absent;
-        } else if (text == "empty") {
-          s.triggerMode = Trigger_Mode::empty;
-        } else if (options_detail::parse_number(text, value) && value > 0.0) {
-          s.triggerMode = Trigger_Mode::periodic;
-          s.triggerFrequency_Hz = value;
-        } else {
-          return fail("--triggers: expected 'none', 'empty' or a frequency in hertz greater than 0, got '" + text +
-                      "'");
-        }
-        break;
-      }
-      case seed: {
-        const std::string text = optarg;
-        char* endOfNumber = nullptr;
-        errno = 0;
-        const unsigned long long v = std::strtoull(text.c_str(), &endOfNumber, 10);
-        if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || errno != 0)
-          return fail("--seed: expected a whole number from 0 to 18446744073709551615, got '" + text + "'");
-        (void)endOfNumber;
-        s.seed = v;
-        break;
-      }
-      case truth:
-        options.writeTruth = true;
-        break;
-      case raw:
-        options.rawPath = optarg;
-        break;
-      case 'h':
-        options.helpRequested = true;
-        return options;
-      case tools::versionOption:
-        options.versionRequested = true;
-        return options;
-      default:
-        tools::throw_getoptError(c, argv);
+  for (int c = 0; (c = getopt_long(argc, argv, ":o:d:r:n:h", longOptions, nullptr)) != -1;) {
+    if (tools::is_commonOption(c)) {
+      tools::take_commonOption(c, argv, options);
+      return options;
     }
+    take_simulateOption(c, optarg ? optarg : "", options, classesGiven);
   }
-  if (optind < argc) return fail(std::string("unexpected argument '") + argv[optind] + "'");
-
-  const std::string suffix = ".kovraphot";
-  if (options.outputPath.empty()) return fail("no output file given (-o FILE.kovraphot)");
-  if (options.outputPath.size() <= suffix.size() ||
-      options.outputPath.compare(options.outputPath.size() - suffix.size(), suffix.size(), suffix) != 0)
-    return fail("the output file must end in .kovraphot, got '" + options.outputPath + "'");
-  if (!options.rawPath.empty() && (s.width_px > 512 || s.height_px > 512))
-    return fail("--raw: a raw file holds at most 512 x 512 pixels");
-  if (s.triggerMode == Trigger_Mode::periodic && s.triggerFrequency_Hz * s.duration_s > 1.0e8)
-    return fail("--triggers: more than 1e8 triggers in the acquisition");
-  if (s.get_expectedPhotons() > max_expectedPhotons) {
-    char text[200];
-    std::snprintf(text, sizeof text, "%.3g photons expected, more than the limit of %.0e; shorten --duration",
-                  s.get_expectedPhotons(), max_expectedPhotons);
-    return fail(text);
-  }
+  if (optind < argc) throw std::invalid_argument(std::string("unexpected argument \"") + argv[optind] + "\"");
+  check_simulateOptions(options);
   return options;
 }
 

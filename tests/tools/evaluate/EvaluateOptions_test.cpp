@@ -58,10 +58,12 @@ TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
   } cases[] = {
       {"run.kovraphot --dSpace-grid 1,,2 -t 1",
        "option --dSpace-grid needs a comma-separated list without empty entries, not \"1,,2\""},
-      {"run.kovraphot -s 1 --dTime-grid 1e-7,-2e-7", "option --dTime-grid must not be negative, got \"-2e-7\""},
-      {"run.kovraphot -s 1 --dTime-grid 1e-7;2e-7", "option --dTime-grid needs a number, not \"1e-7;2e-7\""},
-      {"run.kovraphot -s 1 --dTime-grid inf", "option --dTime-grid needs a number, not \"inf\""},
-      {"run.kovraphot -s 1 -t 1 --algorithm-grid default,fast", "option --algorithm-grid: unknown algorithm \"fast\""},
+      {"run.kovraphot -s 1 --dTime-grid 1e-7,-2e-7", "option --dTime-grid needs a number, at least 0, not \"-2e-7\""},
+      {"run.kovraphot -s 1 --dTime-grid 1e-7;2e-7", "option --dTime-grid needs a number, at least 0, not \"1e-7;2e-7\""},
+      {"run.kovraphot -s 1 --dTime-grid inf", "option --dTime-grid needs a number, at least 0, not \"inf\""},
+      {"run.kovraphot -s 1 -t 1 -D -1", "option --durationMax needs a number, at least 0 (or inf), not \"-1\""},
+      {"run.kovraphot -s 1 -t 1 --algorithm-grid default,fast",
+       "option --algorithm-grid needs an algorithm the reconstruction knows, not \"fast\""},
       {"run.kovraphot -s 1 --dSpace-grid 1,2 -t 1", "options --dSpace and --dSpace-grid exclude each other"},
       {"run.kovraphot -s 1 -s 2 -t 1", "option --dSpace given twice"},
       {"run.kovraphot -t 1", "no distance in space given (-s or --dSpace-grid)"},
@@ -70,9 +72,9 @@ TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
       {"run.kovraevent -s 1 -t 1", "input file \"run.kovraevent\" must end in .kovraphot"},
       {"run.kovraphot -s 1 -t 1 --truth run.csv", "truth file \"run.csv\" must end in .truth.csv"},
       {"run.kovraphot -s 1 -t 1 --fom-photons 2.5",
-       "option --fom-photons needs a whole number from 1 to 1e9, not \"2.5\""},
-      {"run.kovraphot -s 1 -t 1 --merge-max 2", "option --merge-max must be from 0 to 1"},
-      {"run.kovraphot -s 1 -t 1 --threads 0", "option --threads must be a whole number from 1 to 1024, not \"0\""},
+       "option --fom-photons needs a whole number from 1 to 1000000000, not \"2.5\""},
+      {"run.kovraphot -s 1 -t 1 --merge-max 2", "option --merge-max needs a share from 0 to 1, not \"2\""},
+      {"run.kovraphot -s 1 -t 1 --threads 0", "option --threads needs a whole number from 1 to 1024, not \"0\""},
   };
   for (const auto& c : cases) {
     EXPECT_THAT([&] { parse(c.args); }, ThrowsMessage<std::invalid_argument>(StrEq(c.message))) << c.message;

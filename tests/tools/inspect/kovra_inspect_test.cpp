@@ -467,17 +467,17 @@ TEST_F(InspectTest, TimeOfFlightFailuresWriteNothing) {
 
 TEST_F(InspectTest, BadTimeOfFlightOptions) {
   const std::pair<std::string, std::string> cases[] = {
-      {"--tof-bins 0", "option --tof-bins must be between 1 and 1000000"},
-      {"--tof-bins 2.5", "option --tof-bins needs a whole number"},
-      {"--tof-min -1", "option --tof-min must be between 0 and 7205759403.792793 s"},
+      {"--tof-bins 0", "option --tof-bins needs a whole number from 1 to 1000000, not \"0\""},
+      {"--tof-bins 2.5", "option --tof-bins needs a whole number from 1 to 1000000, not \"2.5\""},
+      {"--tof-min -1", "option --tof-min needs a number of seconds from 0 to 7205759403.792793, not \"-1\""},
       {"--tof-min 2 --tof-max 1", "option --tof-max must be larger than --tof-min"},
       {"--tof-log", "option --tof-log needs --tof-min above 0"},
       {"--psd-min 2e-9 --psd-max 1e-9", "option --psd-max must not be smaller than --psd-min"},
       {"--photons-min 3 --photons-max 2", "option --photons-max must not be smaller than --photons-min"},
-      {"--photons-min x", "option --photons-min needs a number, not \"x\""},
+      {"--photons-min x", "option --photons-min needs a whole number, at least 0, not \"x\""},
       {"--region 1,2,3", "option --region needs X0,Y0,X1,Y1 in pixels, not \"1,2,3\""},
       {"--region 5,0,5,1", "option --region needs X0 < X1 and Y0 < Y1"},
-      {"--stack-memory 0", "option --stack-memory must be between 1 and 1073741824 MiB"},
+      {"--stack-memory 0", "option --stack-memory needs a whole number of MiB from 1 to 1073741824, not \"0\""},
       {"--spectrum - --csv -", "only one of the summary, --csv - and --spectrum - can go to standard output"},
       {"--tof-max", "option --tof-max needs a value"},
   };

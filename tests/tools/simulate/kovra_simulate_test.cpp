@@ -31,29 +31,29 @@ Program_Outcome run_simulate(const TempDir& dir, const std::string& args) {
 // The numeric options share one reader: a row for each kind of bound. (Help, version and getopt's messages:
 // ToolCommandLineTest.)
 TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
-  const std::string classRule = "--class: expected NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a weight "
-                                "greater than 0 and a slow fraction from 0 to 1, got '";
-  const std::string hotRule = "--hot-pixels: expected N:RATE with a whole number of pixels from 0 to 1000000 and a "
-                              "rate in hertz greater than 0, got '";
+  const std::string classRule = "option --class needs NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a "
+                                "weight greater than 0 and a slow fraction from 0 to 1, not \"";
+  const std::string hotRule = "option --hot-pixels needs N:RATE with a whole number of pixels from 0 to 1000000 and "
+                              "a rate in hertz greater than 0, not \"";
   const std::string tooMany = "1e+10 photons expected, more than the limit of 1e+09; shorten --duration";
   // The arguments follow "-o a.kovraphot" unless they start with -o.
   const struct { std::vector<std::string> args; std::string message; } cases[] = {
       {{}, "no output file given (-o FILE.kovraphot)"},
-      {{"-o", "a.kovraevent"}, "the output file must end in .kovraphot, got 'a.kovraevent'"},
-      {{"-d", "0"}, "--duration: expected seconds greater than 0 and at most 1000000, got '0'"},
-      {{"-r", "-1"}, "--event-rate: expected a rate in hertz at least 0, got '-1'"},
-      {{"--height", "32768"}, "--height: expected a whole number of pixels at least 1 and at most 32767, got '32768'"},
-      {{"--width", "2.5"}, "--width: expected a whole number of pixels, got '2.5'"},
-      {{"--class", "a,b:1:0.1"}, classRule + "a,b:1:0.1'"},
-      {{"--class", "a:1:1.5"}, classRule + "a:1:1.5'"},
-      {{"--triggers", "0"}, "--triggers: expected 'none', 'empty' or a frequency in hertz greater than 0, got '0'"},
-      {{"--triggers", "1e9"}, "--triggers: more than 1e8 triggers in the acquisition"},
-      {{"--hot-pixels", "2.5:1e5"}, hotRule + "2.5:1e5'"},
+      {{"-o", "a.kovraevent"}, "output file \"a.kovraevent\" must end in .kovraphot"},
+      {{"-d", "0"}, "option --duration needs a number of seconds greater than 0 and at most 1000000, not \"0\""},
+      {{"-r", "-1"}, "option --event-rate needs a rate in hertz, at least 0, not \"-1\""},
+      {{"--height", "32768"}, "option --height needs a whole number of pixels from 1 to 32767, not \"32768\""},
+      {{"--width", "2.5"}, "option --width needs a whole number of pixels from 1 to 32767, not \"2.5\""},
+      {{"--class", "a,b:1:0.1"}, classRule + "a,b:1:0.1\""},
+      {{"--class", "a:1:1.5"}, classRule + "a:1:1.5\""},
+      {{"--triggers", "0"}, "option --triggers needs none, empty or a frequency in hertz greater than 0, not \"0\""},
+      {{"--triggers", "1e9"}, "option --triggers: more than 1e8 triggers in the acquisition"},
+      {{"--hot-pixels", "2.5:1e5"}, hotRule + "2.5:1e5\""},
       {{"--hot-pixels", "1:1e10"}, tooMany},
       {{"--seed", "18446744073709551616"},
-       "--seed: expected a whole number from 0 to 18446744073709551615, got '18446744073709551616'"},
+       "option --seed needs a whole number from 0 to 18446744073709551615, not \"18446744073709551616\""},
       {{"-r", "1e9", "-n", "10"}, tooMany},
-      {{"extra"}, "unexpected argument 'extra'"},
+      {{"extra"}, "unexpected argument \"extra\""},
   };
   for (const auto& c : cases) {
     TempDir dir;
