@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <numeric>
 #include <vector>
 
 #include "evaluate/Truth.hpp"
@@ -57,6 +58,7 @@ struct Reconstruction_Metrics {
   double iou = 0;           ///< mean over flashes of |flash ∩ main event| / |flash ∪ main event|
   double centroid_rms_px = 0;
   double centroid_p95_px = 0;
+  double time_mean_ns = 0;  ///< the bias of the time error
   double time_rms_ns = 0;
   double time_p95_ns = 0;
   double fom = 0;
@@ -112,10 +114,17 @@ inline double get_figureOfMerit(const std::vector<double>& a, const std::vector<
   return std::abs(pa.position - pb.position) / (pa.fwhm + pb.fwhm);
 }
 
+/// When a flash counts as found.
+enum class Found_Rule {
+  mainEvent,  ///< its main event holds more than half of its photons
+  ownEvent    ///< ... and more than half of that event's photons are its own: a merge finds at most one flash
+};
+
 /// Scores reconstructions of one photon file against its truth. Holds the photons of each flash, found once.
 class Evaluator {
  public:
-  explicit Evaluator(const Truth& truth_) : truth(truth_), flashBegin(truth_.flashes.size() + 1, 0) {
+  explicit Evaluator(const Truth& truth_, Found_Rule foundRule_ = Found_Rule::mainEvent)
+      : truth(truth_), foundRule(foundRule_), flashBegin(truth_.flashes.size() + 1, 0) {
     for (const std::int64_t f : truth.flashOfPhoton) {
       if (f >= 0) ++flashBegin[static_cast<std::size_t>(f) + 1];
     }
@@ -240,7 +249,7 @@ class Evaluator {
       if (mainEvent == Photon_Memberships::none) continue;  // only when the algorithm reported nothing
       const std::size_t eventSize = eventBegin[mainEvent + 1] - eventBegin[mainEvent];
       iouSum += static_cast<double>(bestRun) / static_cast<double>(nPhotons + eventSize - bestRun);
-      if (2 * bestRun > nPhotons) {
+      if (2 * bestRun > nPhotons && (foundRule == Found_Rule::mainEvent || 2 * bestRun > eventSize)) {
         ++nFound;
         const auto& flash = truth.flashes[f];
         const Event& event = events[mainEvent];
@@ -263,6 +272,9 @@ class Evaluator {
     m.centroid_rms_px = metrics_detail::get_rms(centroidErrors);
     m.centroid_p95_px = metrics_detail::get_quantile(centroidErrors, 0.95);
     m.time_rms_ns = metrics_detail::get_rms(timeErrors);
+    m.time_mean_ns = timeErrors.empty() ? std::numeric_limits<double>::quiet_NaN()
+                                        : std::accumulate(timeErrors.begin(), timeErrors.end(), 0.0) /
+                                              static_cast<double>(timeErrors.size());
     for (double& t : timeErrors) t = std::abs(t);
     m.time_p95_ns = metrics_detail::get_quantile(timeErrors, 0.95);
     m.fom = get_figureOfMerit(psd[0], psd[1]);
@@ -272,6 +284,7 @@ class Evaluator {
 
  private:
   const Truth& truth;
+  const Found_Rule foundRule;
   std::vector<std::size_t> flashBegin;    ///< photons of flash f: flashPhotons[flashBegin[f] .. flashBegin[f + 1])
   std::vector<std::size_t> flashPhotons;
   std::array<int, 2> fomClasses{-1, -1};

@@ -17,6 +17,7 @@
 #include "common/OutputFolders.hpp"
 #include "common/PythonScript.hpp"
 #include "evaluate/EvaluateOptions.hpp"
+#include "evaluate/GroupingScan.hpp"
 #include "evaluate/Metrics.hpp"
 #include "evaluate/Scan.hpp"
 #include "evaluate/Truth.hpp"
@@ -53,8 +54,32 @@ void create_outputFolders(const Evaluate_Options& options) {
   }
 }
 
+/// The grouping of a simulated raw file's hits into photons, scored against the photons it was simulated from.
+void run_groupingEvaluate(const Evaluate_Options& options, kovra::tools::Progress& progress) {
+  const auto photons = kovra::tpx3spidr::FileHandler_PhotonEvents{}.load_file(options.simulatedFile);
+  const Grouping_Truth data = load_groupingTruth(options.inputFile, options.truthFile, photons.photonEvents);
+  const Evaluator evaluator(data.truth, Found_Rule::ownEvent);
+  const unsigned threads = options.threads ? *options.threads : kovra::get_threadCount();
+  const auto rows = run_groupingScan(options.groupingGrid, data, evaluator, progress, threads);
+  // Among equally efficient settings, the one whose photon times lie closest to the truth.
+  const double mergeMax = options.mergeMax.value_or(1.0);
+  const std::size_t best = find_best(rows, mergeMax, [](const Reconstruction_Metrics& m) { return -m.time_rms_ns; });
+  if (rows.size() > 1) {
+    print_groupingTable(std::cout, rows, best);
+    std::cout << "\nbest setting (highest efficiency with a merge rate at most " << format_number(mergeMax) << "):\n";
+  }
+  print_groupingReport(std::cout, rows[best], data);
+  if (options.csvFile) write_groupingCsv(*options.csvFile, rows, best);
+  if (options.plotDir) {
+    write_groupingCsv(*options.plotDir + "/scan.csv", rows, best);
+    kovra::tools::run_pythonScript("kovra_plot_scan.py", {*options.plotDir});
+    std::cout << "plots: " << *options.plotDir << "/heatmaps.png\n";
+  }
+}
+
 void run_evaluate(const Evaluate_Options& options, kovra::tools::Progress& progress) {
   create_outputFolders(options);
+  if (options.rawInput) return run_groupingEvaluate(options, progress);
   const auto photons = kovra::tpx3spidr::FileHandler_PhotonEvents{}.load_file(options.inputFile);
   const Truth truth = read_truth(options.truthFile, photons.photonEvents);
   const Evaluator evaluator(truth);
@@ -66,11 +91,12 @@ void run_evaluate(const Evaluate_Options& options, kovra::tools::Progress& progr
 
   const unsigned threads = options.threads ? *options.threads : kovra::get_threadCount();
   const auto rows = run_scan(options.grid, photons, evaluator, options.fomMinPhotons, progress, threads);
-  const std::size_t best = find_best(rows, options.mergeMax);
+  const double mergeMax = options.mergeMax.value_or(0.02);
+  const std::size_t best = find_best(rows, mergeMax);
   if (rows.size() > 1) {
     print_table(std::cout, rows, best);
     std::cout << "\nbest setting (highest efficiency with a merge rate at most "
-              << format_number(options.mergeMax) << "):\n";
+              << format_number(mergeMax) << "):\n";
   }
   print_report(std::cout, rows[best], fomClasses, options.fomMinPhotons);
 

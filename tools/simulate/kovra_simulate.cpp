@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/HitPhotons.hpp"
 #include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
 #include "common/PhotonFlashes.hpp"
@@ -65,8 +66,17 @@ int run_simulate(const Simulate_Options& options) {
   }
 
   std::optional<kovra::OutputFile_Atomic> rawFile;
+  // With the truth, the raw file gets the photon of each of its hits beside it, for scoring the import.
+  std::optional<kovra::tools::HitPhotons_Writer> hitPhotons;
+  if (options.writeTruth && !options.rawPath.empty()) {
+    hitPhotons.emplace(kovra::tools::get_hitPhotonsPath(options.rawPath));
+    if (!hitPhotons->good()) return cannot_write(hitPhotons->get_path(), hitPhotons->get_error());
+  }
   std::uint64_t nHits = 0;
-  const auto countHit = [&nHits](const Raw_Hit&) { ++nHits; };
+  const auto countHit = [&nHits, &hitPhotons](const Raw_Hit& hit) {
+    ++nHits;
+    if (hitPhotons) hitPhotons->add(hit.photon);
+  };
   std::optional<Raw_Writer<decltype(countHit)>> raw;
   if (!options.rawPath.empty()) {
     rawFile.emplace(options.rawPath);
@@ -126,6 +136,7 @@ int run_simulate(const Simulate_Options& options) {
     if (raw) {
       raw->finish();
       rawFile->commit();
+      if (hitPhotons) hitPhotons->finish(nPhotons, fingerprint.value());
     }
     if (truth) truth->commit();
     if (flashes) flashes->finish(counts.nEvents, fingerprint.value());
@@ -146,6 +157,7 @@ int run_simulate(const Simulate_Options& options) {
   if (raw) {
     std::cout << "kovra_simulate: wrote the raw form, " << format_count(nHits, "hit") << ", to " << options.rawPath
               << "\n";
+    if (hitPhotons) std::cout << "kovra_simulate: the photon of each hit in " << hitPhotons->get_path() << "\n";
   }
   return 0;
 }

@@ -105,3 +105,48 @@ TEST(EvaluateProgramTest, ATableThatCannotBeWrittenSaysWhy) {
             std::tuple(1, std::string("kovra_evaluate: run.kovraphot: cannot write 'taken.csv': Is a directory\n")));
   EXPECT_FALSE(std::filesystem::exists(dir.file("taken.csv.part")));
 }
+
+TEST(EvaluateGroupingTest, ScoresTheImportsOwnPhotonsOnAnyThreadCount) {
+  TempDir dir;
+  // Flashes of 20 photons (blobs that overlap), and of about one photon each, spread wide (blobs alone).
+  for (const char* args :
+       {"-o dense.kovraphot --raw dense.tpx3", "-o sparse.kovraphot --raw sparse.tpx3 -n 1 --sigma 40"}) {
+    const auto r = run_program(dir, KOVRA_SIMULATE_PATH, std::string(args) + " -d 0.002 -r 2e4 --seed 4 --truth");
+    ASSERT_EQ(r.status, 0) << r.err;
+  }
+  // The photons it scores are the import's own: as many as kovra_import writes with the same settings.
+  for (const char* setting : {"", "--radius 0 --window 2e-8", "--radius 2 --window 1e-7 --photon-time earliest"}) {
+    const auto imported =
+        run_program(dir, KOVRA_IMPORT_PATH, std::string("dense.tpx3 -o i.kovraphot ") + setting);
+    ASSERT_EQ(imported.status, 0) << imported.err;
+    const auto at = imported.out.find("photons: ");
+    const std::string count = imported.out.substr(at + 9, imported.out.find(' ', at + 9) - at - 9);
+    const auto scored = evaluate(dir, std::string("dense.tpx3 --simulated dense.kovraphot ") + setting);
+    ASSERT_EQ(scored.status, 0) << scored.err;
+    EXPECT_NE(scored.out.find("; photons made: " + count + "\n"), std::string::npos) << setting << scored.out;
+  }
+  // Lone blobs: all found with the default window; one too short for the time walk splits them.
+  const auto lone = evaluate(dir, "sparse.tpx3 --simulated sparse.kovraphot");
+  EXPECT_NE(lone.out.find("efficiency:     100 %"), std::string::npos) << lone.out;
+  EXPECT_NE(lone.out.find("merge rate:     0 %"), std::string::npos) << lone.out;
+  const auto torn = evaluate(dir, "sparse.tpx3 --simulated sparse.kovraphot --window 2e-9");
+  EXPECT_EQ(torn.out.find("split rate:     0 %"), std::string::npos) << torn.out;
+
+  const std::string scan = "dense.tpx3 --simulated dense.kovraphot --radius-grid 0,1 --window-grid 1e-8,1e-7 "
+                           "--photon-time-grid strongest,earliest ";
+  const auto plotted = evaluate(dir, scan + "--plots out --csv scan.csv");
+  ASSERT_EQ(plotted.status, 0) << plotted.err;
+  const std::string csv = read_bytes(dir.file("scan.csv"));
+  EXPECT_TRUE(csv.starts_with("radius_px,window_s,photon_time,true_photons,photons,efficiency,")) << csv;
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 9);
+  EXPECT_TRUE(read_bytes(dir.file("out/heatmaps.png")).starts_with("\x89PNG"));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("out/psd_best.png")));
+  for (const char* threads : {"1", "3"}) {
+    const auto again = evaluate(dir, scan + "--csv again.csv --threads " + threads);
+    EXPECT_EQ(read_bytes(dir.file("again.csv")), csv) << threads;
+  }
+  // A hit file made for other photons is refused.
+  const auto other = evaluate(dir, "dense.tpx3 --simulated sparse.kovraphot");
+  EXPECT_EQ(other.status, 1);
+  EXPECT_NE(other.err.find("hit truth file 'dense.truth.kovrahit': made for "), std::string::npos) << other.err;
+}
