@@ -87,7 +87,8 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
     // empty at i + 1 and fills as the seeds' windows reach further, as it does at the first seed.
     detail::Crowding_Judge judge(window, settings.dTime);
     Free_Photons freeFound = Free_Photons::walked;
-    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace, false);
+    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace,
+                                                                                   detail::Kept_ByCell::counts);
     const auto marks = ordered ? detail::Resume_Marks::noted : detail::Resume_Marks::skipped;
 
     for (std::size_t i = 0; window.fetch(i); ++i) {
@@ -95,7 +96,8 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
       if (ordered && judge.due(i)) {
         const Free_Photons judged = detail::judge_freePhotons(judge);
         if (judged != Free_Photons::walked && judged != freeFound) {
-          freePhotons.restart_at(i + 1, judged == Free_Photons::listed);
+          freePhotons.restart_at(i + 1, judged == Free_Photons::listed ? detail::Kept_ByCell::lists
+                                                                         : detail::Kept_ByCell::counts);
         }
         freeFound = judged;
       }
