@@ -95,7 +95,7 @@ TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt)
   auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
   kovra::PhotonSource_Memory<PhotonEvent> source(photons, 256);
   Window window(source, false);
-  Range range(window, dSpace, true);
+  Range range(window, dSpace, kovra::detail::Kept_ByCell::lists);
   const auto nearBoth = [&](const PhotonEvent& a, const PhotonEvent& b) {
     return near(a.x.value, b.x.value, dSpace.value) && near(a.y.value, b.y.value, dSpace.value);
   };
@@ -103,7 +103,7 @@ TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt)
   for (std::size_t i = 0; window.fetch(i); ++i) {
     window.release_before(i);
     // Taken up again every so often, listing or not, as the passes do when a stretch turns crowded.
-    if (uniform(0, 40) == 0) range.restart_at(i + 1, uniform(0, 1) == 1);
+    if (uniform(0, 40) == 0) range.restart_at(i + 1, uniform(0, 1) == 1 ? kovra::detail::Kept_ByCell::lists : kovra::detail::Kept_ByCell::counts);
     range.drop_before(i + 1);
     const Time limit = window[i].toa + Time{60};
     range.extend_to(limit);

@@ -104,6 +104,35 @@ inline Peak get_peak(std::vector<double> values) {
   return {median, 2.3548200450309493 * 1.482602218505602 * get_quantile(values, 0.5)};
 }
 
+/// The most frequent value of a sorted list, among those `counts` accepts: how many distinct accepted values it
+/// holds, the longest run and its value (`none` when no value is accepted).
+template <typename Value_Type>
+struct Main_Value {
+  std::size_t distinct = 0;
+  std::size_t run = 0;
+  Value_Type value;
+};
+template <typename Value_Type, typename Counts_Type>
+Main_Value<Value_Type> find_mainValue(const std::vector<Value_Type>& sorted, Value_Type none, Counts_Type&& counts) {
+  Main_Value<Value_Type> main{0, 0, none};
+  for (std::size_t k = 0; k < sorted.size();) {
+    std::size_t run = 1;
+    while (k + run < sorted.size() && sorted[k + run] == sorted[k]) ++run;
+    if (counts(sorted[k])) {
+      ++main.distinct;
+      if (run > main.run) main.run = run, main.value = sorted[k];
+    }
+    k += run;
+  }
+  return main;
+}
+
+/// The photons of every event, grouped by event: those of event e are items[begin[e] .. begin[e + 1]).
+struct Event_Members {
+  std::vector<std::size_t> begin;
+  std::vector<std::size_t> items;
+};
+
 }  // namespace metrics_detail
 
 /// FoM = |peak_1 - peak_2| / (FWHM_1 + FWHM_2) of two samples; NaN with fewer than two values in either.
@@ -153,79 +182,85 @@ class Evaluator {
   /// enter the figure of merit. `eventClasses`, when given, receives every event's class.
   Reconstruction_Metrics evaluate(const std::vector<Event>& events, const Photon_Memberships& memberships,
                                   std::uint64_t fomMinPhotons, std::vector<Event_Class>* eventClasses = nullptr) const {
-    Reconstruction_Metrics m;
-    m.nEvents = events.size();
+    const metrics_detail::Event_Members members = group_byEvent(events.size(), memberships);
+    Tally tally;
+    score_events(events, members, fomMinPhotons, eventClasses, tally);
+    score_flashes(events, memberships, members, tally);
+    return finish(events.size(), members.items.size(), tally);
+  }
 
-    // The members of every event, grouped by event.
-    std::vector<std::size_t> eventBegin(events.size() + 1, 0);
-    for (const auto* slots : {&memberships.first, &memberships.second}) {
-      for (const std::uint64_t e : *slots) {
-        if (e != Photon_Memberships::none) ++eventBegin[e + 1];
-      }
-    }
-    for (std::size_t e = 0; e < events.size(); ++e) eventBegin[e + 1] += eventBegin[e];
-    std::vector<std::size_t> eventPhotons(eventBegin.back());
-    {
-      std::vector<std::size_t> next(eventBegin.begin(), eventBegin.end() - 1);
-      for (std::size_t i = 0; i < memberships.size(); ++i) {
-        for (const std::uint64_t e : {memberships.first[i], memberships.second[i]}) {
-          if (e != Photon_Memberships::none) eventPhotons[next[e]++] = i;
-        }
-      }
-    }
-
-    // Events: their main flash, merges, fakes, purity, and the pulse-shape samples of the two classes.
+ private:
+  /// What the two walks count, before it becomes shares.
+  struct Tally {
+    std::uint64_t nFlashes = 0;
     std::uint64_t nMerged = 0;
     std::uint64_t nFake = 0;
     std::uint64_t nPure = 0;
-    std::array<std::vector<double>, 2> psd;
-    std::vector<std::int64_t> flashes;
-    for (std::size_t e = 0; e < events.size(); ++e) {
-      flashes.clear();
-      for (std::size_t k = eventBegin[e]; k < eventBegin[e + 1]; ++k) {
-        flashes.push_back(truth.flashOfPhoton[eventPhotons[k]]);
-      }
-      std::sort(flashes.begin(), flashes.end());
-      std::size_t distinct = 0;
-      std::size_t bestRun = 0;
-      std::int64_t mainFlash = -1;
-      for (std::size_t k = 0; k < flashes.size();) {
-        std::size_t run = 1;
-        while (k + run < flashes.size() && flashes[k + run] == flashes[k]) ++run;
-        if (flashes[k] >= 0) {
-          ++distinct;
-          if (run > bestRun) bestRun = run, mainFlash = flashes[k];
-        }
-        k += run;
-      }
-      nMerged += distinct >= 2;
-      nFake += distinct == 0;
-      nPure += bestRun;
-      int classIndex = -1;
-      if (2 * bestRun > flashes.size()) {
-        classIndex = static_cast<int>(truth.flashes[static_cast<std::size_t>(mainFlash)].classIndex);
-      }
-      if (eventClasses) eventClasses->push_back({events[e].psd, events[e].nPhotons, classIndex});
-      if (classIndex >= 0 && events[e].nPhotons >= fomMinPhotons) {
-        for (std::size_t c = 0; c < 2; ++c) {
-          if (classIndex == fomClasses[c]) psd[c].push_back(events[e].psd);
-        }
-      }
-    }
-
-    // Flashes: their main event, efficiency, splits, completeness, overlap and the errors of found flashes.
     std::uint64_t nFound = 0;
     std::uint64_t nSplit = 0;
     std::uint64_t nFlashPhotons = 0;
     std::uint64_t nComplete = 0;
     double iouSum = 0;
+    std::array<std::vector<double>, 2> psd;  ///< pulse-shape samples of the two classes
     std::vector<double> centroidErrors;
     std::vector<double> timeErrors;
+  };
+
+  static metrics_detail::Event_Members group_byEvent(std::size_t nEvents, const Photon_Memberships& memberships) {
+    metrics_detail::Event_Members members{std::vector<std::size_t>(nEvents + 1, 0), {}};
+    auto& begin = members.begin;
+    for (const auto* slots : {&memberships.first, &memberships.second}) {
+      for (const std::uint64_t e : *slots) {
+        if (e != Photon_Memberships::none) ++begin[e + 1];
+      }
+    }
+    for (std::size_t e = 0; e < nEvents; ++e) begin[e + 1] += begin[e];
+    members.items.resize(begin.back());
+    std::vector<std::size_t> next(begin.begin(), begin.end() - 1);
+    for (std::size_t i = 0; i < memberships.size(); ++i) {
+      for (const std::uint64_t e : {memberships.first[i], memberships.second[i]}) {
+        if (e != Photon_Memberships::none) members.items[next[e]++] = i;
+      }
+    }
+    return members;
+  }
+
+  /// Events: their main flash, merges, fakes, purity, and the pulse-shape samples of the two classes.
+  void score_events(const std::vector<Event>& events, const metrics_detail::Event_Members& members,
+                    std::uint64_t fomMinPhotons, std::vector<Event_Class>* eventClasses, Tally& tally) const {
+    std::vector<std::int64_t> flashes;
+    for (std::size_t e = 0; e < events.size(); ++e) {
+      flashes.clear();
+      for (std::size_t k = members.begin[e]; k < members.begin[e + 1]; ++k) {
+        flashes.push_back(truth.flashOfPhoton[members.items[k]]);
+      }
+      std::sort(flashes.begin(), flashes.end());
+      const auto main =
+          metrics_detail::find_mainValue<std::int64_t>(flashes, -1, [](std::int64_t f) { return f >= 0; });
+      tally.nMerged += main.distinct >= 2;
+      tally.nFake += main.distinct == 0;
+      tally.nPure += main.run;
+      int classIndex = -1;
+      if (2 * main.run > flashes.size()) {
+        classIndex = static_cast<int>(truth.flashes[static_cast<std::size_t>(main.value)].classIndex);
+      }
+      if (eventClasses) eventClasses->push_back({events[e].psd, events[e].nPhotons, classIndex});
+      if (classIndex >= 0 && events[e].nPhotons >= fomMinPhotons) {
+        for (std::size_t c = 0; c < 2; ++c) {
+          if (classIndex == fomClasses[c]) tally.psd[c].push_back(events[e].psd);
+        }
+      }
+    }
+  }
+
+  /// Flashes: their main event, efficiency, splits, completeness, overlap and the errors of found flashes.
+  void score_flashes(const std::vector<Event>& events, const Photon_Memberships& memberships,
+                     const metrics_detail::Event_Members& members, Tally& tally) const {
     std::vector<std::uint64_t> eventsOfFlash;
     for (std::size_t f = 0; f < truth.flashes.size(); ++f) {
       const std::size_t nPhotons = flashBegin[f + 1] - flashBegin[f];
       if (nPhotons == 0) continue;
-      ++m.nFlashes;
+      ++tally.nFlashes;
       eventsOfFlash.clear();
       for (std::size_t k = flashBegin[f]; k < flashBegin[f + 1]; ++k) {
         for (const std::uint64_t e : {memberships.first[flashPhotons[k]], memberships.second[flashPhotons[k]]}) {
@@ -233,56 +268,53 @@ class Evaluator {
         }
       }
       std::sort(eventsOfFlash.begin(), eventsOfFlash.end());
-      std::size_t distinct = 0;
-      std::size_t bestRun = 0;
-      std::uint64_t mainEvent = Photon_Memberships::none;
-      for (std::size_t k = 0; k < eventsOfFlash.size();) {
-        std::size_t run = 1;
-        while (k + run < eventsOfFlash.size() && eventsOfFlash[k + run] == eventsOfFlash[k]) ++run;
-        ++distinct;
-        if (run > bestRun) bestRun = run, mainEvent = eventsOfFlash[k];
-        k += run;
-      }
-      nSplit += distinct >= 2;
-      nFlashPhotons += nPhotons;
-      nComplete += bestRun;
-      if (mainEvent == Photon_Memberships::none) continue;  // only when the algorithm reported nothing
-      const std::size_t eventSize = eventBegin[mainEvent + 1] - eventBegin[mainEvent];
-      iouSum += static_cast<double>(bestRun) / static_cast<double>(nPhotons + eventSize - bestRun);
-      if (2 * bestRun > nPhotons && (foundRule == Found_Rule::mainEvent || 2 * bestRun > eventSize)) {
-        ++nFound;
+      const auto main = metrics_detail::find_mainValue<std::uint64_t>(eventsOfFlash, Photon_Memberships::none,
+                                                                      [](std::uint64_t) { return true; });
+      tally.nSplit += main.distinct >= 2;
+      tally.nFlashPhotons += nPhotons;
+      tally.nComplete += main.run;
+      if (main.value == Photon_Memberships::none) continue;  // only when the algorithm reported nothing
+      const std::size_t eventSize = members.begin[main.value + 1] - members.begin[main.value];
+      tally.iouSum += static_cast<double>(main.run) / static_cast<double>(nPhotons + eventSize - main.run);
+      if (2 * main.run > nPhotons && (foundRule == Found_Rule::mainEvent || 2 * main.run > eventSize)) {
+        ++tally.nFound;
         const auto& flash = truth.flashes[f];
-        const Event& event = events[mainEvent];
-        centroidErrors.push_back(std::hypot(event.x.get_pixels() - flash.x_px, event.y.get_pixels() - flash.y_px));
-        timeErrors.push_back((event.t.get_seconds() - flash.t_s) * 1e9);
+        const Event& event = events[main.value];
+        tally.centroidErrors.push_back(
+            std::hypot(event.x.get_pixels() - flash.x_px, event.y.get_pixels() - flash.y_px));
+        tally.timeErrors.push_back((event.t.get_seconds() - flash.t_s) * 1e9);
       }
     }
+  }
 
+  static Reconstruction_Metrics finish(std::uint64_t nEvents, std::uint64_t nMembers, Tally& tally) {
     const auto share = [](std::uint64_t part, std::uint64_t whole) {
       return whole == 0 ? std::numeric_limits<double>::quiet_NaN()
                         : static_cast<double>(part) / static_cast<double>(whole);
     };
-    m.efficiency = share(nFound, m.nFlashes);
-    m.split_rate = share(nSplit, m.nFlashes);
-    m.merge_rate = share(nMerged, m.nEvents);
-    m.fake_rate = share(nFake, m.nEvents);
-    m.purity = share(nPure, eventPhotons.size());
-    m.completeness = share(nComplete, nFlashPhotons);
-    m.iou = m.nFlashes == 0 ? std::numeric_limits<double>::quiet_NaN() : iouSum / static_cast<double>(m.nFlashes);
-    m.centroid_rms_px = metrics_detail::get_rms(centroidErrors);
-    m.centroid_p95_px = metrics_detail::get_quantile(centroidErrors, 0.95);
-    m.time_rms_ns = metrics_detail::get_rms(timeErrors);
-    m.time_mean_ns = timeErrors.empty() ? std::numeric_limits<double>::quiet_NaN()
-                                        : std::accumulate(timeErrors.begin(), timeErrors.end(), 0.0) /
-                                              static_cast<double>(timeErrors.size());
-    for (double& t : timeErrors) t = std::abs(t);
-    m.time_p95_ns = metrics_detail::get_quantile(timeErrors, 0.95);
-    m.fom = get_figureOfMerit(psd[0], psd[1]);
-    m.fomEvents = psd[0].size() + psd[1].size();
+    Reconstruction_Metrics m;
+    m.nEvents = nEvents;
+    m.nFlashes = tally.nFlashes;
+    m.efficiency = share(tally.nFound, m.nFlashes);
+    m.split_rate = share(tally.nSplit, m.nFlashes);
+    m.merge_rate = share(tally.nMerged, m.nEvents);
+    m.fake_rate = share(tally.nFake, m.nEvents);
+    m.purity = share(tally.nPure, nMembers);
+    m.completeness = share(tally.nComplete, tally.nFlashPhotons);
+    m.iou = m.nFlashes == 0 ? std::numeric_limits<double>::quiet_NaN() : tally.iouSum / static_cast<double>(m.nFlashes);
+    m.centroid_rms_px = metrics_detail::get_rms(tally.centroidErrors);
+    m.centroid_p95_px = metrics_detail::get_quantile(tally.centroidErrors, 0.95);
+    m.time_rms_ns = metrics_detail::get_rms(tally.timeErrors);
+    m.time_mean_ns = tally.timeErrors.empty() ? std::numeric_limits<double>::quiet_NaN()
+                                              : std::accumulate(tally.timeErrors.begin(), tally.timeErrors.end(), 0.0) /
+                                                    static_cast<double>(tally.timeErrors.size());
+    for (double& t : tally.timeErrors) t = std::abs(t);
+    m.time_p95_ns = metrics_detail::get_quantile(tally.timeErrors, 0.95);
+    m.fom = get_figureOfMerit(tally.psd[0], tally.psd[1]);
+    m.fomEvents = tally.psd[0].size() + tally.psd[1].size();
     return m;
   }
 
- private:
   const Truth& truth;
   const Found_Rule foundRule;
   std::vector<std::size_t> flashBegin;    ///< photons of flash f: flashPhotons[flashBegin[f] .. flashBegin[f + 1])

@@ -170,43 +170,71 @@ inline void sort_byToa(std::vector<Slice_Photon>& photons, std::vector<Slice_Pho
 
 }  // namespace simulation_detail
 
-/// Draws the flashes and dark counts of one acquisition. Each flash goes to `onEvent` (a `True_Event`, in time
-/// order) once its photons are drawn; the photons go to `onSlice(std::span<const PhotonEvent>,
-/// std::span<const std::int64_t>)` a slice at a time, in file order, with the flash index of each photon (its
-/// flash's position in the `onEvent` calls, -1 for a dark count). Memory stays with one slice: `sliceTicks` 0
-/// picks a slice of about 16 thousand photons, small enough for the sort to run in cache.
-template <typename OnEvent_Type, typename OnSlice_Type>
-Simulation_Counts simulate_photonSlices(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
-                                        OnSlice_Type&& onSlice, long sliceTicks = 0) {
-  assert(!settings.classes.empty());
-  const double tick = Time::tick_seconds;
-  const double end = settings.duration_s / tick;  // acquisition end in ticks; photons at or after it are lost
-  const double width = settings.width_px;
-  const double height = settings.height_px;
-  const double tauFast = settings.tauFast_s / tick;
-  const double tauSlow = settings.tauSlow_s / tick;
-  const double eventGap = settings.eventRate_Hz > 0.0 ? 1.0 / (settings.eventRate_Hz * tick) : 0.0;
-  const double darkGap = settings.darkRate_Hz > 0.0 ? 1.0 / (settings.darkRate_Hz * tick) : 0.0;
-  double totalWeight = 0.0;
-  for (const auto& c : settings.classes) totalWeight += c.weight;
+namespace simulation_detail {
 
-  const auto to_units = [&](double pixels) {
-    const double units = settings.snapToPixels ? std::floor(pixels) * Length::units_per_pixel
-                                               : std::floor(pixels * Length::units_per_pixel);
-    return Length{static_cast<int>(units)};
-  };
-
-  if (sliceTicks <= 0) {
-    const double photonsPerTick = settings.get_expectedPhotons() / std::max(end, 1.0);
-    const double ticks = photonsPerTick > 0.0 ? std::clamp(0x1.0p14 / photonsPerTick, 1024.0, 0x1.0p40) : end + 1.0;
-    sliceTicks = static_cast<long>(ticks);
+/// The sources of one acquisition, drawn slice by slice: flashes, dark counts and hot pixels, each from its own
+/// generator, into one buffer of photons not yet final. The draws happen in the same order for every slice length.
+class Photon_Sources {
+ public:
+  explicit Photon_Sources(const Simulation_Settings& settings_)
+      : settings(settings_),
+        end(settings.duration_s / tick),
+        eventGap(settings.eventRate_Hz > 0.0 ? 1.0 / (settings.eventRate_Hz * tick) : 0.0),
+        darkGap(settings.darkRate_Hz > 0.0 ? 1.0 / (settings.darkRate_Hz * tick) : 0.0),
+        hotGap(settings.hotPixelRate_Hz > 0.0 ? 1.0 / (settings.hotPixelRate_Hz * tick) : 0.0),
+        eventRandom(settings.seed),
+        darkRandom(~settings.seed) {
+    assert(!settings.classes.empty());
+    for (const auto& c : settings.classes) totalWeight += c.weight;
+    nextEvent = eventGap > 0.0 ? settings.flashesFrom_s / tick + eventRandom.exponential(eventGap) : end;
+    nextDark = darkGap > 0.0 ? darkRandom.exponential(darkGap) : end;
+    place_hotPixels();
   }
 
-  Simulation_Counts counts;
-  Random_Generator eventRandom(settings.seed);
-  Random_Generator darkRandom(~settings.seed);
-  double nextEvent = eventGap > 0.0 ? settings.flashesFrom_s / tick + eventRandom.exponential(eventGap) : end;
-  double nextDark = darkGap > 0.0 ? darkRandom.exponential(darkGap) : end;
+  /// The acquisition's end in ticks; photons at or after it are lost.
+  double get_end() const { return end; }
+
+  /// A slice of about 16 thousand photons, small enough for the sort to run in cache.
+  long get_defaultSliceTicks() const {
+    const double photonsPerTick = settings.get_expectedPhotons() / std::max(end, 1.0);
+    const double ticks = photonsPerTick > 0.0 ? std::clamp(0x1.0p14 / photonsPerTick, 1024.0, 0x1.0p40) : end + 1.0;
+    return static_cast<long>(ticks);
+  }
+
+  /// Draws every flash starting before `sliceEnd`, handing each to `onEvent` once its photons are drawn.
+  template <typename OnEvent_Type>
+  void draw_flashes(double sliceEnd, std::vector<Slice_Photon>& buffer, Simulation_Counts& counts,
+                    OnEvent_Type&& onEvent) {
+    for (; nextEvent < sliceEnd; nextEvent += eventRandom.exponential(eventGap)) {
+      const std::size_t classIndex = pick_class();
+      const double x0 = eventRandom.uniform() * settings.width_px;
+      const double y0 = eventRandom.uniform() * settings.height_px;
+      const std::uint64_t nDetected = draw_flashPhotons(x0, y0, settings.classes[classIndex].slowFraction,
+                                                        static_cast<std::int64_t>(counts.nEvents), buffer);
+      ++counts.nEvents;
+      counts.nEventPhotons += nDetected;
+      onEvent(True_Event{nextEvent * tick, x0, y0, nDetected, classIndex});
+    }
+  }
+
+  /// Draws the dark counts and hot-pixel hits before `sliceEnd`.
+  void draw_strays(double sliceEnd, std::vector<Slice_Photon>& buffer, Simulation_Counts& counts) {
+    for (; nextDark < sliceEnd; nextDark += darkRandom.exponential(darkGap)) {
+      const double x = darkRandom.uniform() * settings.width_px;
+      const double y = darkRandom.uniform() * settings.height_px;
+      buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(nextDark)}}, -1});
+      ++counts.nDarkPhotons;
+    }
+    for (auto& hot : hotPixels) {
+      for (; hot.next < sliceEnd; hot.next += hot.random.exponential(hotGap)) {
+        buffer.push_back({PhotonEvent{hot.x, hot.y, Time{static_cast<long>(hot.next)}}, -1});
+        ++counts.nDarkPhotons;
+      }
+    }
+  }
+
+ private:
+  static constexpr double tick = Time::tick_seconds;
 
   // Each hot pixel draws its place and its firing times from a generator of its own, so that neither the slice
   // length nor the other sources change them.
@@ -216,84 +244,116 @@ Simulation_Counts simulate_photonSlices(const Simulation_Settings& settings, OnE
     Length y;
     double next;
   };
-  const double hotGap = settings.hotPixelRate_Hz > 0.0 ? 1.0 / (settings.hotPixelRate_Hz * tick) : 0.0;
+
+  void place_hotPixels() {
+    for (int k = 0; k < settings.hotPixels && hotGap > 0.0; ++k) {
+      const std::uint64_t number = static_cast<std::uint64_t>(k) + 1;
+      Random_Generator random(settings.seed ^ (std::uint64_t{0x9E3779B97F4A7C15} * number));
+      const double x = std::floor(random.uniform() * settings.width_px);
+      const double y = std::floor(random.uniform() * settings.height_px);
+      const double first = random.exponential(hotGap);
+      hotPixels.push_back(Hot_Pixel{random, to_units(x), to_units(y), first});
+    }
+  }
+
+  std::size_t pick_class() {
+    double pick = eventRandom.uniform() * totalWeight;
+    std::size_t classIndex = 0;
+    while (classIndex + 1 < settings.classes.size() && pick >= settings.classes[classIndex].weight) {
+      pick -= settings.classes[classIndex].weight;
+      ++classIndex;
+    }
+    return classIndex;
+  }
+
+  /// Draws the photons of the flash at (x0, y0) starting at `nextEvent`; returns how many reached the detector
+  /// before the end.
+  std::uint64_t draw_flashPhotons(double x0, double y0, double slowFraction, std::int64_t flash,
+                                  std::vector<Slice_Photon>& buffer) {
+    const double tauFast = settings.tauFast_s / tick;
+    const double tauSlow = settings.tauSlow_s / tick;
+    const std::uint64_t nEmitted = eventRandom.poisson(settings.photonsPerEvent);
+    std::uint64_t nDetected = 0;
+    for (std::uint64_t i = 0; i < nEmitted; ++i) {
+      // One uniform picks the component and, rescaled, gives that component's exponential delay.
+      const double u = eventRandom.uniform();
+      const double delay = u < slowFraction ? -tauSlow * std::log(1.0 - u / slowFraction)
+                                            : -tauFast * std::log(1.0 - (u - slowFraction) / (1.0 - slowFraction));
+      const double x = x0 + settings.sigma_px * eventRandom.normal();
+      const double y = y0 + settings.sigma_px * eventRandom.normal();
+      const double t = nextEvent + delay;
+      if (x < 0.0 || x >= settings.width_px || y < 0.0 || y >= settings.height_px || t >= end) continue;
+      buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(t)}}, flash});
+      ++nDetected;
+    }
+    return nDetected;
+  }
+
+  Length to_units(double pixels) const {
+    const double units = settings.snapToPixels ? std::floor(pixels) * Length::units_per_pixel
+                                               : std::floor(pixels * Length::units_per_pixel);
+    return Length{static_cast<int>(units)};
+  }
+
+  const Simulation_Settings& settings;
+  double end;
+  double eventGap;
+  double darkGap;
+  double hotGap;
+  double totalWeight = 0.0;
+  Random_Generator eventRandom;
+  Random_Generator darkRandom;
+  double nextEvent = 0.0;
+  double nextDark = 0.0;
   std::vector<Hot_Pixel> hotPixels;
-  for (int k = 0; k < settings.hotPixels && hotGap > 0.0; ++k) {
-    const std::uint64_t number = static_cast<std::uint64_t>(k) + 1;
-    Random_Generator random(settings.seed ^ (std::uint64_t{0x9E3779B97F4A7C15} * number));
-    const double x = std::floor(random.uniform() * width);
-    const double y = std::floor(random.uniform() * height);
-    const double first = random.exponential(hotGap);
-    hotPixels.push_back(Hot_Pixel{random, to_units(x), to_units(y), first});
-  }
+};
 
-  std::vector<simulation_detail::Slice_Photon> buffer;
-  std::vector<simulation_detail::Slice_Photon> scratch;
-  std::vector<PhotonEvent> slicePhotons;
-  std::vector<std::int64_t> sliceFlashes;
-  for (long sliceBegin = 0; static_cast<double>(sliceBegin) < end; sliceBegin += sliceTicks) {
-    const double sliceEnd = std::min(static_cast<double>(sliceBegin + sliceTicks), end);
+/// The photons drawn and not yet handed on, and room to sort and hand them on: what one slice needs.
+struct Slice_Buffers {
+  std::vector<Slice_Photon> pending;
+  std::vector<Slice_Photon> scratch;
+  std::vector<PhotonEvent> photons;
+  std::vector<std::int64_t> flashes;
 
-    for (; nextEvent < sliceEnd; nextEvent += eventRandom.exponential(eventGap)) {
-      double pick = eventRandom.uniform() * totalWeight;
-      std::size_t classIndex = 0;
-      while (classIndex + 1 < settings.classes.size() && pick >= settings.classes[classIndex].weight) {
-        pick -= settings.classes[classIndex].weight;
-        ++classIndex;
-      }
-      const double slowFraction = settings.classes[classIndex].slowFraction;
-      const double x0 = eventRandom.uniform() * width;
-      const double y0 = eventRandom.uniform() * height;
-      const std::uint64_t nEmitted = eventRandom.poisson(settings.photonsPerEvent);
-      std::uint64_t nDetected = 0;
-      for (std::uint64_t i = 0; i < nEmitted; ++i) {
-        // One uniform picks the component and, rescaled, gives that component's exponential delay.
-        const double u = eventRandom.uniform();
-        const double delay = u < slowFraction ? -tauSlow * std::log(1.0 - u / slowFraction)
-                                              : -tauFast * std::log(1.0 - (u - slowFraction) / (1.0 - slowFraction));
-        const double x = x0 + settings.sigma_px * eventRandom.normal();
-        const double y = y0 + settings.sigma_px * eventRandom.normal();
-        const double t = nextEvent + delay;
-        if (x < 0.0 || x >= width || y < 0.0 || y >= height || t >= end) continue;
-        buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(t)}},
-                          static_cast<std::int64_t>(counts.nEvents)});
-        ++nDetected;
-      }
-      ++counts.nEvents;
-      counts.nEventPhotons += nDetected;
-      onEvent(True_Event{nextEvent * tick, x0, y0, nDetected, classIndex});
-    }
-
-    for (; nextDark < sliceEnd; nextDark += darkRandom.exponential(darkGap)) {
-      const double x = darkRandom.uniform() * width;
-      const double y = darkRandom.uniform() * height;
-      buffer.push_back({PhotonEvent{to_units(x), to_units(y), Time{static_cast<long>(nextDark)}}, -1});
-      ++counts.nDarkPhotons;
-    }
-
-    for (auto& hot : hotPixels) {
-      for (; hot.next < sliceEnd; hot.next += hot.random.exponential(hotGap)) {
-        buffer.push_back({PhotonEvent{hot.x, hot.y, Time{static_cast<long>(hot.next)}}, -1});
-        ++counts.nDarkPhotons;
-      }
-    }
-
-    simulation_detail::sort_byToa(buffer, scratch, sliceBegin);
-    const long finalBefore = sliceBegin + sliceTicks;
+  /// Hands on the pending photons earlier than `finalBefore` (all at or after `sliceBegin`) in time order, keeping
+  /// the rest for the next slice.
+  template <typename OnSlice_Type>
+  void release_final(long sliceBegin, long finalBefore, OnSlice_Type&& onSlice) {
+    sort_byToa(pending, scratch, sliceBegin);
     const auto firstCarried = std::partition_point(
-        buffer.begin(), buffer.end(), [&](const simulation_detail::Slice_Photon& p) { return p.photon.toa.value < finalBefore; });
-    slicePhotons.clear();
-    sliceFlashes.clear();
-    for (auto p = buffer.begin(); p != firstCarried; ++p) {
-      slicePhotons.push_back(p->photon);
-      sliceFlashes.push_back(p->flash);
+        pending.begin(), pending.end(), [&](const Slice_Photon& p) { return p.photon.toa.value < finalBefore; });
+    photons.clear();
+    flashes.clear();
+    for (auto p = pending.begin(); p != firstCarried; ++p) {
+      photons.push_back(p->photon);
+      flashes.push_back(p->flash);
     }
-    if (!slicePhotons.empty()) {
-      onSlice(std::span<const PhotonEvent>(slicePhotons), std::span<const std::int64_t>(sliceFlashes));
-    }
-    buffer.erase(buffer.begin(), firstCarried);
+    if (!photons.empty()) onSlice(std::span<const PhotonEvent>(photons), std::span<const std::int64_t>(flashes));
+    pending.erase(pending.begin(), firstCarried);
   }
-  assert(buffer.empty());
+};
+
+}  // namespace simulation_detail
+
+/// Draws the flashes and dark counts of one acquisition. Each flash goes to `onEvent` (a `True_Event`, in time
+/// order) once its photons are drawn; the photons go to `onSlice(std::span<const PhotonEvent>,
+/// std::span<const std::int64_t>)` a slice at a time, in file order, with the flash index of each photon (its
+/// flash's position in the `onEvent` calls, -1 for a dark count). Memory stays with one slice: `sliceTicks` 0
+/// picks a slice of about 16 thousand photons, small enough for the sort to run in cache.
+template <typename OnEvent_Type, typename OnSlice_Type>
+Simulation_Counts simulate_photonSlices(const Simulation_Settings& settings, OnEvent_Type&& onEvent,
+                                        OnSlice_Type&& onSlice, long sliceTicks = 0) {
+  simulation_detail::Photon_Sources sources(settings);
+  if (sliceTicks <= 0) sliceTicks = sources.get_defaultSliceTicks();
+  Simulation_Counts counts;
+  simulation_detail::Slice_Buffers buffers;
+  for (long sliceBegin = 0; static_cast<double>(sliceBegin) < sources.get_end(); sliceBegin += sliceTicks) {
+    const double sliceEnd = std::min(static_cast<double>(sliceBegin + sliceTicks), sources.get_end());
+    sources.draw_flashes(sliceEnd, buffers.pending, counts, onEvent);
+    sources.draw_strays(sliceEnd, buffers.pending, counts);
+    buffers.release_final(sliceBegin, sliceBegin + sliceTicks, onSlice);
+  }
+  assert(buffers.pending.empty());
   return counts;
 }
 

@@ -87,23 +87,26 @@ class Cells_FreePhotons {
 /// So the counts always hold exactly the free photons inside, and the lists of a cell hold, in index order,
 /// every free photon of the range in that cell (and some taken ones). The caller releases no photon of the window
 /// at or after `get_begin()`.
+/// What a range of free photons keeps by cell: only their counts, or also their lists.
+enum class Kept_ByCell { counts, lists };
+
 template <typename Window_Type, typename Length_Type, typename Time_Type>
 class Range_FreePhotons {
  public:
   static constexpr std::size_t none = ~std::size_t{0};
 
-  /// With `listed_` false the range only counts (and first_free_near may not be asked).
-  Range_FreePhotons(Window_Type& window_, Length_Type dSpace, bool listed_) : window(window_), cells(dSpace) {
-    restart_at(0, listed_);
+  /// Keeping only counts, first_free_near may not be asked.
+  Range_FreePhotons(Window_Type& window_, Length_Type dSpace, Kept_ByCell kept) : window(window_), cells(dSpace) {
+    restart_at(0, kept);
   }
 
   bool is_listed() const { return listed; }
 
-  /// Starts over as an empty range at `index`, listing or not: for a pass that takes up the counts (again) at
+  /// Starts over as an empty range at `index`, keeping counts or also lists: for a pass that takes up the counts (again) at
   /// a seed, after running without them.
-  void restart_at(std::size_t index, bool listed_) {
+  void restart_at(std::size_t index, Kept_ByCell kept) {
     cells.clear();
-    listed = listed_;
+    listed = kept == Kept_ByCell::lists;
     lists.clear();
     if (listed) lists.resize(Cells_FreePhotons<Length_Type>::side * Cells_FreePhotons<Length_Type>::side);
     begin = index;

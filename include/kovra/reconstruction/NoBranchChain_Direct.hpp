@@ -287,12 +287,13 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
     // cost more than the walks they saved (about 13 %).
     detail::Crowding_Judge judge(window, settings.dTime);
     Free_Photons freeFound = Free_Photons::walked;
-    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace, false);
+    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace,
+                                                                                   detail::Kept_ByCell::counts);
     for (std::size_t i = 0; window.fetch(i); ++i) {
       window.release_before(i);
       if (ordered && judge.due(i)) {
         const bool crowded = judge.at_least(detail::noBranchChain_crowdedFrom);
-        if (crowded && freeFound == Free_Photons::walked) freePhotons.restart_at(i + 1, false);
+        if (crowded && freeFound == Free_Photons::walked) freePhotons.restart_at(i + 1, detail::Kept_ByCell::counts);
         freeFound = crowded ? Free_Photons::counted : Free_Photons::walked;
       }
       // Every seed moves the counted range past itself: photons before a seed can join none of its chains.

@@ -38,6 +38,29 @@ inline constexpr std::size_t ghostPhoton_crowdedFrom = 16;
 /// per window) 1.33 when listing from 24 on, unchanged from 48 on.
 inline constexpr std::size_t ghostPhoton_listedFrom = 48;
 
+/// How the free photons after the seed are to be found in a stretch judged this crowded.
+template <typename Judge_Type>
+Free_Photons judge_freePhotons(const Judge_Type& judge) {
+  return !judge.at_least(ghostPhoton_crowdedFrom)  ? Free_Photons::walked
+         : !judge.at_least(ghostPhoton_listedFrom) ? Free_Photons::counted
+                                                   : Free_Photons::listed;
+}
+
+/// In time order, for a taken seed i whose window ends before `first`, the first free photon after it: the seeds
+/// between it and that photon are taken too and have the same first free photon, so each of them whose window
+/// also ends before it gives no event either. Returns the last seed so passed over (i itself when none is).
+template <typename Rule_Type, typename Settings_Type, typename Window_Type>
+std::size_t pass_overLoneSeeds(const Rule_Type& rule, const Settings_Type& settings, const Window_Type& window,
+                               std::size_t i, std::size_t first) {
+  const auto tFree = window[first].toa;
+  while (i + 1 < first) {
+    const auto t = window[i + 1].toa;
+    if (rule.limit_of(t, settings.dTime, t + settings.durationMax) >= tFree) break;
+    ++i;
+  }
+  return i;
+}
+
 }  // namespace detail
 
 /// Runs the ghost-photon chain over `source`, appending each event to `out` as soon as it is complete.
@@ -64,17 +87,17 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
     // empty at i + 1 and fills as the seeds' windows reach further, as it does at the first seed.
     detail::Crowding_Judge judge(window, settings.dTime);
     Free_Photons freeFound = Free_Photons::walked;
-    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace, false);
+    detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace,
+                                                                                   detail::Kept_ByCell::counts);
     const auto marks = ordered ? detail::Resume_Marks::noted : detail::Resume_Marks::skipped;
 
     for (std::size_t i = 0; window.fetch(i); ++i) {
       window.release_before(i);
       if (ordered && judge.due(i)) {
-        const Free_Photons judged = !judge.at_least(detail::ghostPhoton_crowdedFrom)  ? Free_Photons::walked
-                                    : !judge.at_least(detail::ghostPhoton_listedFrom) ? Free_Photons::counted
-                                                                                      : Free_Photons::listed;
+        const Free_Photons judged = detail::judge_freePhotons(judge);
         if (judged != Free_Photons::walked && judged != freeFound) {
-          freePhotons.restart_at(i + 1, judged == Free_Photons::listed);
+          freePhotons.restart_at(i + 1, judged == Free_Photons::listed ? detail::Kept_ByCell::lists
+                                                                         : detail::Kept_ByCell::counts);
         }
         freeFound = judged;
       }
@@ -94,16 +117,10 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
         first = window.find_free(i + 1);
         if (seedTaken) {
           // A taken seed whose window ends before the first free photon after it has no partner and gives no
-          // event. The seeds between it and that photon are taken too and have the same first free photon, so
-          // each of them whose window also ends before it is passed over here as well, without the steps below
-          // (in sparse data, every photon of a flash after its first).
+          // event, nor do the seeds after it passed over here (in sparse data, every photon of a flash after
+          // its first).
           if (window.fetch(first) && window[first].toa > limit) {
-            const Time_Type tFree = window[first].toa;
-            while (i + 1 < first) {
-              const Time_Type t = window[i + 1].toa;
-              if (rule.limit_of(t, settings.dTime, t + settings.durationMax) >= tFree) break;
-              ++i;
-            }
+            i = detail::pass_overLoneSeeds(rule, settings, window, i, first);
             if (countCells) freePhotons.drop_before(i + 1);  // as the seeds passed over would have
             continue;
           }
