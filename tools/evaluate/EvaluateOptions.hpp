@@ -59,6 +59,9 @@ struct Evaluate_Options {
   bool rawInput = false;       ///< a simulated raw file: its grouping into photons is scored, not a reconstruction
   Grouping_Grid groupingGrid;  ///< for a raw file
   std::string simulatedFile;   ///< for a raw file: the photon file simulated with it, whose photons are the truth
+  std::string timeWalkFile;    ///< for a raw file: hit times are corrected by this table, as kovra_import does
+  std::string fitTimeWalkFile;  ///< for a raw file: where a fitted time-walk table goes
+  bool fitFromData = false;     ///< fit against the strongest hit of each photon instead of the truth
   std::uint64_t fomMinPhotons = 10;
   /// The highest merge rate of the best setting; none: 0.02 for a reconstruction, 1 for a grouping (whose
   /// efficiency already counts a merge against the photons merged).
@@ -104,6 +107,11 @@ inline std::string get_evaluateHelp() {
          "      --window S, --window-grid LIST             as kovra_import --window (default 250e-9)\n"
          "      --photon-time T, --photon-time-grid LIST   strongest or earliest (default strongest)\n"
          "      --truth FILE          the hit file (default: RAW.truth.kovrahit beside the raw file)\n"
+         "      --time-walk FILE      correct hit times by this table first, as kovra_import --time-walk\n"
+         "      --fit-time-walk FILE  fit a table of the hits' delays by ToT and write it to FILE (with --plots,\n"
+         "                            also DIR/time_walk.png)\n"
+         "      --fit-from truth|data against each hit's true photon (the default), or, needing no truth, the\n"
+         "                            strongest hit of its photon as grouped with the first radius and window\n"
          "  -h, --help                print this help and exit\n"
          "      --version             print the version and exit\n"
          "\n"
@@ -115,7 +123,8 @@ namespace options_detail {
 
 enum : int {
   dTimeExt = 256, algorithm, dSpaceGrid, dTimeGrid, algorithmGrid, durationMaxGrid, truth, fomPhotons, mergeMax,
-  csv, plots, threads, simulated, radius, radiusGrid, window, windowGrid, photonTime, photonTimeGrid
+  csv, plots, threads, simulated, radius, radiusGrid, window, windowGrid, photonTime, photonTimeGrid, timeWalk,
+  fitTimeWalk, fitFrom
 };
 
 /// A distance or duration: a number, at least 0 (a duration may be inf, unlimited).
@@ -249,6 +258,16 @@ inline void take_evaluateOption(int c, const std::string& value, Evaluate_Option
     case simulated:
       options.simulatedFile = value;
       break;
+    case timeWalk:
+      options.timeWalkFile = value;
+      break;
+    case fitTimeWalk:
+      options.fitTimeWalkFile = value;
+      break;
+    case fitFrom:
+      if (value != "truth" && value != "data") throw tools::bad_value("fit-from", "truth or data", value);
+      options.fitFromData = value == "data";
+      break;
     case threads:
       options.threads = tools::parse_number<unsigned>("threads", value, {"a whole number", 1, kovra::max_threads, false, true});
       break;
@@ -260,16 +279,20 @@ inline void check_evaluateOptions(Evaluate_Options& options, const Given_Once& g
   const auto& grid = options.grid;
   options.rawInput = options.inputFile.ends_with(".tpx3");
   const bool groupingGiven = !given.radius.empty() || !given.window.empty() || !given.photonTime.empty() ||
-                             !options.simulatedFile.empty();
+                             !options.simulatedFile.empty() || !options.timeWalkFile.empty() ||
+                             !options.fitTimeWalkFile.empty();
   if (options.rawInput) {
     if (!grid.dSpace_px.empty() || !grid.dTime_s.empty() || !given.algorithm.empty() || !given.duration.empty()) {
       throw std::invalid_argument("a raw file is scored by its grouping into photons (--radius, --window, "
                                   "--photon-time), not by the settings of a reconstruction");
     }
-    if (options.simulatedFile.empty()) {
+    if (!options.fitTimeWalkFile.empty() && !options.timeWalkFile.empty()) {
+      throw std::invalid_argument("--fit-time-walk fits the hits as read, which --time-walk would correct first");
+    }
+    if (options.simulatedFile.empty() && !(options.fitFromData && !options.fitTimeWalkFile.empty())) {
       throw std::invalid_argument("a raw file needs --simulated FILE.kovraphot, the photons it was simulated from");
     }
-    if (!options.simulatedFile.ends_with(".kovraphot")) {
+    if (!options.simulatedFile.empty() && !options.simulatedFile.ends_with(".kovraphot")) {
       throw std::invalid_argument("simulated photon file \"" + options.simulatedFile + "\" must end in .kovraphot");
     }
     if (options.groupingGrid.size() > 100000) throw std::invalid_argument("more than 100000 settings to scan");
@@ -281,8 +304,8 @@ inline void check_evaluateOptions(Evaluate_Options& options, const Given_Once& g
     return;
   }
   if (groupingGiven) {
-    throw std::invalid_argument("--simulated, --radius, --window and --photon-time score the grouping of a raw "
-                                "file (.tpx3), not a photon file");
+    throw std::invalid_argument("--simulated, --radius, --window, --photon-time and the time-walk options are "
+                                "for a raw file (.tpx3), not a photon file");
   }
   if (!options.inputFile.ends_with(".kovraphot")) {
     throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot or .tpx3");
@@ -325,6 +348,9 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
                                        {"window-grid", required_argument, nullptr, windowGrid},
                                        {"photon-time", required_argument, nullptr, photonTime},
                                        {"photon-time-grid", required_argument, nullptr, photonTimeGrid},
+                                       {"time-walk", required_argument, nullptr, timeWalk},
+                                       {"fit-time-walk", required_argument, nullptr, fitTimeWalk},
+                                       {"fit-from", required_argument, nullptr, fitFrom},
                                        {"help", no_argument, nullptr, 'h'},
                                        tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};

@@ -20,6 +20,7 @@
 #include "common/HitPhotons.hpp"
 #include "evaluate/Truth.hpp"
 #include "import/Import.hpp"
+#include "import/TimeWalk.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace kovra::evaluate {
@@ -34,6 +35,7 @@ struct Grouping_Truth {
   Truth truth;
   unsigned frameSize = 256;  ///< 512 when the file holds chips other than 0: a quad
   std::uint64_t lateHits = 0;
+  std::vector<Ticks> rawTimes;  ///< each hit's time before a time-walk correction, aligned with `hits`
 };
 
 namespace grouping_detail {
@@ -41,13 +43,14 @@ namespace grouping_detail {
 /// A hit as read, before it is placed in the frame: chip pixel (column, row), chip and its place in the file.
 struct Read_Hit {
   Ticks time;
+  Ticks rawTime;
   std::uint16_t column, row, tot, chip;
   std::uint64_t order;
 };
 
 /// Every hit of the raw file that the reorder window would keep, in file order, with the clock of the import.
-inline std::vector<Read_Hit> read_rawHits(const std::string& rawPath, std::uint64_t& nHitPackets,
-                                          std::uint64_t& lateHits) {
+inline std::vector<Read_Hit> read_rawHits(const std::string& rawPath, const import::Time_Walk* walk,
+                                          std::uint64_t& nHitPackets, std::uint64_t& lateHits) {
   import::Raw_Reader reader(rawPath);
   import::Clock_Follower clock;
   import::detail::Tdc_Repeats repeats;
@@ -60,13 +63,15 @@ inline std::vector<Read_Hit> read_rawHits(const std::string& rawPath, std::uint6
       const std::uint64_t p = words[i];
       switch (get_packetKind(p)) {
         case Packet_Kind::hit: {
-          const Ticks t = clock.place_hitClock(get_hitTicks(p));
+          const Ticks raw = clock.place_hitClock(get_hitTicks(p));
           const auto tot = static_cast<std::uint16_t>(get_hitTot(p));
+          const Ticks t = walk != nullptr ? walk->correct(raw, tot) : raw;
           if (t < clock.get_latest() - reorderWindow) {
             ++lateHits;
           } else {
-            hits.push_back({t, static_cast<std::uint16_t>(get_hitColumn(p)), static_cast<std::uint16_t>(get_hitRow(p)),
-                            tot, static_cast<std::uint16_t>(chip), nHitPackets});
+            hits.push_back({t, raw, static_cast<std::uint16_t>(get_hitColumn(p)),
+                            static_cast<std::uint16_t>(get_hitRow(p)), tot, static_cast<std::uint16_t>(chip),
+                            nHitPackets});
           }
           ++nHitPackets;
           break;
@@ -89,15 +94,19 @@ inline std::vector<Read_Hit> read_rawHits(const std::string& rawPath, std::uint6
 }  // namespace grouping_detail
 
 /// Reads the raw file and its hit file, checked against the simulated photons they were made from (`photons`:
-/// the photon file the simulator wrote with them). Throws std::invalid_argument with one line saying what is
-/// wrong.
+/// the photon file the simulator wrote with them); without a hit file (an empty path), the hits alone, with an
+/// empty truth. With `walk`, hit times are corrected by it before they are ordered, as kovra_import --time-walk
+/// does. Throws std::invalid_argument with one line saying what is wrong.
 inline Grouping_Truth load_groupingTruth(const std::string& rawPath, const std::string& hitPhotonsPath,
-                                         const std::vector<kovra::tpx3spidr::PhotonEvent>& photons) {
-  const std::vector<std::uint32_t> photonOfHit = kovra::tools::read_hitPhotons(hitPhotonsPath, photons);
+                                         const std::vector<kovra::tpx3spidr::PhotonEvent>& photons,
+                                         const import::Time_Walk* walk = nullptr) {
+  const bool withTruth = !hitPhotonsPath.empty();
+  const std::vector<std::uint32_t> photonOfHit =
+      withTruth ? kovra::tools::read_hitPhotons(hitPhotonsPath, photons) : std::vector<std::uint32_t>{};
   std::uint64_t nHitPackets = 0;
   Grouping_Truth result;
-  auto read = grouping_detail::read_rawHits(rawPath, nHitPackets, result.lateHits);
-  if (nHitPackets != photonOfHit.size()) {
+  auto read = grouping_detail::read_rawHits(rawPath, walk, nHitPackets, result.lateHits);
+  if (withTruth && nHitPackets != photonOfHit.size()) {
     throw std::invalid_argument("hit truth file '" + hitPhotonsPath + "' names the photons of " +
                                 tools::format_count(photonOfHit.size(), "hit") + ", the raw file has " +
                                 std::to_string(nHitPackets));
@@ -107,7 +116,8 @@ inline Grouping_Truth load_groupingTruth(const std::string& rawPath, const std::
   const bool quad = std::any_of(read.begin(), read.end(), [](const auto& h) { return h.chip != 0; });
   result.frameSize = quad ? 512 : 256;
   result.hits.reserve(read.size());
-  result.truth.flashOfPhoton.reserve(read.size());
+  result.rawTimes.reserve(read.size());
+  if (withTruth) result.truth.flashOfPhoton.reserve(read.size());
   for (const auto& h : read) {
     if (quad && h.chip > 3) {
       throw std::invalid_argument("the raw file holds chip " + std::to_string(h.chip) +
@@ -116,9 +126,11 @@ inline Grouping_Truth load_groupingTruth(const std::string& rawPath, const std::
     const auto& place = quad ? import::detail::quad_placements[h.chip] : import::detail::Chip_Placement{0, 1, 0, 1};
     result.hits.push_back({h.time, static_cast<std::uint16_t>(place.xOffset + place.xSign * h.column),
                            static_cast<std::uint16_t>(place.yOffset + place.ySign * h.row), h.tot, 0});
-    result.truth.flashOfPhoton.push_back(photonOfHit[static_cast<std::size_t>(h.order)]);
+    result.rawTimes.push_back(h.rawTime);
+    if (withTruth) result.truth.flashOfPhoton.push_back(photonOfHit[static_cast<std::size_t>(h.order)]);
   }
 
+  if (!withTruth) return result;
   result.truth.classNames = {"photon"};
   result.truth.flashes.reserve(photons.size());
   for (const auto& p : photons)

@@ -4,10 +4,13 @@ search distances, with the best setting marked, and the pulse-shape histograms o
 A scan of the import's grouping (a raw file) gets the same heat maps over radius and window, the third one
 showing the spread of the photons' time errors; it has no pulse shapes.
 
+A fitted time-walk table (DIR/time_walk.csv) becomes DIR/time_walk.png: the median delay by ToT with the band
+of the 16th to 84th percentile.
+
 Usage: kovra_plot_scan.py DIR
 reads DIR/scan.csv and DIR/psd_best.csv (written by kovra_evaluate --plots DIR) and writes DIR/heatmaps.png
-and DIR/psd_best.png (only DIR/heatmaps.png for a grouping scan). Needs Debian's python3-matplotlib (run it
-with /usr/bin/python3).
+and DIR/psd_best.png (only DIR/heatmaps.png for a grouping scan), and DIR/time_walk.png when DIR/time_walk.csv
+is there. Needs Debian's python3-matplotlib (run it with /usr/bin/python3).
 """
 
 from __future__ import annotations
@@ -135,11 +138,33 @@ def psd_histograms(rows: list[Row], psd_rows: list[Row], out_path: str) -> None:
     plt.close(fig)
 
 
+def time_walk(points: list[Row], out_path: str) -> None:
+    tot = np.array([number(p["tot_ns"]) for p in points])
+    tick_ns = 1.5625
+    median, low, high = (np.array([number(p[c]) for p in points]) * tick_ns
+                         for c in ("delay_ticks", "p16_ticks", "p84_ticks"))
+    fig, ax = plt.subplots(figsize=(7.5, 4.8), constrained_layout=True)
+    ax.fill_between(tot, low, high, step="mid", alpha=0.3, label="16th to 84th percentile of the hits' delays")
+    ax.plot(tot, median, drawstyle="steps-mid", linewidth=1.8, label="table: median delay")
+    ax.set_xscale("log")
+    ax.set_xlabel("time over threshold (ns)")
+    ax.set_ylabel("delay of the hit (ns)")
+    ax.set_title(f"time walk fitted from {sum(int(p['hits']) for p in points)} hits")
+    ax.legend()
+    fig.savefig(out_path, dpi=110)
+    plt.close(fig)
+
+
 def main(argv: list[str]) -> int:
     if len(argv) != 2:
         print("usage: kovra_plot_scan.py DIR", file=sys.stderr)
         return 2
     directory = argv[1]
+    walk_path = os.path.join(directory, "time_walk.csv")
+    if os.path.exists(walk_path):
+        time_walk(read_rows(walk_path), os.path.join(directory, "time_walk.png"))
+        if not os.path.exists(os.path.join(directory, "scan.csv")):
+            return 0
     rows = read_rows(os.path.join(directory, "scan.csv"))
     if not any(r["best"] == "1" for r in rows):
         print(f"kovra_plot_scan.py: {directory}/scan.csv marks no best setting", file=sys.stderr)

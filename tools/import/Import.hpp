@@ -129,7 +129,8 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
         }
         const int c = static_cast<int>(get_hitColumn(p));
         const int r = static_cast<int>(get_hitRow(p));
-        const Timed_Item item{t, static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c),
+        const Ticks corrected = options.timeWalk ? options.timeWalk->correct(t, tot) : t;
+        const Timed_Item item{corrected, static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c),
                               static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r),
                               static_cast<std::uint16_t>(tot), 0};
         if (!window.push(item, clock.get_latest(), sink)) ++summary.droppedLate;

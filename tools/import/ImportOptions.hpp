@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -15,6 +16,7 @@
 
 #include "common/CommandLine.hpp"
 #include "import/HitGrouping.hpp"
+#include "import/TimeWalk.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::import {
@@ -39,6 +41,8 @@ struct Import_Options {
   Photon_Time photonTime = Photon_Time::strongest;
   int triggerEdge = 0xF;          ///< the TDC edge nibble kept as triggers; -1 for none
   Ticks reorderWindow = 3200000;  ///< 5 ms
+  std::string timeWalkFile;       ///< --time-walk: the table of delays by ToT, when given
+  std::shared_ptr<const Time_Walk> timeWalk;  ///< read from timeWalkFile by the program before the run
   int logLevel = 2;
   /// Threads that work: 1 does everything on the calling thread; more run that many less one workers beside
   /// it. The default (taken by parse_importOptions): KOVRA_THREADS, else every core the run may use.
@@ -68,6 +72,8 @@ inline std::string get_importHelp() {
          "                            a photon's time: that of its largest-ToT hit (the default) or its first\n"
          "      --trigger EDGE        TDC edges that become trigger times: tdc1-rising (the default),\n"
          "                            tdc1-falling, tdc2-rising, tdc2-falling, or none for no trigger list\n"
+         "      --time-walk FILE      subtract from each hit's time the delay its ToT has in this table (rows\n"
+         "                            'TOT_NS DELAY_TICKS'), before hits are ordered and grouped\n"
          "      --reorder-window SECONDS\n"
          "                            packets more than this much older than the latest time read are dropped\n"
          "                            and counted; the rest are put in time order (default 5e-3, at most 10)\n"
@@ -106,7 +112,9 @@ inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(s
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Import_Options parse_importOptions(int argc, char* argv[]) {
-  enum : int { layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads };
+  enum : int {
+    layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk
+  };
   static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
                                        {"layout", required_argument, nullptr, layout},
                                        {"hits-as-photons", no_argument, nullptr, hitsAsPhotons},
@@ -118,6 +126,7 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
                                        {"reorder-window", required_argument, nullptr, reorder},
                                        {"verbose", required_argument, nullptr, verbose},
                                        {"threads", required_argument, nullptr, threads},
+                                       {"time-walk", required_argument, nullptr, timeWalk},
                                        {"help", no_argument, nullptr, 'h'},
                                        kovra::tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
@@ -200,6 +209,10 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
         }
         break;
       }
+      case timeWalk:
+        if (value.empty()) throw std::invalid_argument("option --time-walk needs a file name");
+        options.timeWalkFile = value;
+        break;
       case threads:
         threadsGiven = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));
         break;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -62,7 +63,16 @@ std::vector<std::string> get_summaryLines(const Import_Options& options, const I
   return lines;
 }
 
-int run_importTool(const Import_Options& options) {
+int run_importTool(const Import_Options& commandLine) {
+  Import_Options options = commandLine;
+  if (!options.timeWalkFile.empty()) {
+    try {
+      options.timeWalk = std::make_shared<const Time_Walk>(read_timeWalk(options.timeWalkFile));
+    } catch (const std::invalid_argument& e) {
+      std::cerr << "kovra_import: " << e.what() << '\n';
+      return kovra::tools::exit_failure;
+    }
+  }
   kovra::tools::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   progress.set_label("importing");
   std::optional<PhotonFile_Output> output;

@@ -68,6 +68,11 @@ TEST(EvaluateOptionsTest, ARawFileScansTheGroupingWithTheHitFileBesideIt) {
   EXPECT_EQ(d.groupingGrid.size(), 1U);
   EXPECT_EQ(d.groupingGrid.radius_px.at(0), 1U);
   EXPECT_EQ(d.groupingGrid.window_s.at(0), 250e-9);
+  // A fit from the data alone needs no truth.
+  const auto f = parse("run.tpx3 --fit-time-walk walk.txt --fit-from data");
+  EXPECT_TRUE(f.fitFromData);
+  EXPECT_EQ(f.fitTimeWalkFile, "walk.txt");
+  EXPECT_EQ(f.simulatedFile, "");
 }
 
 TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
@@ -110,7 +115,13 @@ TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
       {"run.tpx3 --simulated s.kovraphot --radius 1 --radius-grid 2",
        "options --radius and --radius-grid exclude each other"},
       {"run.kovraphot -s 1 -t 1 --window 1e-8",
-       "--simulated, --radius, --window and --photon-time score the grouping of a raw file (.tpx3), not a photon file"},
+       "--simulated, --radius, --window, --photon-time and the time-walk options are for a raw file (.tpx3), not a "
+       "photon file"},
+      {"run.tpx3 --fit-time-walk w.txt",
+       "a raw file needs --simulated FILE.kovraphot, the photons it was simulated from"},
+      {"run.tpx3 --fit-from truth --fit-time-walk w.txt --time-walk v.txt --simulated s.kovraphot",
+       "--fit-time-walk fits the hits as read, which --time-walk would correct first"},
+      {"run.tpx3 --fit-from model --fit-time-walk w.txt", "option --fit-from needs truth or data, not \"model\""},
   };
   for (const auto& c : cases) {
     EXPECT_THAT([&] { parse(c.args); }, ThrowsMessage<std::invalid_argument>(StrEq(c.message))) << c.message;

@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstdio>
 #include <filesystem>
+#include <map>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -149,4 +152,65 @@ TEST(EvaluateGroupingTest, ScoresTheImportsOwnPhotonsOnAnyThreadCount) {
   const auto other = evaluate(dir, "dense.tpx3 --simulated sparse.kovraphot");
   EXPECT_EQ(other.status, 1);
   EXPECT_NE(other.err.find("hit truth file 'dense.truth.kovrahit': made for "), std::string::npos) << other.err;
+}
+
+namespace {
+
+/// The rows of a time-walk table: ToT in ns to delay in ticks.
+std::map<long, long> read_table(const std::string& path) {
+  std::map<long, long> rows;
+  std::istringstream lines(read_bytes(path));
+  for (std::string line; std::getline(lines, line);) {
+    long tot = 0, delay = 0;
+    if (!line.starts_with("#") && std::sscanf(line.c_str(), "%ld %ld", &tot, &delay) == 2) rows[tot] = delay;
+  }
+  return rows;
+}
+
+double read_timeSpread(const std::string& report) {
+  const auto at = report.find("spread (SD) ");
+  return at == std::string::npos ? -1 : std::stod(report.substr(at + 12));
+}
+
+}  // namespace
+
+TEST(EvaluateGroupingTest, FittedTimeWalkFollowsTheModelAndNarrowsPhotonTimes) {
+  TempDir dir;
+  // Lone photons, each a blob whose hits lag by 256 / ToT ticks plus 0 to 3.
+  const auto r = run_program(dir, KOVRA_SIMULATE_PATH,
+                             "-o sim.kovraphot --raw run.tpx3 -d 0.01 -r 2e5 -n 1 --sigma 40 --seed 5 --truth");
+  ASSERT_EQ(r.status, 0) << r.err;
+  const auto truth = evaluate(dir, "run.tpx3 --simulated sim.kovraphot --fit-time-walk truth.txt --plots out");
+  ASSERT_EQ(truth.status, 0) << truth.err;
+  EXPECT_TRUE(read_bytes(dir.file("out/time_walk.png")).starts_with("\x89PNG"));
+  const auto fitted = read_table(dir.file("truth.txt"));
+  ASSERT_GT(fitted.size(), 20U);
+  for (const auto& [tot, delay] : fitted) {
+    const long jitter = delay - 256 / (tot / 25);  // the median of 0 to 3
+    EXPECT_TRUE(jitter == 1 || jitter == 2) << tot << " ns: " << delay;
+  }
+  // From the data alone: the same curve, less the delay of the strongest hits.
+  const auto data = evaluate(dir, "run.tpx3 --fit-time-walk data.txt --fit-from data");
+  ASSERT_EQ(data.status, 0) << data.err;
+  const auto relative = read_table(dir.file("data.txt"));
+  long lowest = 1000, highest = -1000;
+  for (const auto& [tot, delay] : relative) {
+    if (!fitted.contains(tot)) continue;
+    lowest = std::min(lowest, fitted.at(tot) - delay);
+    highest = std::max(highest, fitted.at(tot) - delay);
+  }
+  EXPECT_LE(highest - lowest, 4) << lowest << " to " << highest;
+
+  // Corrected, a photon's time lies far closer to the truth; kovra_import makes the same photons.
+  const std::string setting = " --window 5e-9";
+  const double before = read_timeSpread(evaluate(dir, "run.tpx3 --simulated sim.kovraphot" + setting).out);
+  const auto after = evaluate(dir, "run.tpx3 --simulated sim.kovraphot --time-walk truth.txt" + setting);
+  EXPECT_LT(read_timeSpread(after.out), before / 4) << after.out;
+  const auto imported = run_program(dir, KOVRA_IMPORT_PATH, "run.tpx3 -o i.kovraphot --time-walk truth.txt" + setting);
+  const auto at = imported.out.find("photons: ");
+  ASSERT_NE(at, std::string::npos) << imported.err;
+  EXPECT_NE(after.out.find("photons made: " + imported.out.substr(at + 9, imported.out.find(' ', at + 9) - at - 9) +
+                           "\n"),
+            std::string::npos)
+      << after.out;
 }

@@ -72,6 +72,15 @@ class PlotScanTest(unittest.TestCase):
                 self.assertEqual(f.read(4), b"\x89PNG")
             self.assertFalse(os.path.exists(os.path.join(d, "psd_best.png")))
 
+    def test_a_time_walk_alone_is_drawn_without_a_scan(self) -> None:
+        with tempfile.TemporaryDirectory() as d:
+            with open(os.path.join(d, "time_walk.csv"), "w") as f:
+                f.write("tot_ns,hits,delay_ticks,p16_ticks,p84_ticks\n50,30,130,128,131\n75,25,87,85,88\n")
+            self.assertEqual(plot.main(["kovra_plot_scan.py", d]), 0)
+            with open(os.path.join(d, "time_walk.png"), "rb") as f:
+                self.assertEqual(f.read(4), b"\x89PNG")
+            self.assertFalse(os.path.exists(os.path.join(d, "heatmaps.png")))
+
     def test_a_scan_without_best_row_is_refused(self) -> None:
         with tempfile.TemporaryDirectory() as d:
             self.write(d, [row("2", "1e-07", "default", "0.5", False)], "")

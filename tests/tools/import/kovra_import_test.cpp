@@ -95,6 +95,7 @@ TEST_F(ImportTest, BadCommandLines) {
       {"a.tpx3 -o a.kovraphot --trigger tdc3-rising",
        "option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, tdc2-falling or none, not \"tdc3-rising\""},
       {"a.tpx3 b.tpx3 -o a.kovraphot", "more than one raw file: b.tpx3"},
+      {"a.tpx3 -o a.kovraphot --time-walk ''", "option --time-walk needs a file name"},
       {"a.tpx3 -o a.kovraphot --threads 0", "option --threads must be a whole number from 1 to 1024, not \"0\""},
       {"a.tpx3 -o a.kovraphot KOVRA_THREADS=x", "KOVRA_THREADS must be a whole number from 1 to 1024, not \"x\""},
       {"a.tpx3 -o a.kovraphot KOVRA_PIECE_HITS=0",
@@ -286,6 +287,42 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
       if (oneThread.empty()) oneThread = out;
       EXPECT_EQ(out, oneThread);
     }
+  }
+}
+
+// A time-walk table moves each hit by its ToT's delay before ordering and grouping: the photons of the rule
+// applied to the corrected hits, on one thread and on several; a table that cannot be used stops the run first.
+TEST_F(ImportTest, TimeWalkCorrectsHitsBeforeTheyAreGrouped) {
+  kovra::simulate::Simulation_Settings settings;
+  settings.duration_s = 0.01, settings.eventRate_Hz = 2e4;
+  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
+  std::vector<Reference_Hit> hits;
+  std::FILE* file = std::fopen(dir.file("sim.tpx3").c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  kovra::simulate::write_raw(simulated.photons, 256, 256, 5, file, [&](const kovra::simulate::Raw_Hit& h) {
+    hits.push_back({h.time, static_cast<int>(h.x), static_cast<int>(h.y), h.tot});
+  });
+  std::fclose(file);
+  // Steps 2 and 4 have rows; step 3 lies between them (60 + (20 - 60) / 2 = 40); beyond step 4, 20 ticks.
+  write_bytes(dir.file("walk.txt"), "50 60\n100 20\n");
+  for (auto& h : hits) h.time -= h.tot <= 2 ? 60 : h.tot == 3 ? 40 : 20;
+  std::vector<Photon> expected;
+  for (const auto& p : group_byRule(hits, 1, 3, true)) expected.push_back({p.x, p.y, p.time});  // 5 ns: 3 ticks
+  for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=500"}) {
+    ASSERT_EQ(run("sim.tpx3 -o sim.kovraphot --window 5e-9 --time-walk walk.txt", threads), 0) << err;
+    EXPECT_EQ(load(dir.file("sim.kovraphot")).photons, expected) << threads;
+  }
+
+  write_bytes(dir.file("bad.txt"), "50 60\n40 20\n");
+  const std::pair<std::string, std::string> cases[] = {
+      {"bad.txt", "time-walk table 'bad.txt': line 2: ToT 40 ns does not follow 50 ns"},
+      {"missing.txt", "time-walk table 'missing.txt': cannot be read"},
+  };
+  for (const auto& [table, message] : cases) {
+    write_bytes(dir.file("old.kovraphot"), "earlier");
+    EXPECT_EQ(std::tuple(run("sim.tpx3 -o old.kovraphot --time-walk " + table), err),
+              std::tuple(1, "kovra_import: " + message + "\n"));
+    EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
   }
 }
 
