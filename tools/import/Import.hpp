@@ -33,6 +33,7 @@ struct Import_Summary {
   std::uint64_t chunks = 0;
   std::uint64_t droppedTot = 0;    ///< hits below --min-tot
   std::uint64_t droppedLate = 0;   ///< hits older than the reorder window allows
+  std::uint64_t droppedMasked = 0;  ///< hits of pixels the mask names
   std::uint64_t tdcRepeats = 0;    ///< TDC packets that repeat an edge already read (one per further chip)
   std::uint64_t lateTriggers = 0;  ///< trigger edges older than the reorder window allows
   std::uint64_t triggers = 0;
@@ -129,10 +130,14 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
         }
         const int c = static_cast<int>(get_hitColumn(p));
         const int r = static_cast<int>(get_hitRow(p));
+        const auto x = static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c);
+        const auto y = static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r);
+        if (options.mask && options.mask->is_masked(x, y)) {
+          ++summary.droppedMasked;
+          continue;
+        }
         const Ticks corrected = options.timeWalk ? options.timeWalk->correct(t, tot) : t;
-        const Timed_Item item{corrected, static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c),
-                              static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r),
-                              static_cast<std::uint16_t>(tot), 0};
+        const Timed_Item item{corrected, x, y, static_cast<std::uint16_t>(tot), 0};
         if (!window.push(item, clock.get_latest(), sink)) ++summary.droppedLate;
         continue;
       }

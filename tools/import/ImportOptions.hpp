@@ -16,6 +16,7 @@
 
 #include "common/CommandLine.hpp"
 #include "import/HitGrouping.hpp"
+#include "import/PixelMask.hpp"
 #include "import/TimeWalk.hpp"
 #include "kovra/Worker_Pool.hpp"
 
@@ -43,6 +44,8 @@ struct Import_Options {
   Ticks reorderWindow = 3200000;  ///< 5 ms
   std::string timeWalkFile;       ///< --time-walk: the table of delays by ToT, when given
   std::shared_ptr<const Time_Walk> timeWalk;  ///< read from timeWalkFile by the program before the run
+  std::string maskFile;                       ///< --mask: pixels whose hits are dropped, when given
+  std::shared_ptr<const Pixel_Mask> mask;     ///< read from maskFile by the program before the run
   int logLevel = 2;
   /// Threads that work: 1 does everything on the calling thread; more run that many less one workers beside
   /// it. The default (taken by parse_importOptions): KOVRA_THREADS, else every core the run may use.
@@ -72,6 +75,8 @@ inline std::string get_importHelp() {
          "                            a photon's time: that of its largest-ToT hit (the default) or its first\n"
          "      --trigger EDGE        TDC edges that become trigger times: tdc1-rising (the default),\n"
          "                            tdc1-falling, tdc2-rising, tdc2-falling, or none for no trigger list\n"
+         "      --mask FILE           drop the hits of the pixels listed in FILE ('X Y' lines, as kovra_inspect\n"
+         "                            --hot-pixels writes them) before they are ordered and grouped\n"
          "      --time-walk FILE      subtract from each hit's time the delay its ToT has in this table (rows\n"
          "                            'TOT_NS DELAY_TICKS'), before hits are ordered and grouped\n"
          "      --reorder-window SECONDS\n"
@@ -113,7 +118,8 @@ inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(s
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Import_Options parse_importOptions(int argc, char* argv[]) {
   enum : int {
-    layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk
+    layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk,
+    mask
   };
   static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
                                        {"layout", required_argument, nullptr, layout},
@@ -127,6 +133,7 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
                                        {"verbose", required_argument, nullptr, verbose},
                                        {"threads", required_argument, nullptr, threads},
                                        {"time-walk", required_argument, nullptr, timeWalk},
+                                       {"mask", required_argument, nullptr, mask},
                                        {"help", no_argument, nullptr, 'h'},
                                        kovra::tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
@@ -209,6 +216,10 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
         }
         break;
       }
+      case mask:
+        if (value.empty()) throw std::invalid_argument("option --mask needs a file name");
+        options.maskFile = value;
+        break;
       case timeWalk:
         if (value.empty()) throw std::invalid_argument("option --time-walk needs a file name");
         options.timeWalkFile = value;

@@ -44,6 +44,10 @@ std::vector<std::string> get_summaryLines(const Import_Options& options, const I
   const std::uint64_t hits = s.packets[static_cast<std::size_t>(Packet_Kind::hit)];
   lines.push_back("hits: " + std::to_string(hits) + " read, " + std::to_string(s.droppedTot) +
                   " dropped below the ToT threshold, " + std::to_string(s.droppedLate) + " dropped as late");
+  if (options.mask) {
+    lines.push_back("mask: " + format_count(s.droppedMasked, "hit") + " of " +
+                    format_count(options.mask->get_count(), "masked pixel") + " dropped");
+  }
   lines.push_back("photons: " + std::to_string(s.photons) + " written (" +
                   (options.hitsAsPhotons ? std::string("one per hit") : std::string("grouped hits")) + ")");
   if (options.triggerEdge < 0) {
@@ -68,6 +72,15 @@ int run_importTool(const Import_Options& commandLine) {
   if (!options.timeWalkFile.empty()) {
     try {
       options.timeWalk = std::make_shared<const Time_Walk>(read_timeWalk(options.timeWalkFile));
+    } catch (const std::invalid_argument& e) {
+      std::cerr << "kovra_import: " << e.what() << '\n';
+      return kovra::tools::exit_failure;
+    }
+  }
+  if (!options.maskFile.empty()) {
+    try {
+      const unsigned side = options.layout == Frame_Layout::quad ? 512 : 256;
+      options.mask = std::make_shared<const Pixel_Mask>(read_pixelMask(options.maskFile, side));
     } catch (const std::invalid_argument& e) {
       std::cerr << "kovra_import: " << e.what() << '\n';
       return kovra::tools::exit_failure;

@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -96,6 +98,7 @@ TEST_F(ImportTest, BadCommandLines) {
        "option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, tdc2-falling or none, not \"tdc3-rising\""},
       {"a.tpx3 b.tpx3 -o a.kovraphot", "more than one raw file: b.tpx3"},
       {"a.tpx3 -o a.kovraphot --time-walk ''", "option --time-walk needs a file name"},
+      {"a.tpx3 -o a.kovraphot --mask ''", "option --mask needs a file name"},
       {"a.tpx3 -o a.kovraphot --threads 0", "option --threads must be a whole number from 1 to 1024, not \"0\""},
       {"a.tpx3 -o a.kovraphot KOVRA_THREADS=x", "KOVRA_THREADS must be a whole number from 1 to 1024, not \"x\""},
       {"a.tpx3 -o a.kovraphot KOVRA_PIECE_HITS=0",
@@ -326,4 +329,62 @@ TEST_F(ImportTest, TimeWalkCorrectsHitsBeforeTheyAreGrouped) {
   }
 }
 
+// Hot pixels found by kovra_inspect and masked: their hits are dropped before grouping and counted, so they
+// make no photon, on one thread and on several; without the mask they make thousands.
+TEST_F(ImportTest, AMaskedHotPixelContributesNoPhoton) {
+  kovra::simulate::Simulation_Settings settings;
+  settings.duration_s = 0.01, settings.eventRate_Hz = 1e4, settings.hotPixels = 2, settings.hotPixelRate_Hz = 2e5;
+  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
+  std::vector<kovra::simulate::Raw_Hit> hits;
+  std::FILE* file = std::fopen(dir.file("hot.tpx3").c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  kovra::simulate::write_raw(simulated.photons, 256, 256, 5, file,
+                             [&](const kovra::simulate::Raw_Hit& h) { hits.push_back(h); });
+  std::fclose(file);
+  ASSERT_EQ(run_program(dir, KOVRA_INSPECT_PATH, "hot.tpx3 --hot-pixels hot.txt").status, 0);
+  // Each hot pixel's photons light it and three neighbours: 8 pixels, each far above the rest.
+  std::vector<std::pair<int, int>> masked;
+  std::istringstream lines(read_bytes(dir.file("hot.txt")));
+  for (std::string line; std::getline(lines, line);) {
+    int x = 0, y = 0;
+    if (line[0] != '#' && std::sscanf(line.c_str(), "%d %d", &x, &y) == 2) masked.emplace_back(x, y);
+  }
+  ASSERT_EQ(masked.size(), 8U) << read_bytes(dir.file("hot.txt"));
+  const auto is_masked = [&](int x, int y) {
+    return std::find(masked.begin(), masked.end(), std::pair(x, y)) != masked.end();
+  };
+  std::size_t maskedHits = 0;
+  for (const auto& h : hits) maskedHits += is_masked(static_cast<int>(h.x), static_cast<int>(h.y));
+  ASSERT_GT(maskedHits, 10000U);
+
+  const auto count_onMask = [&](const std::string& name) {
+    std::size_t n = 0;
+    for (const auto& p : load(dir.file(name)).photons) n += is_masked(p.x / px, p.y / px);
+    return n;
+  };
+  ASSERT_EQ(run("hot.tpx3 -o plain.kovraphot"), 0) << err;
+  EXPECT_GT(count_onMask("plain.kovraphot"), 1000U);
+  std::string oneThread;
+  for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=700"}) {
+    ASSERT_EQ(run("hot.tpx3 -o masked.kovraphot --mask hot.txt", threads), 0) << err;
+    EXPECT_THAT(out, HasSubstr("info:    mask: " + std::to_string(maskedHits) + " hits of 8 masked pixels dropped\n"));
+    EXPECT_EQ(count_onMask("masked.kovraphot"), 0U) << threads;
+    if (oneThread.empty()) oneThread = read_bytes(dir.file("masked.kovraphot"));
+    EXPECT_TRUE(read_bytes(dir.file("masked.kovraphot")) == oneThread) << threads;
+  }
+  // The photon file's own hot pixels: where the unmasked photons of the hot pixels lie, and none once masked.
+  const auto listed = run_program(dir, KOVRA_INSPECT_PATH, "plain.kovraphot --hot-pixels -");
+  EXPECT_THAT(listed.out, HasSubstr("2 of the "));
+  EXPECT_THAT(run_program(dir, KOVRA_INSPECT_PATH, "masked.kovraphot --hot-pixels -").out, HasSubstr(": 0 of the "));
+
+  // A mask that cannot be used stops the run before any output; one of the wrong frame is refused too.
+  write_bytes(dir.file("quad.txt"), "300 2\n");
+  write_bytes(dir.file("old.kovraphot"), "earlier");
+  EXPECT_EQ(std::tuple(run("hot.tpx3 -o old.kovraphot --mask quad.txt"), err),
+            std::tuple(1, "kovra_import: pixel mask 'quad.txt': line 1: expected a pixel's x and y, whole numbers "
+                          "from 0 to 255, got '300 2'\n"));
+  EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
+}
+
 }  // namespace
+
