@@ -58,7 +58,7 @@ if [ -z "$results" ] && [ "$quick" -eq 0 ]; then results="$root/BENCHMARKS.md"; 
 
 if [ "$do_build" -eq 1 ]; then
   "$root/scripts/setup.sh"
-  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKOVRA_WERROR=ON >/dev/null
   cmake --build "$build" -j "$(nproc)" --target kovra_brantel kovra_simulate kovra_io_limit parallel_phases_bench \
     >/dev/null
 fi

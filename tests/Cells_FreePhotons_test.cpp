@@ -94,7 +94,7 @@ TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt)
   std::mt19937 random(5);
   auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
   kovra::PhotonSource_Memory<PhotonEvent> source(photons, 256);
-  Window window(source, false);
+  Window window(source, kovra::Order_Check::skipped);
   Range range(window, dSpace, kovra::detail::Kept_ByCell::lists);
   const auto nearBoth = [&](const PhotonEvent& a, const PhotonEvent& b) {
     return near(a.x.value, b.x.value, dSpace.value) && near(a.y.value, b.y.value, dSpace.value);

@@ -33,12 +33,15 @@ namespace kovra {
 struct PhotonWindow_OrderBroken {};
 
 /// The window; `Mark_Type` is the algorithm's own per-photon entry, zero when a photon enters the window.
+/// Whether a window checks that the photons it reads come in time order.
+enum class Order_Check { skipped, required };
+
 template <typename PhotonEvent_Type, typename Mark_Type = std::uint8_t>
 class PhotonWindow {
  public:
   /// Holds at first the photons the source suggests (at least 128, a whole number of 64).
-  PhotonWindow(PhotonSource<PhotonEvent_Type>& source_, bool requireOrder_)
-      : source(source_), total(static_cast<std::size_t>(source_.size())), requireOrder(requireOrder_) {
+  PhotonWindow(PhotonSource<PhotonEvent_Type>& source_, Order_Check check)
+      : source(source_), total(static_cast<std::size_t>(source_.size())), requireOrder(check == Order_Check::required) {
     resize(std::max<std::size_t>(128, (source_.get_windowCapacity() + 63) & ~std::size_t{63}));
   }
 

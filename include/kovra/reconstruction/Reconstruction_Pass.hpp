@@ -137,7 +137,7 @@ void run_pass(PhotonSource<PhotonEvent_Type>& source, Out_Type& out, bool report
   assert(!reportsMembers || knownOrder.has_value());
   if (!knownOrder || *knownOrder) {
     try {
-      PhotonWindow<PhotonEvent_Type, Mark_Type> window(source, !knownOrder.has_value());
+      PhotonWindow<PhotonEvent_Type, Mark_Type> window(source, knownOrder ? Order_Check::skipped : Order_Check::required);
       pass.template operator()<true>(window);
       return;
     } catch (const PhotonWindow_OrderBroken&) {
@@ -149,7 +149,7 @@ void run_pass(PhotonSource<PhotonEvent_Type>& source, Out_Type& out, bool report
   } else if (inform) {
     inform(inputOrder_notOrdered);
   }
-  PhotonWindow<PhotonEvent_Type, Mark_Type> window(source, false);
+  PhotonWindow<PhotonEvent_Type, Mark_Type> window(source, Order_Check::skipped);
   pass.template operator()<false>(window);
 }
 
