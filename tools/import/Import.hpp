@@ -194,14 +194,20 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
   const unsigned frameSize = options.layout == Frame_Layout::quad ? 512 : 256;
   Hit_Grouping grouping(frameSize, frameSize, options.radius_px, options.window, options.photonTime);
   std::vector<Photon> photons;
+  std::vector<Photon_Charge> charges;  // of the photons in `photons`
   photons.reserve(1 << 16);
   const auto flush_photons = [&] {
     output.add_photons(static_cast<const Photon*>(photons.data()), photons.size());
+    if constexpr (requires { output.add_charges(charges.data(), charges.size()); }) {
+      output.add_charges(static_cast<const Photon_Charge*>(charges.data()), charges.size());
+    }
     summary.photons += photons.size();
     photons.clear();
+    charges.clear();
   };
-  const auto take_photon = [&](const Photon& photon, std::uint64_t /*firstHit*/ = 0) {
+  const auto take_photon = [&](const Photon& photon, std::uint64_t /*firstHit*/, const Photon_Charge& charge) {
     photons.push_back(photon);
+    charges.push_back(charge);
     if (photons.size() == photons.capacity()) flush_photons();
   };
   std::uint64_t released = 0;  // items the window has let go: hits are numbered by it
@@ -212,7 +218,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
         output.add_trigger(item.time);
         ++summary.triggers;
       } else if (options.hitsAsPhotons) {
-        take_photon(Photon{{item.x * 65536}, {item.y * 65536}, {item.time}});
+        take_photon(Photon{{item.x * 65536}, {item.y * 65536}, {item.time}}, 0, Photon_Charge{item.tot, 1});
       }
     }
     if (!options.hitsAsPhotons) grouping.add_hits({items, count}, released, take_photon);

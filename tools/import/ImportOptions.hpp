@@ -46,6 +46,7 @@ struct Import_Options {
   std::shared_ptr<const Time_Walk> timeWalk;  ///< read from timeWalkFile by the program before the run
   std::string maskFile;                       ///< --mask: pixels whose hits are dropped, when given
   std::shared_ptr<const Pixel_Mask> mask;     ///< read from maskFile by the program before the run
+  bool writeCharge = false;                   ///< --charge: each photon's summed ToT and hits beside the photon file
   int logLevel = 2;
   /// Threads that work: 1 does everything on the calling thread; more run that many less one workers beside
   /// it. The default (taken by parse_importOptions): KOVRA_THREADS, else every core the run may use.
@@ -75,6 +76,7 @@ inline std::string get_importHelp() {
          "                            a photon's time: that of its largest-ToT hit (the default) or its first\n"
          "      --trigger EDGE        TDC edges that become trigger times: tdc1-rising (the default),\n"
          "                            tdc1-falling, tdc2-rising, tdc2-falling, or none for no trigger list\n"
+         "      --charge              also write each photon's summed ToT and hit count to OUT.kovracharge\n"
          "      --mask FILE           drop the hits of the pixels listed in FILE ('X Y' lines, as kovra_inspect\n"
          "                            --hot-pixels writes them) before they are ordered and grouped\n"
          "      --time-walk FILE      subtract from each hit's time the delay its ToT has in this table (rows\n"
@@ -119,7 +121,7 @@ inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(s
 inline Import_Options parse_importOptions(int argc, char* argv[]) {
   enum : int {
     layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk,
-    mask
+    mask, charge
   };
   static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
                                        {"layout", required_argument, nullptr, layout},
@@ -134,6 +136,7 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
                                        {"threads", required_argument, nullptr, threads},
                                        {"time-walk", required_argument, nullptr, timeWalk},
                                        {"mask", required_argument, nullptr, mask},
+                                       {"charge", no_argument, nullptr, charge},
                                        {"help", no_argument, nullptr, 'h'},
                                        kovra::tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
@@ -216,6 +219,9 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
         }
         break;
       }
+      case charge:
+        options.writeCharge = true;
+        break;
       case mask:
         if (value.empty()) throw std::invalid_argument("option --mask needs a file name");
         options.maskFile = value;

@@ -94,7 +94,8 @@ int run_importTool(const Import_Options& commandLine) {
     return kovra::tools::exit_failure;
   }
   try {
-    output.emplace(options.outputFile, options.triggerEdge >= 0);
+    output.emplace(options.outputFile, options.triggerEdge >= 0,
+                   options.writeCharge ? get_chargePath(options.outputFile) : std::string());
   } catch (const std::invalid_argument& e) {
     std::cerr << "kovra_import: " << e.what() << '\n';
     return kovra::tools::exit_failure;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "FileBytes.hpp"
 #include "GroupingReference.hpp"
 #include "RunProgram.hpp"
+#include "common/PhotonFlashes.hpp"
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
@@ -163,6 +165,31 @@ TEST_F(ImportTest, AFileWithoutHitsGivesAnEmptyPhotonFile) {
   ASSERT_EQ(run("quiet.tpx3 -o quiet.kovraphot"), 0) << err;
   const FileBytes expected = FileBytes::file(2, FileBytes().block("photons", {}).block("extTrigs", {}));
   EXPECT_EQ(read_bytes(dir.file("quiet.kovraphot")), expected.data);
+}
+
+// With --charge, each photon's summed ToT and hit count go beside the photon file, in its order, with its count
+// and fingerprint; a run that fails leaves neither file.
+TEST_F(ImportTest, ChargesGoBesideThePhotonFile) {
+  write_bytes(dir.file("two.tpx3"),
+              RawBytes().chunk(0, {heartbeat(0), hit(4, 4, 30, 20), hit(5, 4, 10, 22), hit(9, 9, 5, 21)}).data);
+  ASSERT_EQ(run("two.tpx3 -o two.kovraphot --charge"), 0) << err;
+  const auto photons = kovra::tpx3spidr::FileHandler_PhotonEvents().load_file(dir.file("two.kovraphot"));
+  ASSERT_EQ(photons.size(), 2U);  // the lone hit's photon (time 21) after the pair's (time 20)
+  const auto le = [](std::uint64_t value, int width) {
+    std::string bytes;
+    for (int i = 0; i < width; ++i) bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+    return bytes;
+  };
+  EXPECT_EQ(read_bytes(dir.file("two.kovracharge")),
+            "KOVRACHG" + le(1, 4) + le(8, 4) + le(2, 8) +
+                le(kovra::tools::fingerprint_photons(photons.photonEvents), 8) + le(40, 4) + le(2, 4) + le(5, 4) +
+                le(1, 4));
+  ASSERT_EQ(run("two.tpx3 -o plain.kovraphot"), 0) << err;
+  EXPECT_FALSE(std::filesystem::exists(dir.file("plain.kovracharge")));
+  write_bytes(dir.file("bad.tpx3"), RawBytes().chunk(0, {hit(1, 1, 1, 1)}).data + "x");
+  EXPECT_EQ(run("bad.tpx3 -o bad.kovraphot --charge"), 1);
+  EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovraphot")));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovracharge")));
 }
 
 TEST_F(ImportTest, SparseHitsAcrossRollOversAndLatePackets) {
