@@ -4,7 +4,8 @@ search distances, with the best setting marked, and the pulse-shape histograms o
 
 Usage: kovra_plot_scan.py DIR
 reads DIR/scan.csv and DIR/psd_best.csv (written by kovra_evaluate --plots DIR) and writes DIR/heatmaps.png
-and DIR/psd_best.png. Needs Debian's python3-matplotlib (run it with /usr/bin/python3).
+and DIR/psd_best.png, each whole or not at all; when one cannot be written, it says why on standard error and
+ends with status 1. Needs Debian's python3-matplotlib (run it with /usr/bin/python3).
 """
 
 from __future__ import annotations
@@ -13,6 +14,7 @@ import csv
 import math
 import os
 import sys
+import tempfile
 
 import matplotlib
 
@@ -22,6 +24,29 @@ import matplotlib.pyplot as plt  # noqa: E402
 import numpy as np  # noqa: E402
 
 Row = dict[str, str]
+
+
+def save_whole(fig, path: str) -> None:
+    """Saves the figure as PNG under a hidden name beside `path`, makes it durable and renames it over `path`: a
+    reader finds the earlier file or the whole new one, never a part. When that fails, the hidden file goes and
+    the OSError names `path`."""
+    directory, name = os.path.split(path)
+    temporary = None
+    try:
+        descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=".partial", dir=directory or ".")
+        with os.fdopen(descriptor, "wb") as f:
+            fig.savefig(f, format="png", dpi=110)
+            f.flush()
+            os.fsync(f.fileno())
+        mask = os.umask(0)
+        os.umask(mask)
+        os.chmod(temporary, 0o666 & ~mask)  # mkstemp makes it readable by its owner only
+        os.replace(temporary, path)
+    except OSError as error:
+        raise OSError(error.errno, error.strerror, path) from error
+    finally:
+        if temporary is not None and os.path.lexists(temporary):
+            os.unlink(temporary)
 
 
 def read_rows(path: str) -> list[Row]:
@@ -76,7 +101,7 @@ def heat_maps(rows: list[Row], out_path: str) -> None:
     fig.suptitle(f"algorithm {best['algorithm']}, durationMax "
                  f"{'unlimited' if math.isinf(duration) else f'{duration:g} s'}; "
                  f"red: best setting (-s {best['dSpace_px']} -t {best['dTime_s']})")
-    fig.savefig(out_path, dpi=110)
+    save_whole(fig, out_path)
     plt.close(fig)
 
 
@@ -97,7 +122,7 @@ def psd_histograms(rows: list[Row], psd_rows: list[Row], out_path: str) -> None:
     ax.set_ylabel("events")
     ax.set_title(f"-s {best['dSpace_px']} -t {best['dTime_s']} --algorithm {best['algorithm']}: "
                  f"FoM {number(best['fom']):.3g}")
-    fig.savefig(out_path, dpi=110)
+    save_whole(fig, out_path)
     plt.close(fig)
 
 
@@ -110,8 +135,13 @@ def main(argv: list[str]) -> int:
     if not any(r["best"] == "1" for r in rows):
         print(f"kovra_plot_scan.py: {directory}/scan.csv marks no best setting", file=sys.stderr)
         return 1
-    heat_maps(rows, os.path.join(directory, "heatmaps.png"))
-    psd_histograms(rows, read_rows(os.path.join(directory, "psd_best.csv")), os.path.join(directory, "psd_best.png"))
+    psd_rows = read_rows(os.path.join(directory, "psd_best.csv"))
+    try:
+        heat_maps(rows, os.path.join(directory, "heatmaps.png"))
+        psd_histograms(rows, psd_rows, os.path.join(directory, "psd_best.png"))
+    except OSError as error:
+        print(f"kovra_plot_scan.py: cannot write '{error.filename}': {error.strerror}", file=sys.stderr)
+        return 1
     return 0
 
 
