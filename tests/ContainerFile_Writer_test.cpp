@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -106,6 +110,43 @@ TEST(ContainerFileWriterDeathTest, AnUnwritableTargetStopsOnTheSizeCheck) {
                "end_content - begin_content == size_content");
   EXPECT_DEATH(FileHandler_Events::save_file(dir.file("missing/out.kovraevent"), sample_events(true)),
                "end_content - begin_content == size_content");
+}
+
+// A full disk, played by a file-size limit of 4096 bytes with its signal ignored (so that the write fails with
+// EFBIG instead), in the child process of each EXPECT_EXIT; the child's status says whether the check held.
+TEST(ContainerFileWriterDeathTest, AFailedWriteShowsInGoodAndCommitGivesItsReason) {
+  TempDir dir;
+  const std::string target = dir.file("out.kovraevent");
+  write_bytes(target, "old");
+  const auto underLimit = [](const auto& check) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::exit(check() ? 0 : 1);
+  };
+  // 40 kB of events wait in the writer's buffer; good() must push them out to see that they do not fit.
+  const std::vector<Event> events(1000, Event{Length{1}, Length{2}, Time{3}, 4, 0.5});
+  EXPECT_EXIT(underLimit([&] {
+                kovra::ContainerFile_Writer<3> writer(target);
+                writer.begin_block(FileHandler_Events::IO_Events::identifier);
+                writer.append(std::span<const Event>(events));
+                return !writer.good() && writer.get_error() == EFBIG;
+              }),
+              testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(underLimit([&] {
+                kovra::OutputFile_Atomic file(target);
+                file.stream() << std::string(8192, 'x') << std::flush;
+                errno = 0;  // whatever ran since the write that failed
+                try {
+                  file.commit();
+                } catch (const std::runtime_error& e) {
+                  return std::string(e.what()) == "cannot write \"" + target + "\": File too large";
+                }
+                return false;
+              }),
+              testing::ExitedWithCode(0), "");
+  EXPECT_EQ(read_bytes(target), "old");
+  EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"out.kovraevent"});
 }
 
 }  // namespace

@@ -170,7 +170,10 @@ class OutputFile_Atomic {
   void commit() {
     if (committed) return;
     out.flush();
-    if (fd < 0 || !out || !buffer.good()) fail("cannot write");
+    if (fd < 0 || !out || !buffer.good()) {
+      if (const int error = get_error()) errno = error;  // the failed write's reason, not that of a later call
+      fail("cannot write");
+    }
     if (::fsync(fd) != 0) fail("cannot flush");
     if (temporaryName.empty()) {
       // Give the unnamed file a name beside the target first; a link never replaces, the rename does.

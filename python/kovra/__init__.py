@@ -3,7 +3,8 @@
 Positions and times stay in the files' raw integer units (1/65536 pixel, 1.5625 ns ticks); `to_pixels` and
 `to_seconds` convert them. Reading maps a file into memory instead of copying it, writing gives the bytes the
 command-line tool writes, and `reconstruct` runs the tool's algorithms. Every malformed file and every bad
-setting the tool rejects raises ValueError with the tool's message.
+setting the tool rejects raises ValueError with the tool's message; a file that cannot be written (a missing
+folder, a full disk) raises OSError with the system's reason and leaves nothing at its path.
 """
 
 from __future__ import annotations
@@ -160,39 +161,16 @@ def _check_extension(path: str | os.PathLike[str], extension: str, message: str)
         raise ValueError(message)
 
 
-def _write_whole(path: str | os.PathLike[str], write) -> None:
-    """Runs `write(name)`, the library's writer, on a new file beside the target and renames that over the target.
-    The library's writer replaces its own target whole too; making the file here first turns a directory that
-    cannot be written into an OSError, where the library's writer would stop the interpreter on an assertion."""
-    target = os.fspath(path)
-    directory, name = os.path.split(target)
-    for attempt in range(100):
-        temporary = os.path.join(directory, f".{name}.{os.getpid()}.{attempt}.tmp")
-        try:
-            # Created with the permissions a plain file stream gives, as the library's writer does.
-            os.close(os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o666))
-            break
-        except FileExistsError:
-            continue
-    else:
-        raise FileExistsError(f"no free temporary name beside {target}")
-    try:
-        write(temporary)
-        os.replace(temporary, target)
-    except BaseException:
-        os.unlink(temporary)
-        raise
-
-
 def write_photons(path: str | os.PathLike[str], photons: npt.ArrayLike,
                   triggers: Optional[npt.ArrayLike] = None) -> None:
     """Writes a photon file with the library's writer. `photons` has the fields x, y, toa (see `make_photons`);
     `triggers` None writes no trigger list, an empty array an empty one. The name must end in .kovraphot
-    (ValueError otherwise, with kovra_simulate's message)."""
+    (ValueError otherwise, with kovra_simulate's message). The file appears whole or not at all: a write that
+    fails raises OSError with the system's reason and leaves an earlier file at the path as it was."""
     _check_extension(path, ".kovraphot", f'output file "{os.fspath(path)}" must end in .kovraphot')
     records = _as_records(photons, PHOTON_DTYPE, "photons")
     times = _as_triggers(triggers)
-    _write_whole(path, lambda name: _kovra.write_photons(name, records, times))
+    _kovra.write_photons(os.fspath(path), records, times)
 
 
 def write_events(path: str | os.PathLike[str], events: npt.ArrayLike,
@@ -202,7 +180,7 @@ def write_events(path: str | os.PathLike[str], events: npt.ArrayLike,
     _check_extension(path, ".kovraevent", "Output file must be a .kovraevent file!")
     records = _as_records(events, EVENT_DTYPE, "events")
     times = _as_triggers(triggers)
-    _write_whole(path, lambda name: _kovra.write_events(name, records, times))
+    _kovra.write_events(os.fspath(path), records, times)
 
 
 def reconstruct(photons: npt.ArrayLike, d_space_px: float, d_time_s: float, d_time_ext: Optional[float] = None,

@@ -1,7 +1,8 @@
 // _kovra: the compiled half of the Python package. Thin on purpose: it finds where the records of a file lie
 // (with the library's own checks), hands NumPy buffers to the library's writers and algorithms, and gives their
 // results back as NumPy-owned memory. Every std::invalid_argument from below reaches Python as ValueError with
-// its message unchanged. The package's Python half (kovra/__init__.py) checks dtypes and shapes first.
+// its message unchanged, a write that fails as OSError with the system's reason. The package's Python half
+// (kovra/__init__.py) checks dtypes and shapes first.
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
@@ -9,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <limits>
 #include <span>
 #include <cstdint>
@@ -19,7 +21,9 @@
 #include <utility>
 #include <vector>
 
+#include "kovra/ContainerFile_Writer.hpp"
 #include "kovra/Histogram_TimeOfFlight.hpp"
+#include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/Reconstruction_Parallel.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -77,16 +81,68 @@ py::object to_bytes(std::optional<std::vector<tpx::Time>>&& entries) {
   return to_bytes(std::move(*entries));
 }
 
+/// Writes the file FileHandler's save_file writes, byte for byte, through the library's streaming writer, which
+/// lets a failed write be seen before the size check that would stop the interpreter. Returns the system's error
+/// number of a write that failed, 0 when the file is in place; throws std::runtime_error when the finished file
+/// cannot be moved there.
+template <typename FileHandler_Type, typename Record_Type>
+int write_container(const std::string& path, std::uint64_t recordsIdentifier, const std::vector<Record_Type>& records,
+                    const std::optional<std::vector<tpx::Time>>& triggers) {
+  {
+    kovra::OutputFile_Atomic probe(path);
+    if (!probe.stream()) return probe.get_error();
+  }
+  kovra::ContainerFile_Writer<FileHandler_Type::file_type_index> writer(path);
+  const auto write_block = [&writer](std::uint64_t identifier, const auto& entries) {
+    writer.begin_block(identifier);
+    writer.append(std::span(entries));
+    if (!writer.good()) return false;
+    writer.end_block();
+    return writer.good();
+  };
+  if (!write_block(recordsIdentifier, records)) return writer.get_error();
+  if (triggers && !write_block(kovra::detail::make_identifier("extTrigs"), *triggers)) return writer.get_error();
+  writer.commit();
+  return 0;
+}
+
+/// Runs `write` (see write_container) without the GIL; a failure raises OSError with the system's reason, by its
+/// number (FileNotFoundError, PermissionError, ...) where there is one.
+template <typename Write_Type>
+void write_orRaise(const std::string& path, Write_Type&& write) {
+  int error = 0;
+  std::string failure;
+  {
+    py::gil_scoped_release unlocked;
+    try {
+      error = write();
+    } catch (const std::runtime_error& e) {
+      failure = e.what();
+    }
+  }
+  if (error != 0) {
+    errno = error;
+    PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
+    throw py::error_already_set();
+  }
+  if (!failure.empty()) {
+    PyErr_SetString(PyExc_OSError, failure.c_str());
+    throw py::error_already_set();
+  }
+}
+
 void write_photons(const std::string& path, const py::buffer& photons, const std::optional<py::buffer>& triggers) {
-  const tpx::Data_PhotonEvents data{to_vector<tpx::PhotonEvent>(photons), to_triggers(triggers)};
-  py::gil_scoped_release unlocked;
-  tpx::FileHandler_PhotonEvents::save_file(path, data);
+  const std::vector<tpx::PhotonEvent> records = to_vector<tpx::PhotonEvent>(photons);
+  const std::optional<std::vector<tpx::Time>> times = to_triggers(triggers);
+  using Handler = tpx::FileHandler_PhotonEvents;
+  write_orRaise(path, [&] { return write_container<Handler>(path, Handler::IO_Photons::identifier, records, times); });
 }
 
 void write_events(const std::string& path, const py::buffer& events, const std::optional<py::buffer>& triggers) {
-  const tpx::Data_Events data(to_vector<tpx::Event>(events), to_triggers(triggers));
-  py::gil_scoped_release unlocked;
-  tpx::FileHandler_Events::save_file(path, data);
+  const std::vector<tpx::Event> records = to_vector<tpx::Event>(events);
+  const std::optional<std::vector<tpx::Time>> times = to_triggers(triggers);
+  using Handler = tpx::FileHandler_Events;
+  write_orRaise(path, [&] { return write_container<Handler>(path, Handler::IO_Events::identifier, records, times); });
 }
 
 /// Collects the algorithms' membership reports: photon `photons[i]` belongs to event `events[i]`.

@@ -2,9 +2,14 @@
 
 from __future__ import annotations
 
+import errno
+import json
 import os
+import resource
+import signal
 import struct
 import subprocess
+import sys
 import unittest
 
 import numpy as np
@@ -175,6 +180,44 @@ class WriteArgumentsTest(TempDirTest):
         kovra.write_photons(target, photons[:1])
         self.assertEqual(kovra.read_photons(target).photons.tolist(), [PHOTONS[0]])
         self.assertEqual(os.listdir(self.dir), ["p.kovraphot"])
+
+    def test_a_write_refused_on_the_way_raises_oserror_and_leaves_the_earlier_file(self) -> None:
+        # A full disk, played by a file-size limit of 4 kB in a child process, SIGXFSZ ignored so that the write
+        # fails instead. Each write outgrows it in another block: the photons (16 kB), the triggers after ten
+        # photons (8 kB), the events (8 kB).
+        child = """if True:
+            import json, sys
+            import numpy as np
+            import kovra
+            photons = np.zeros(1000, kovra.PHOTON_DTYPE)
+            writes = [(kovra.write_photons, "a.kovraphot", photons, None),
+                      (kovra.write_photons, "b.kovraphot", photons[:10], np.arange(1000)),
+                      (kovra.write_events, "c.kovraevent", np.zeros(200, kovra.EVENT_DTYPE), None)]
+            raised = []
+            for write, name, records, triggers in writes:
+                try:
+                    write(name, records, triggers)
+                    raised.append(None)
+                except OSError as error:
+                    raised.append([type(error).__name__, error.errno, error.strerror, error.filename])
+            print(json.dumps(raised))
+            """
+
+        def limit_file_size() -> None:
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (4096, 4096))
+
+        names = ["a.kovraphot", "b.kovraphot", "c.kovraevent"]
+        for name in names:
+            self.write_bytes(name, b"earlier " + name.encode())
+        completed = subprocess.run([sys.executable, "-c", child], cwd=self.dir, preexec_fn=limit_file_size,
+                                   capture_output=True, text=True, check=False)
+        self.assertEqual((completed.returncode, completed.stderr), (0, ""))
+        self.assertEqual(json.loads(completed.stdout), [["OSError", errno.EFBIG, "File too large", name]
+                                                        for name in names])
+        for name in names:
+            self.assertEqual((self.dir / name).read_bytes(), b"earlier " + name.encode())
+        self.assertEqual(sorted(os.listdir(self.dir)), names)
 
     def test_make_photons_takes_columns(self) -> None:
         photons = kovra.make_photons(np.array([1, -2], np.int32), [3, 4], np.array([5, 6], np.int64))

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <span>
 #include <stdexcept>
@@ -39,18 +40,17 @@ inline std::string get_hitPhotonsPath(const std::string& rawPath) {
   return (rawPath.ends_with(suffix) ? rawPath.substr(0, rawPath.size() - suffix.size()) : rawPath) + ".truth.kovrahit";
 }
 
-/// Streams the entries through an atomic output file; `finish` writes the header and moves it into place, so
-/// the file appears whole or not at all. Throws std::runtime_error with the system's reason when that fails.
+/// Streams the entries through an OutputFile_Atomic: `finish` writes the header, `commit` moves the file into
+/// place, so it appears whole or not at all. Throws std::runtime_error with the system's reason when a write fails.
 class HitPhotons_Writer {
  public:
   explicit HitPhotons_Writer(const std::string& path) : file(path) {
+    check();
     file.stream().write(std::string(hitPhotons_headerBytes, '\0').data(), hitPhotons_headerBytes);
     buffer.reserve(buffered);
   }
 
   const std::string& get_path() const { return file.get_path(); }
-  bool good() const { return file.get_error() == 0; }
-  int get_error() const { return file.get_error(); }
 
   void add(std::uint64_t photon) {
     flashes_detail::put_le(buffer, photon, 4);
@@ -58,6 +58,14 @@ class HitPhotons_Writer {
     if (buffer.size() >= buffered) flush();
   }
 
+  /// Throws when a write so far has failed (one still in the buffer may fail later, in `finish`).
+  void check() {
+    if (!file.stream()) {
+      throw std::runtime_error("cannot write '" + get_path() + "': " + std::strerror(file.get_error()));
+    }
+  }
+
+  /// Writes the header and hands every byte to the file; throws when that or an earlier write failed.
   void finish(std::uint64_t nPhotons, std::uint64_t fingerprint) {
     flush();
     std::string header(hitPhotons_magic, sizeof hitPhotons_magic);
@@ -68,8 +76,12 @@ class HitPhotons_Writer {
     flashes_detail::put_le(header, fingerprint, 8);
     file.stream().seekp(0);
     file.stream().write(header.data(), static_cast<std::streamsize>(header.size()));
-    file.commit();
+    file.stream().flush();
+    check();
   }
+
+  /// Moves the finished file into place; throws std::runtime_error when that fails.
+  void commit() { file.commit(); }
 
  private:
   static constexpr std::size_t buffered = std::size_t{1} << 16;

@@ -14,11 +14,9 @@
 
 #include <algorithm>
 #include <bit>
-#include <cerrno>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -29,6 +27,7 @@
 #include <vector>
 
 #include "common/Counts.hpp"
+#include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace kovra::tools {
@@ -84,43 +83,41 @@ inline std::uint64_t get_le(const unsigned char* bytes, int width) {
 
 }  // namespace flashes_detail
 
-/// Streams the entries to a temporary file beside the target; `finish` writes the header and renames it into
-/// place, so the file appears whole or not at all. Throws std::runtime_error with the system's reason when a write
+/// Streams the entries through an OutputFile_Atomic: `finish` writes the header, `commit` moves the file into
+/// place, so it appears whole or not at all. Throws std::runtime_error with the system's reason when a write
 /// fails.
 class PhotonFlashes_Writer {
  public:
   /// `flashBound`: more flashes than the run can have; picks 4-byte entries whenever they suffice.
-  PhotonFlashes_Writer(std::string path_, std::uint64_t flashBound)
-      : path(std::move(path_)),
-        temporaryPath(path + ".part"),
-        width(flashBound < static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max()) ? 4 : 8),
-        file(temporaryPath, std::ios::binary | std::ios::trunc) {
-    if (!file) fail(temporaryPath, errno);
-    file.write(std::string(photonFlashes_headerBytes, '\0').data(), photonFlashes_headerBytes);
-  }
-  PhotonFlashes_Writer(const PhotonFlashes_Writer&) = delete;
-  PhotonFlashes_Writer& operator=(const PhotonFlashes_Writer&) = delete;
-  ~PhotonFlashes_Writer() {
-    if (!finished) {
-      file.close();
-      std::remove(temporaryPath.c_str());
-    }
+  PhotonFlashes_Writer(std::string path, std::uint64_t flashBound)
+      : file(std::move(path)),
+        width(flashBound < static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max()) ? 4 : 8) {
+    check();
+    file.stream().write(std::string(photonFlashes_headerBytes, '\0').data(), photonFlashes_headerBytes);
   }
 
-  const std::string& get_path() const { return path; }
+  const std::string& get_path() const { return file.get_path(); }
 
   void append(std::span<const std::int64_t> flashes) {
     buffer.clear();
     for (const std::int64_t f : flashes) {
       if (width == 4 && f > std::numeric_limits<std::int32_t>::max()) {
-        throw std::runtime_error("flash index beyond the 4-byte entries of '" + path + "'");
+        throw std::runtime_error("flash index beyond the 4-byte entries of '" + get_path() + "'");
       }
       flashes_detail::put_le(buffer, static_cast<std::uint64_t>(f), width);
     }
-    file.write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    file.stream().write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     nPhotons += flashes.size();
   }
 
+  /// Throws when a write so far has failed (one still in the buffer may fail later, in `finish`).
+  void check() {
+    if (!file.stream()) {
+      throw std::runtime_error("cannot write '" + get_path() + "': " + std::strerror(file.get_error()));
+    }
+  }
+
+  /// Writes the header and hands every byte to the file; throws when that or an earlier write failed.
   void finish(std::uint64_t nFlashes, std::uint64_t fingerprint) {
     std::string header(photonFlashes_magic, sizeof photonFlashes_magic);
     flashes_detail::put_le(header, photonFlashes_version, 4);
@@ -128,25 +125,20 @@ class PhotonFlashes_Writer {
     flashes_detail::put_le(header, nPhotons, 8);
     flashes_detail::put_le(header, nFlashes, 8);
     flashes_detail::put_le(header, fingerprint, 8);
-    file.seekp(0);
-    file.write(header.data(), static_cast<std::streamsize>(header.size()));
-    file.close();
-    if (!file || std::rename(temporaryPath.c_str(), path.c_str()) != 0) fail(path, errno);
-    finished = true;
+    file.stream().seekp(0);
+    file.stream().write(header.data(), static_cast<std::streamsize>(header.size()));
+    file.stream().flush();
+    check();
   }
+
+  /// Moves the finished file into place; throws std::runtime_error when that fails.
+  void commit() { file.commit(); }
 
  private:
-  [[noreturn]] static void fail(const std::string& name, int reason) {
-    throw std::runtime_error("cannot write '" + name + "': " + std::strerror(reason));
-  }
-
-  std::string path;
-  std::string temporaryPath;
+  OutputFile_Atomic file;
   int width;
-  std::ofstream file;
   std::string buffer;
   std::uint64_t nPhotons = 0;
-  bool finished = false;
 };
 
 /// The flash index of every photon of one photon file.

@@ -6,12 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <mutex>
 #include <optional>
 #include <ostream>
@@ -20,6 +17,7 @@
 #include <vector>
 
 #include "common/Counts.hpp"
+#include "common/OutputFile_Checked.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
 #include "common/Progress.hpp"
@@ -161,29 +159,13 @@ inline void write_csvRow(std::ostream& out, const Scan_Row& row, bool best) {
       << m.fomEvents << ',' << (best ? 1 : 0) << '\n';
 }
 
-/// Writes `write(stream)` to `path` through a temporary file beside it, renamed into place when complete; throws
-/// std::runtime_error with the system's reason when that fails.
+/// Writes `write(stream)` to `path`, which appears whole or not at all; throws std::runtime_error with the
+/// system's reason when that fails.
 template <typename Write_Type>
 void write_fileWhole(const std::string& path, Write_Type&& write) {
-  const std::string temporary = path + ".part";
-  // The message is made before the temporary file is removed, which may change errno.
-  const auto message = [&path] { return "cannot write '" + path + "': " + std::strerror(errno); };
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error(message());
-    write(out);
-    out.flush();
-    if (!out) {
-      const std::runtime_error failure(message());
-      std::remove(temporary.c_str());
-      throw failure;
-    }
-  }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-    const std::runtime_error failure(message());
-    std::remove(temporary.c_str());
-    throw failure;
-  }
+  tools::OutputFile_Checked out(path, "cannot write '" + path + "'");
+  write(out.stream());
+  out.commit();
 }
 
 inline void write_scanCsv(const std::string& path, const std::vector<Scan_Row>& rows, std::size_t best) {

@@ -10,7 +10,8 @@ of the 16th to 84th percentile.
 Usage: kovra_plot_scan.py DIR
 reads DIR/scan.csv and DIR/psd_best.csv (written by kovra_evaluate --plots DIR) and writes DIR/heatmaps.png
 and DIR/psd_best.png (only DIR/heatmaps.png for a grouping scan), and DIR/time_walk.png when DIR/time_walk.csv
-is there. Needs Debian's python3-matplotlib (run it with /usr/bin/python3).
+is there, each whole or not at all; when one cannot be written, it says why on standard error and ends with
+status 1. Needs Debian's python3-matplotlib (run it with /usr/bin/python3).
 """
 
 from __future__ import annotations
@@ -19,6 +20,7 @@ import csv
 import math
 import os
 import sys
+import tempfile
 from dataclasses import dataclass
 
 import matplotlib
@@ -54,6 +56,29 @@ GROUPING = Scan_Kind("radius_px", "window_s", ("photon_time",),
 
 def scan_kind(rows: list[Row]) -> Scan_Kind:
     return GROUPING if rows and "radius_px" in rows[0] else RECONSTRUCTION
+
+
+def save_whole(fig, path: str) -> None:
+    """Saves the figure as PNG under a hidden name beside `path`, makes it durable and renames it over `path`: a
+    reader finds the earlier file or the whole new one, never a part. When that fails, the hidden file goes and
+    the OSError names `path`."""
+    directory, name = os.path.split(path)
+    temporary = None
+    try:
+        descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=".partial", dir=directory or ".")
+        with os.fdopen(descriptor, "wb") as f:
+            fig.savefig(f, format="png", dpi=110)
+            f.flush()
+            os.fsync(f.fileno())
+        mask = os.umask(0)
+        os.umask(mask)
+        os.chmod(temporary, 0o666 & ~mask)  # mkstemp makes it readable by its owner only
+        os.replace(temporary, path)
+    except OSError as error:
+        raise OSError(error.errno, error.strerror, path) from error
+    finally:
+        if temporary is not None and os.path.lexists(temporary):
+            os.unlink(temporary)
 
 
 def read_rows(path: str) -> list[Row]:
@@ -113,7 +138,7 @@ def heat_maps(rows: list[Row], out_path: str) -> None:
         fig.suptitle(f"algorithm {best['algorithm']}, durationMax "
                      f"{'unlimited' if math.isinf(duration) else f'{duration:g} s'}; "
                      f"red: best setting (-s {best['dSpace_px']} -t {best['dTime_s']})")
-    fig.savefig(out_path, dpi=110)
+    save_whole(fig, out_path)
     plt.close(fig)
 
 
@@ -134,7 +159,7 @@ def psd_histograms(rows: list[Row], psd_rows: list[Row], out_path: str) -> None:
     ax.set_ylabel("events")
     ax.set_title(f"-s {best['dSpace_px']} -t {best['dTime_s']} --algorithm {best['algorithm']}: "
                  f"FoM {number(best['fom']):.3g}")
-    fig.savefig(out_path, dpi=110)
+    save_whole(fig, out_path)
     plt.close(fig)
 
 
@@ -151,7 +176,7 @@ def time_walk(points: list[Row], out_path: str) -> None:
     ax.set_ylabel("delay of the hit (ns)")
     ax.set_title(f"time walk fitted from {sum(int(p['hits']) for p in points)} hits")
     ax.legend()
-    fig.savefig(out_path, dpi=110)
+    save_whole(fig, out_path)
     plt.close(fig)
 
 
@@ -162,17 +187,26 @@ def main(argv: list[str]) -> int:
     directory = argv[1]
     walk_path = os.path.join(directory, "time_walk.csv")
     if os.path.exists(walk_path):
-        time_walk(read_rows(walk_path), os.path.join(directory, "time_walk.png"))
+        try:
+            time_walk(read_rows(walk_path), os.path.join(directory, "time_walk.png"))
+        except OSError as error:
+            print(f"kovra_plot_scan.py: cannot write '{error.filename}': {error.strerror}", file=sys.stderr)
+            return 1
         if not os.path.exists(os.path.join(directory, "scan.csv")):
             return 0
     rows = read_rows(os.path.join(directory, "scan.csv"))
     if not any(r["best"] == "1" for r in rows):
         print(f"kovra_plot_scan.py: {directory}/scan.csv marks no best setting", file=sys.stderr)
         return 1
-    heat_maps(rows, os.path.join(directory, "heatmaps.png"))
-    if scan_kind(rows) is GROUPING:
-        return 0
-    psd_histograms(rows, read_rows(os.path.join(directory, "psd_best.csv")), os.path.join(directory, "psd_best.png"))
+    grouping = scan_kind(rows) is GROUPING  # a grouping scan has no pulse shapes
+    psd_rows = [] if grouping else read_rows(os.path.join(directory, "psd_best.csv"))
+    try:
+        heat_maps(rows, os.path.join(directory, "heatmaps.png"))
+        if not grouping:
+            psd_histograms(rows, psd_rows, os.path.join(directory, "psd_best.png"))
+    except OSError as error:
+        print(f"kovra_plot_scan.py: cannot write '{error.filename}': {error.strerror}", file=sys.stderr)
+        return 1
     return 0
 
 

@@ -14,6 +14,7 @@
 #include <type_traits>
 
 #include "inspect/Format.hpp"
+#include "common/OutputFile_Checked.hpp"
 #include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
@@ -38,10 +39,11 @@ inline void append_csvRow(std::string& line, const Event& event) {
           '\n';
 }
 
-/// Writes the whole file as CSV to `out`, one chunk of records at a time; throws std::runtime_error when the
-/// stream fails.
-template <typename Record_Type>
-void write_csv(std::ostream& out, const RecordFile<Record_Type>& file, tools::Progress* progress = nullptr) {
+/// Writes the whole file as CSV to `out`, one chunk of records at a time; `check()` runs after each chunk and
+/// throws when the stream has failed, so that a full disk stops the walk.
+template <typename Record_Type, typename Check_Type>
+void write_csv(std::ostream& out, const RecordFile<Record_Type>& file, Check_Type&& check,
+               tools::Progress* progress = nullptr) {
   out << get_csvHeader<Record_Type>() << '\n';
   std::string text;
   file.for_each_chunk(
@@ -49,11 +51,30 @@ void write_csv(std::ostream& out, const RecordFile<Record_Type>& file, tools::Pr
         text.clear();
         for (const Record_Type& record : chunk) append_csvRow(text, record);
         out.write(text.data(), static_cast<std::streamsize>(text.size()));
-        if (!out) throw std::runtime_error("writing the CSV output failed");
+        check();
       },
       progress);
+}
+
+/// The CSV to standard output (`--csv -`); throws std::runtime_error when a write fails.
+template <typename Record_Type>
+void write_csv(std::ostream& out, const RecordFile<Record_Type>& file, tools::Progress* progress = nullptr) {
+  const auto check = [&out] {
+    if (!out) throw std::runtime_error("writing the CSV output failed");
+  };
+  write_csv(out, file, check, progress);
   out.flush();
-  if (!out) throw std::runtime_error("writing the CSV output failed");
+  check();
+}
+
+/// The CSV as a file, which appears whole or not at all; throws std::runtime_error with the system's reason when
+/// a write fails.
+template <typename Record_Type>
+void write_csvFile(const std::string& fileName, const RecordFile<Record_Type>& file,
+                   tools::Progress* progress = nullptr) {
+  tools::OutputFile_Checked output(fileName, "cannot write CSV file \"" + fileName + "\"");
+  write_csv(output.stream(), file, [&output] { output.check(); }, progress);
+  output.commit();
 }
 
 }  // namespace kovra::inspect

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <optional>
 #include <ostream>
 #include <stdexcept>
@@ -106,9 +105,7 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
     if (*options.csvFile == "-") {
       write_csv(out, file, &progress);
     } else {
-      std::ofstream csv(*options.csvFile, std::ios::binary | std::ios::trunc);
-      if (!csv) throw std::runtime_error("cannot write CSV file \"" + *options.csvFile + "\"");
-      write_csv(csv, file, &progress);
+      write_csvFile(*options.csvFile, file, &progress);
     }
   }
   if (options.hdf5File) {

@@ -1,9 +1,9 @@
 #pragma once
 
-// An output written by a library that takes a file name (HDF5, libtiff, the plotting script) that appears at
-// its path whole or not at all: the library writes a hidden name beside the target, and only `commit` flushes
-// that file and renames it over the target. Destroyed without a commit (a failure, an exception), the hidden
-// file is removed and an earlier file at the target stays as it was.
+// An output written by a library that takes a file name (HDF5, libtiff) that appears at its path whole or not
+// at all: the library writes a hidden name beside the target, and only `commit` flushes that file and renames it
+// over the target. Destroyed without a commit (a failure, an exception), the hidden file is removed and an
+// earlier file at the target stays as it was.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -37,7 +37,7 @@ class OutputPath_Atomic {
   const std::string& get_temporary() const { return temporary; }
   const std::string& get_target() const { return target; }
 
-  /// Creates the temporary file empty, for a writer that reports a failure less clearly (the plotting script);
+  /// Creates the temporary file empty, for a writer that reports a failure less clearly (HDF5);
   /// throws std::runtime_error with the reason when the target's folder cannot take it.
   void create() const {
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);

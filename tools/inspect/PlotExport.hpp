@@ -2,7 +2,7 @@
 
 // The figure of an event file (`--plot`): what it shows is gathered in the walk over the events, written to a
 // small HDF5 file in a temporary folder, and drawn by kovra_plot_inspect.py (installed beside the program) with
-// matplotlib. The figure is written beside its target and moved into place once the script has succeeded.
+// matplotlib, in the same folder. The figure is then copied to its target, where it appears whole or not at all.
 //
 // The data file: /map (unsigned 64-bit [rows, columns], events per cell, attribute cell_px), /photons_n and
 // /photons_events (events per photon count, counts that occur), /psd_edges_s and /psd_counts (pulse-shape value
@@ -17,14 +17,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "common/OutputFile_Checked.hpp"
 #include "common/PythonScript.hpp"
 #include "inspect/Hdf5Export.hpp"
-#include "inspect/OutputPath_Atomic.hpp"
 #include "inspect/PngExport.hpp"
 #include "inspect/StackExport.hpp"
 
@@ -142,16 +143,21 @@ class Temporary_Folder {
   std::filesystem::path path;
 };
 
-/// Draws the figure to `fileName` through the plotting script.
+/// Draws the figure to `fileName` through the plotting script. The script draws it in the temporary folder (and
+/// says why when it cannot); the figure is then copied to its target through OutputFile_Checked, so that a
+/// target that cannot take it is named with the system's reason.
 inline void write_plot(const std::string& fileName, const Plot_Data& data, const std::optional<Histogram_Tof>& spectrum,
                        const std::string& title, const std::string& selection, const std::string& note,
                        std::uint64_t events) {
   const Temporary_Folder folder;
   const std::string dataFile = folder.file("plot.h5");
   data.write(dataFile, spectrum, title, selection, note, events);
-  OutputPath_Atomic output(fileName, "PNG file");
-  output.create();
-  tools::run_pythonScript("kovra_plot_inspect.py", {dataFile, output.get_temporary()});
+  const std::string figure = folder.file("plot.png");
+  tools::run_pythonScript("kovra_plot_inspect.py", {dataFile, figure});
+  std::ifstream drawn(figure, std::ios::binary);
+  if (!drawn) throw std::runtime_error("the plotting script drew no figure at \"" + figure + "\"");
+  tools::OutputFile_Checked output(fileName, "cannot write PNG file \"" + fileName + "\"");
+  output.stream() << drawn.rdbuf();
   output.commit();
 }
 

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "common/OutputFile_Checked.hpp"
 #include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
@@ -126,7 +127,9 @@ class Position_Histogram2D {
   std::uint64_t outside = 0;
 };
 
-/// Writes the histogram as a PNG file; throws std::runtime_error with libpng's reason when that fails.
+/// Writes the histogram as a PNG file, which appears whole or not at all; throws std::runtime_error with libpng's
+/// reason when the image cannot be made, or the system's when the file cannot be written. (Encoded in memory:
+/// libpng's own file writer empties an earlier file at the target before it starts, and says only "Write Error".)
 inline void write_png(const std::string& fileName, const Position_Histogram2D& histogram) {
   const std::vector<std::uint8_t> rgb = histogram.render_rgb();
   png_image image{};
@@ -134,11 +137,22 @@ inline void write_png(const std::string& fileName, const Position_Histogram2D& h
   image.width = static_cast<png_uint_32>(histogram.get_width());
   image.height = static_cast<png_uint_32>(histogram.get_height());
   image.format = PNG_FORMAT_RGB;
-  if (png_image_write_to_file(&image, fileName.c_str(), 0, rgb.data(), 0, nullptr) == 0) {
+  png_alloc_size_t size = 0;
+  std::vector<char> bytes;
+  bool made = png_image_write_get_memory_size(image, size, 0, rgb.data(), 0, nullptr) != 0;
+  if (made) {
+    bytes.resize(size);
+    made = png_image_write_to_memory(&image, bytes.data(), &size, 0, rgb.data(), 0, nullptr) != 0;
+  }
+  const std::string failure = "cannot write PNG file \"" + fileName + "\"";
+  if (!made) {
     const std::string reason = image.message;
     png_image_free(&image);
-    throw std::runtime_error("cannot write PNG file \"" + fileName + "\": " + reason);
+    throw std::runtime_error(failure + ": " + reason);
   }
+  tools::OutputFile_Checked output(fileName, failure);
+  output.stream().write(bytes.data(), static_cast<std::streamsize>(size));
+  output.commit();
 }
 
 /// Bins the positions of every record of the file that `accepts` (by default all) and writes the image; returns

@@ -19,21 +19,23 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "common/OutputFile_Checked.hpp"
 #include "inspect/Format.hpp"
 #include "inspect/Hdf5Export.hpp"
 #include "inspect/OutputPath_Atomic.hpp"
 #include "inspect/RecordFile.hpp"
 #include "kovra/Histogram_TimeOfFlight.hpp"
-#include "kovra/OutputFile_Atomic.hpp"
 
 namespace kovra::inspect {
 
@@ -54,9 +56,8 @@ inline void write_spectrumCsv(std::ostream& out, const Histogram_Tof& histogram,
 
 inline void write_spectrumFile(const std::string& fileName, const Histogram_Tof& histogram,
                                const std::string& recordName) {
-  OutputFile_Atomic output(fileName);
+  tools::OutputFile_Checked output(fileName, "cannot write CSV file \"" + fileName + "\"");
   write_spectrumCsv(output.stream(), histogram, recordName);
-  if (!output.stream()) throw std::runtime_error("cannot write CSV file \"" + fileName + "\"");
   output.commit();
 }
 
@@ -117,16 +118,24 @@ inline void write_stackHdf5(const std::string& fileName, const Histogram_Tof& hi
 
 namespace tiff_detail {
 
-/// libtiff's last error text: libtiff reports through a handler instead of a return value.
-inline std::string& get_lastError() {
-  static thread_local std::string text;
-  return text;
+/// libtiff's last error: it reports through a handler instead of a return value, and its text for a failed write
+/// ("IO error writing tag data") names no reason, so the system's error number at that moment is kept beside it.
+/// The writer clears errno before each call, so that a number set earlier is not taken for the reason.
+struct Tiff_Error {
+  std::string text;
+  int systemError = 0;
+};
+
+inline Tiff_Error& get_lastError() {
+  static thread_local Tiff_Error error;
+  return error;
 }
 
 inline void keep_error(const char* module, const char* format, va_list arguments) {
+  const int systemError = errno;
   char text[512];
   std::vsnprintf(text, sizeof text, format, arguments);
-  get_lastError() = std::string(module ? module : "libtiff") + ": " + text;
+  get_lastError() = {std::string(module ? module : "libtiff") + ": " + text, systemError};
 }
 
 inline void ignore_warning(const char*, const char*, va_list) {}
@@ -136,15 +145,18 @@ inline void ignore_warning(const char*, const char*, va_list) {}
 inline void write_stackTiff(const std::string& fileName, const Histogram_Tof& histogram) {
   TIFFSetErrorHandler(tiff_detail::keep_error);
   TIFFSetWarningHandler(tiff_detail::ignore_warning);
-  tiff_detail::get_lastError() = "unknown failure";
+  tiff_detail::get_lastError() = {"unknown failure", 0};
   const auto fail = [&] {
-    throw std::runtime_error("cannot write TIFF file \"" + fileName + "\": " + tiff_detail::get_lastError());
+    const tiff_detail::Tiff_Error& error = tiff_detail::get_lastError();
+    throw std::runtime_error("cannot write TIFF file \"" + fileName +
+                             "\": " + (error.systemError != 0 ? std::strerror(error.systemError) : error.text));
   };
   OutputPath_Atomic output(fileName, "TIFF file");
   const Position_Binning<Length>& grid = histogram.get_grid().value();
   const auto side = static_cast<std::uint32_t>(grid.side);
   const std::size_t nBins = histogram.get_bins().size();
   const bool big = Histogram_Tof::get_stackBytes(nBins, grid) > (std::uint64_t{1} << 32) - (std::uint64_t{1} << 26);
+  errno = 0;
   TIFF* tiff = TIFFOpen(output.get_temporary().c_str(), big ? "w8" : "w");
   if (!tiff) fail();
   const auto& edges = histogram.get_bins().get_edges();
@@ -154,6 +166,7 @@ inline void write_stackTiff(const std::string& fileName, const Histogram_Tof& hi
     const std::string description = "time of flight bin " + std::to_string(bin) + " of " + std::to_string(nBins) +
                                     ": [" + format_exact(get_edgeSeconds(edges[bin])) + ", " +
                                     format_exact(get_edgeSeconds(edges[bin + 1])) + ") s";
+    errno = 0;
     written = TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, side) && TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, side) &&
               TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 32) && TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 1) &&
               TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_UINT) &&
@@ -168,10 +181,15 @@ inline void write_stackTiff(const std::string& fileName, const Histogram_Tof& hi
     for (std::uint32_t row = 0; row < side && written; ++row) {
       // libtiff does not change a row it writes uncompressed in the machine's byte order.
       void* data = const_cast<std::uint32_t*>(cells + (bin * side + row) * side);
+      errno = 0;
       written = TIFFWriteScanline(tiff, data, row, 0) == 1;
     }
+    errno = 0;
     written = written && TIFFWriteDirectory(tiff);
   }
+  // TIFFClose says nothing of a write that fails in it; what is left to write is written, and checked, first.
+  errno = 0;
+  written = written && TIFFFlush(tiff);
   TIFFClose(tiff);
   if (!written) fail();
   output.commit();

@@ -4,7 +4,8 @@ and, when the file has triggers, their time-of-flight spectrum, on one page.
 
 Usage: kovra_plot_inspect.py DATA.h5 OUT.png
 DATA.h5 is the data file kovra_inspect writes for it (its layout: tools/inspect/PlotExport.hpp); OUT.png is
-written as PNG whatever its name ends in. Needs Debian's python3-matplotlib and python3-h5py.
+written as PNG whatever its name ends in. When OUT.png cannot be written, it says why on standard error and ends
+with status 1. Needs Debian's python3-matplotlib and python3-h5py.
 """
 
 from __future__ import annotations
@@ -122,7 +123,11 @@ def main(argv: list[str]) -> int:
         print("usage: kovra_plot_inspect.py DATA.h5 OUT.png", file=sys.stderr)
         return 2
     with h5py.File(argv[1], "r") as data:
-        draw(data, argv[2])
+        try:
+            draw(data, argv[2])
+        except OSError as error:
+            print(f"kovra_plot_inspect.py: cannot write {argv[2]!r}: {error.strerror or error}", file=sys.stderr)
+            return 1
     return 0
 
 

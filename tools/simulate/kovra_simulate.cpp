@@ -26,43 +26,52 @@ namespace {
 
 using namespace kovra::simulate;
 
-/// Says on standard error that `path` cannot be written and the system's reason (an errno value), and gives the
-/// status for it.
-int cannot_write(const std::string& path, int error) {
-  std::cerr << "kovra_simulate: cannot write '" << path << "': " << std::strerror(error) << "\n";
-  return kovra::tools::exit_failure;
+/// Throws the message that `path` cannot be written, with the system's reason (an errno value).
+[[noreturn]] void throw_cannotWrite(const std::string& path, int error) {
+  throw std::runtime_error("cannot write '" + path + "': " + std::strerror(error));
 }
 
-// Every output is written as the photons are drawn, a slice at a time, and appears at its path only once it is
-// complete: the run holds one slice of photons (and of raw packets), however long the acquisition.
-int run_simulate(const Simulate_Options& options) {
+/// Throws when a write to `file` has failed (one still in its buffer shows once the buffer is handed over).
+void check_output(kovra::OutputFile_Atomic& file) {
+  if (!file.stream()) throw_cannotWrite(file.get_path(), file.get_error());
+}
+
+void check_flushedOutput(kovra::OutputFile_Atomic& file) {
+  file.stream().flush();
+  check_output(file);
+}
+
+// Every output is written as the photons are drawn, a slice at a time: the run holds one slice of photons (and of
+// raw packets), however long the acquisition. A write that fails (a full disk) stops the run at the end of its
+// slice with the system's reason, and no output changes: each is written beside its target, and none is moved
+// into place before every byte of all of them has been handed to the system.
+void write_simulation(const Simulate_Options& options) {
   using kovra::tpx3spidr::PhotonEvent;
   using kovra::tpx3spidr::Time;
 
   // Missing folders are made, as kovra_brantel makes those of its output (the truth files go beside the photons).
   for (const std::string& path : {options.outputPath, options.rawPath}) {
-    if (const std::error_code error = kovra::tools::create_outputFolders(path)) return cannot_write(path, error.value());
+    if (const std::error_code error = kovra::tools::create_outputFolders(path)) throw_cannotWrite(path, error.value());
   }
   // The photon file's writer stops the program on a target it cannot write; ask first, with a message.
   {
     kovra::OutputFile_Atomic probe(options.outputPath);
-    if (!probe.stream()) return cannot_write(options.outputPath, probe.get_error());
+    check_output(probe);
   }
   kovra::ContainerFile_Writer<2> photonFile(options.outputPath);
+  // Asked before every end_block, whose size check would stop the program on a failed write.
+  const auto check_photonFile = [&] {
+    if (!photonFile.good()) throw_cannotWrite(options.outputPath, photonFile.get_error());
+  };
 
   const std::string truthPath = get_truthPath(options.outputPath);
   std::optional<kovra::OutputFile_Atomic> truth;
   std::optional<kovra::tools::PhotonFlashes_Writer> flashes;
   if (options.writeTruth) {
     truth.emplace(truthPath);
-    if (!truth->stream()) return cannot_write(truthPath, truth->get_error());
+    check_output(*truth);
     truth->stream() << "t_s,x_px,y_px,nPhotons,class\n";
-    try {
-      flashes.emplace(kovra::tools::get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
-    } catch (const std::runtime_error& e) {
-      std::cerr << "kovra_simulate: " << e.what() << "\n";
-      return kovra::tools::exit_failure;
-    }
+    flashes.emplace(kovra::tools::get_photonFlashesPath(options.outputPath), get_flashBound(options.settings));
   }
 
   std::optional<kovra::OutputFile_Atomic> rawFile;
@@ -70,7 +79,6 @@ int run_simulate(const Simulate_Options& options) {
   std::optional<kovra::tools::HitPhotons_Writer> hitPhotons;
   if (options.writeTruth && !options.rawPath.empty()) {
     hitPhotons.emplace(kovra::tools::get_hitPhotonsPath(options.rawPath));
-    if (!hitPhotons->good()) return cannot_write(hitPhotons->get_path(), hitPhotons->get_error());
   }
   std::uint64_t nHits = 0;
   const auto countHit = [&nHits, &hitPhotons](const Raw_Hit& hit) {
@@ -80,7 +88,7 @@ int run_simulate(const Simulate_Options& options) {
   std::optional<Raw_Writer<decltype(countHit)>> raw;
   if (!options.rawPath.empty()) {
     rawFile.emplace(options.rawPath);
-    if (!rawFile->stream()) return cannot_write(options.rawPath, rawFile->get_error());
+    check_output(*rawFile);
     raw.emplace(
         options.settings.width_px, options.settings.height_px, options.settings.seed,
         [&rawFile](const std::uint64_t* words, std::size_t n) {
@@ -111,8 +119,13 @@ int run_simulate(const Simulate_Options& options) {
         if (raw) {
           for (const auto& p : photons) raw->add_photon(p);
         }
+        check_photonFile();
+        if (truth) check_output(*truth);
+        if (flashes) flashes->check();
+        if (rawFile) check_output(*rawFile);
+        if (hitPhotons) hitPhotons->check();
       });
-  if (!photonFile.good()) return cannot_write(options.outputPath, photonFile.get_error());
+  check_photonFile();
   photonFile.end_block();
 
   Trigger_Times triggers(options.settings);
@@ -127,24 +140,25 @@ int run_simulate(const Simulate_Options& options) {
       photonFile.append(std::span<const Time>(piece));
       nTriggers += piece.size();
     }
-    if (!photonFile.good()) return cannot_write(options.outputPath, photonFile.get_error());
+    check_photonFile();
     photonFile.end_block();
   }
 
-  // The companions first, the photon file last: whoever waits for it finds them in place.
-  try {
-    if (raw) {
-      raw->finish();
-      rawFile->commit();
-      if (hitPhotons) hitPhotons->finish(nPhotons, fingerprint.value());
-    }
-    if (truth) truth->commit();
-    if (flashes) flashes->finish(counts.nEvents, fingerprint.value());
-    photonFile.commit();
-  } catch (const std::exception& e) {
-    std::cerr << "kovra_simulate: " << e.what() << "\n";
-    return kovra::tools::exit_failure;
+  // Every byte handed over before anything moves; commit() then only fills in the photon file's size, in place.
+  check_photonFile();
+  if (raw) {
+    raw->finish();
+    check_flushedOutput(*rawFile);
+    if (hitPhotons) hitPhotons->finish(nPhotons, fingerprint.value());
   }
+  if (truth) check_flushedOutput(*truth);
+  if (flashes) flashes->finish(counts.nEvents, fingerprint.value());
+  // The companions first, the photon file last: whoever waits for it finds them in place.
+  if (rawFile) rawFile->commit();
+  if (hitPhotons) hitPhotons->commit();
+  if (truth) truth->commit();
+  if (flashes) flashes->commit();
+  photonFile.commit();
 
   using kovra::tools::format_count;
   std::cout << "kovra_simulate: wrote " << format_count(nPhotons, "photon") << " (" << counts.nEventPhotons << " from "
@@ -158,6 +172,15 @@ int run_simulate(const Simulate_Options& options) {
     std::cout << "kovra_simulate: wrote the raw form, " << format_count(nHits, "hit") << ", to " << options.rawPath
               << "\n";
     if (hitPhotons) std::cout << "kovra_simulate: the photon of each hit in " << hitPhotons->get_path() << "\n";
+  }
+}
+
+int run_simulate(const Simulate_Options& options) {
+  try {
+    write_simulation(options);
+  } catch (const std::runtime_error& e) {
+    std::cerr << "kovra_simulate: " << e.what() << "\n";
+    return kovra::tools::exit_failure;
   }
   return 0;
 }

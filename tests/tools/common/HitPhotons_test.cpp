@@ -45,14 +45,16 @@ TEST(HitPhotonsTest, FileIsWrittenWholeAndReadBack) {
   {
     HitPhotons_Writer writer(path);
     for (const std::uint64_t p : {1U, 1U, 0U}) writer.add(p);
-    EXPECT_FALSE(std::filesystem::exists(path));  // nothing at the path until finish
     writer.finish(2, fingerprint_photons(photons));
+    EXPECT_FALSE(std::filesystem::exists(path));  // nothing at the path until commit
+    writer.commit();
   }
   EXPECT_EQ(read_bytes(path), header(1, 4, 3, 2, fingerprint_photons(photons)) + le(1, 4) + le(1, 4) + le(0, 4));
   EXPECT_EQ(read_hitPhotons(path, photons), (std::vector<std::uint32_t>{1, 1, 0}));
   {
-    HitPhotons_Writer unfinished(dir.file("other.truth.kovrahit"));
-    unfinished.add(0);
+    HitPhotons_Writer uncommitted(dir.file("other.truth.kovrahit"));
+    uncommitted.add(0);
+    uncommitted.finish(2, fingerprint_photons(photons));
   }
   EXPECT_FALSE(std::filesystem::exists(dir.file("other.truth.kovrahit")));
 }

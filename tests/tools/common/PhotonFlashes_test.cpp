@@ -44,8 +44,9 @@ TEST(PhotonFlashesTest, FileIsWrittenWholeAndReadBack) {
     PhotonFlashes_Writer writer(path, 10);
     writer.append(std::vector<std::int64_t>{2, -1});
     writer.append(std::vector<std::int64_t>{0});
-    EXPECT_FALSE(std::filesystem::exists(path));  // only the temporary file exists until finish
     writer.finish(3, fingerprint_photons(photons));
+    EXPECT_FALSE(std::filesystem::exists(path));  // only the temporary file exists until commit
+    writer.commit();
   }
   EXPECT_EQ(read_bytes(path), header(1, 4, 3, 3, fingerprint_photons(photons)) + le(2, 4) + le(~0ULL, 4) + le(0, 4));
   const Photon_Flashes back = read_photonFlashes(path, photons);

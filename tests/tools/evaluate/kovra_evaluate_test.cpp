@@ -10,6 +10,7 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -213,4 +214,44 @@ TEST(EvaluateGroupingTest, FittedTimeWalkFollowsTheModelAndNarrowsPhotonTimes) {
                            "\n"),
             std::string::npos)
       << after.out;
+}
+
+TEST(EvaluateProgramTest, AWriteRefusedOnTheWayEndsWithItsReasonAndLeavesEarlierFiles) {
+  // A full disk, played by a file-size limit whose signal is ignored, so that the write fails instead. The twelve
+  // settings make a table of 1.7 kB; the pulse-shape values take 3.7 kB, the heat maps 79 kB.
+  const std::string grid = "run.kovraphot --dSpace-grid 0.5,1,2,5 --dTime-grid 1e-8,1e-7,5e-7 ";
+  const std::tuple<std::string, int, std::string, std::vector<std::string>> cases[] = {
+      // options, limit in bytes, what is said, the files left as they were
+      {"--csv scan.csv", 1000, "kovra_evaluate: run.kovraphot: cannot write 'scan.csv': File too large\n",
+       {"scan.csv", "out/scan.csv", "out/psd_best.csv", "out/heatmaps.png", "out/psd_best.png"}},
+      {"--plots out", 2000, "kovra_evaluate: run.kovraphot: cannot write 'out/psd_best.csv': File too large\n",
+       {"scan.csv", "out/psd_best.csv", "out/heatmaps.png", "out/psd_best.png"}},
+      {"--plots out", 10000, "kovra_plot_scan.py: cannot write 'out/heatmaps.png': File too large\n",
+       {"scan.csv", "out/heatmaps.png", "out/psd_best.png"}},
+  };
+  for (const auto& [options, limit, message, unchanged] : cases) {
+    TempDir dir;
+    simulate(dir, "run.kovraphot", "3");
+    std::filesystem::create_directory(dir.file("out"));
+    for (const char* name : {"scan.csv", "out/scan.csv", "out/psd_best.csv", "out/heatmaps.png", "out/psd_best.png"}) {
+      write_bytes(dir.file(name), std::string("earlier ") + name);
+    }
+    const std::string limited = "--ignore-signal=XFSZ prlimit --fsize=" + std::to_string(limit) + " ";
+    const auto r = run_program(dir, "env", limited + KOVRA_EVALUATE_PATH " " + grid + options);
+    EXPECT_EQ(r.status, 1) << options;
+    EXPECT_TRUE(r.err.starts_with(message)) << options << ": " << r.err;
+    for (const std::string& name : unchanged) {
+      const std::string bytes = read_bytes(dir.file(name));
+      EXPECT_TRUE(bytes == "earlier " + name) << options << ": " << name << " has " << bytes.size();
+    }
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path())) {
+      names.push_back(entry.path().lexically_relative(dir.path()));
+    }
+    std::ranges::sort(names);
+    EXPECT_EQ(names, (std::vector<std::string>{"out", "out/heatmaps.png", "out/psd_best.csv", "out/psd_best.png",
+                                               "out/scan.csv", "run.kovraphot", "run.truth.csv",
+                                               "run.truth.kovraflash", "scan.csv", "stderr.txt", "stdout.txt"}))
+        << options;
+  }
 }

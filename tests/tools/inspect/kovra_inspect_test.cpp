@@ -186,20 +186,10 @@ TEST_F(InspectTest, Hdf5ExportReadsBack) {
   check_hdf5<E, Event>(dir, {}, Triggers(std::in_place));
 }
 
-TEST_F(InspectTest, AnHdf5ExportThatCannotBeWrittenSaysWhyAndLeavesNothing) {
+TEST_F(InspectTest, AnHdf5ExportToAFolderSaysWhyAndLeavesNothing) {
   std::filesystem::create_directory(dir.file("folder.h5"));
-  // The second run may not write more than 2000 bytes (the export takes about 10 kB); its signal is ignored, so
-  // that the write fails instead.
-  const std::tuple<std::string, std::string, std::string> cases[] = {  // program, arguments, reason
-      {KOVRA_INSPECT_PATH, "known.kovraevent --hdf5 folder.h5", "\"folder.h5\": Is a directory"},
-      {"env", "--ignore-signal=XFSZ prlimit --fsize=2000 " KOVRA_INSPECT_PATH " known.kovraevent --hdf5 big.h5",
-       "\"big.h5\": File too large"},
-  };
-  for (const auto& [program, arguments, reason] : cases) {
-    const Program_Outcome r = run_program(dir, program, arguments);
-    EXPECT_EQ(std::tuple(r.status, r.err),
-              std::tuple(1, "kovra_inspect: known.kovraevent: cannot write HDF5 file " + reason + "\n"));
-  }
+  EXPECT_EQ(run("known.kovraevent --hdf5 folder.h5"), 1);
+  EXPECT_EQ(err, "kovra_inspect: known.kovraevent: cannot write HDF5 file \"folder.h5\": Is a directory\n");
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(dir.path())) names.push_back(entry.path().filename());
   std::ranges::sort(names);
@@ -430,6 +420,47 @@ TEST_F(InspectTest, SpectrumAndStacksAgreeWithAPlainComputation) {
   // The stack summed over time of flight is the map of the same events.
   for (std::size_t i = 0; i < perBin.size(); ++i) summed[i % 9] += perBin[i];
   EXPECT_EQ(summed, map);
+}
+
+TEST_F(InspectTest, AWriteRefusedOnTheWayEndsWithItsReasonAndEveryFileAsItWas) {
+  write_bytes(dir.file("tof.kovraevent"), file_of(TofCase(false).events, TofCase(false).triggers));
+  // A full disk, played by a file-size limit whose signal is ignored, so that the write fails instead. 5 kB is
+  // below every output here (the image 7 kB, the stack's HDF5 file 18 kB, the CSV 234 kB). The plot's data file
+  // (under 20 kB at 16 pixels a side) fits in 40 kB and the figure (87 kB) does not, so the plotting script
+  // meets the limit.
+  const auto failed = [](const std::string& what) {
+    return "kovra_inspect: tof.kovraevent: cannot write " + what + ": File too large\n";
+  };
+  const std::tuple<std::string, int, std::string> cases[] = {  // options, limit in bytes, what is said
+      {"--csv out.csv", 5000, failed("CSV file \"out.csv\"")},
+      {"--hdf5 out.h5", 5000, failed("HDF5 file \"out.h5\"")},
+      {"--image out.png --size 8 --binning 0.015625", 5000, failed("PNG file \"out.png\"")},
+      {"--spectrum out.csv --tof-bins 1000", 5000, failed("CSV file \"out.csv\"")},
+      {"--stack-hdf5 out.h5 --size 8 --binning 0.0625 --tof-bins 8", 5000, failed("HDF5 file \"out.h5\"")},
+      {"--stack-tiff out.tif --size 8 --binning 0.0625 --tof-bins 8", 5000, failed("TIFF file \"out.tif\"")},
+      {"--plot out.png --size 16", 40000, "/plot.png': File too large\n"},
+  };
+  for (const std::string name : {"out.csv", "out.h5", "out.png", "out.tif"}) {
+    write_bytes(dir.file(name), "earlier " + name);
+  }
+  for (const auto& [options, limit, message] : cases) {
+    const std::string limited = "--ignore-signal=XFSZ prlimit --fsize=" + std::to_string(limit) + " ";
+    const Program_Outcome r = run_program(dir, "env", limited + KOVRA_INSPECT_PATH " tof.kovraevent " + options);
+    EXPECT_EQ(r.status, 1) << options;
+    EXPECT_THAT(r.err, ::testing::HasSubstr(message)) << options;
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+      names.push_back(entry.path().filename());
+      const std::string bytes = read_bytes(entry.path());
+      if (names.back().starts_with("out.")) {
+        EXPECT_TRUE(bytes == "earlier " + names.back()) << options << ": " << names.back() << " has " << bytes.size();
+      }
+    }
+    std::ranges::sort(names);
+    EXPECT_EQ(names, (std::vector<std::string>{"known.kovraevent", "out.csv", "out.h5", "out.png", "out.tif",
+                                               "stderr.txt", "stdout.txt", "tof.kovraevent"}))
+        << options;
+  }
 }
 
 TEST_F(InspectTest, TimeOfFlightFailuresWriteNothing) {

@@ -156,12 +156,35 @@ TEST(SimulateProgramTest, AnOutputThatCannotBeWrittenIsNamedWithTheReasonAndNoFi
   }
 }
 
-TEST(SimulateProgramTest, AWriteRefusedOnTheWayIsReportedWithItsReason) {
-  // A file size limit far below the photon file's 6 MB (its signal ignored, so that the write fails instead).
-  TempDir dir;
-  const auto r = run_program(dir, "env", "--ignore-signal=XFSZ prlimit --fsize=1000000 " KOVRA_SIMULATE_PATH
-                                         " -o run.kovraphot -d 0.2");
-  EXPECT_EQ(std::tuple(r.status, r.err),
-            std::tuple(1, "kovra_simulate: cannot write 'run.kovraphot': File too large\n"s));
-  EXPECT_FALSE(std::filesystem::exists(dir.file("run.kovraphot")));
+TEST(SimulateProgramTest, AWriteRefusedOnTheWayEndsWithItsReasonAndNoFileChanges) {
+  // A full disk, played by a file-size limit whose signal is ignored, so that the write fails instead. Each row
+  // makes another output the first to outgrow the limit.
+  const std::tuple<std::string, int, std::string> cases[] = {  // arguments, limit in bytes, the file that fails
+      {"-d 0.2 --truth", 1000000, "run.kovraphot"},               // halfway through the 6 MB photon file
+      {"-d 0.002 --truth --triggers 1e5", 16000, "run.kovraphot"},  // its 67 kB still in the buffer at the end
+      {"-d 0.002 --raw run.tpx3", 100000, "run.tpx3"},            // 205 kB of raw hits, 67 kB of photons
+      {"-d 0.05 -n 1 --truth", 100000, "run.truth.csv"},          // 205 kB of flashes, 80 kB of photons
+  };
+  const std::vector<std::string> earlier = {"run.kovraphot", "run.tpx3", "run.truth.csv", "run.truth.kovraflash"};
+  for (const auto& [args, limit, failing] : cases) {
+    TempDir dir;
+    for (const std::string& name : earlier) write_bytes(dir.file(name), "earlier " + name);
+    const auto r = run_program(dir, "env", "--ignore-signal=XFSZ prlimit --fsize=" + std::to_string(limit) + " " +
+                                               KOVRA_SIMULATE_PATH " -o run.kovraphot " + args);
+    EXPECT_EQ(std::tuple(r.status, r.out, r.err),
+              std::tuple(1, ""s, "kovra_simulate: cannot write '" + failing + "': File too large\n"))
+        << args;
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+      names.push_back(entry.path().filename());
+      const std::string bytes = read_bytes(entry.path());
+      if (entry.path().extension() != ".txt") {
+        EXPECT_TRUE(bytes == "earlier " + names.back()) << args << ": " << names.back() << " has " << bytes.size();
+      }
+    }
+    std::ranges::sort(names);
+    EXPECT_EQ(names, (std::vector<std::string>{"run.kovraphot", "run.tpx3", "run.truth.csv", "run.truth.kovraflash",
+                                               "stderr.txt", "stdout.txt"}))
+        << args;
+  }
 }
