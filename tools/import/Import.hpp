@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -86,7 +87,6 @@ class Tdc_Repeats {
 /// does not fit throw std::invalid_argument.
 template <typename Sink_Type, typename OnProgress_Type>
 void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&& sink, OnProgress_Type&& onProgress) {
-  Raw_Reader reader(options.inputFile);
   Clock_Follower clock;
   detail::Tdc_Repeats repeats;
   Reorder_Window window(options.reorderWindow);
@@ -166,8 +166,27 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
     summary.packets[static_cast<std::size_t>(Packet_Kind::hit)] += hits;
   };
 
-  reader.read_all(on_chunk, on_packets,
-                  [&](std::uint64_t bytesDone) { onProgress(bytesDone, reader.get_fileBytes()); });
+  // Several files are one stream: the clock, the window and the repeated TDCs carry on from one to the next.
+  const std::vector<std::string> files =
+      options.inputFiles.empty() ? std::vector{options.inputFile} : options.inputFiles;
+  std::uint64_t totalBytes = 0;
+  for (const auto& file : files) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file, error);
+    totalBytes += error ? 0 : size;
+  }
+  std::uint64_t bytesBefore = 0;
+  for (const auto& file : files) {
+    try {
+      Raw_Reader reader(file);
+      reader.read_all(on_chunk, on_packets,
+                      [&](std::uint64_t bytesDone) { onProgress(bytesBefore + bytesDone, totalBytes); });
+      bytesBefore += reader.get_fileBytes();
+    } catch (const std::invalid_argument& e) {
+      if (files.size() == 1) throw;
+      throw std::invalid_argument(file + ": " + e.what());  // which of the files it is
+    }
+  }
   window.finish(sink);
 
   if (clock.is_started()) summary.firstTime = clock.get_start();

@@ -16,6 +16,7 @@
 
 #include "common/CommandLine.hpp"
 #include "import/HitGrouping.hpp"
+#include "import/InputFiles.hpp"
 #include "import/PixelMask.hpp"
 #include "import/TimeWalk.hpp"
 #include "kovra/Worker_Pool.hpp"
@@ -32,7 +33,8 @@ struct Import_Options {
   /// 0.32, 0.31, 0.32 and 0.31 s (best of 5, interleaved): a tie, within which memory grows with the size.
   static constexpr std::size_t default_pieceItems = std::size_t{1} << 16;
 
-  std::string inputFile;
+  std::string inputFile;  ///< the first raw file
+  std::vector<std::string> inputFiles;  ///< every raw file, read in this order as one stream
   std::string outputFile;
   Frame_Layout layout = Frame_Layout::single;
   bool hitsAsPhotons = false;
@@ -58,9 +60,11 @@ struct Import_Options {
 };
 
 inline std::string get_importHelp() {
-  return "Usage: kovra_import RAW.tpx3 -o OUT.kovraphot [options]\n"
+  return "Usage: kovra_import RAW.tpx3 [RAW.tpx3 ...] -o OUT.kovraphot [options]\n"
+         "       kovra_import FOLDER -o OUT.kovraphot [options]\n"
          "Turns a Timepix3 raw data file into a photon file for kovra_brantel: photons in time order and the\n"
-         "trigger times of one TDC edge.\n"
+         "trigger times of one TDC edge. Several raw files (or a folder's .tpx3 files, in name order) are read\n"
+         "as one stream, as their concatenation would be.\n"
          "\n"
          "  -o, --output FILE         photon file to write; must end in .kovraphot (required)\n"
          "      --layout single|quad  how chips map into the frame: one chip as 256 x 256 (the default; a file\n"
@@ -244,8 +248,8 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
     }
   }
   if (optind == argc) throw std::invalid_argument("no raw file given");
-  if (argc - optind > 1) throw std::invalid_argument(std::string("more than one raw file: ") + argv[optind + 1]);
-  options.inputFile = argv[optind];
+  options.inputFiles = list_rawInputs(std::vector<std::string>(argv + optind, argv + argc));
+  options.inputFile = options.inputFiles.front();
   if (options.outputFile.empty()) throw std::invalid_argument("no output file given (-o OUT.kovraphot)");
   if (!options.outputFile.ends_with(".kovraphot")) {
     throw std::invalid_argument("the output file must end in .kovraphot, not \"" + options.outputFile + "\"");

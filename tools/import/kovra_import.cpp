@@ -111,7 +111,9 @@ int run_importTool(const Import_Options& commandLine) {
     progress.finish();
   } catch (const std::exception& e) {
     progress.finish();
-    std::cerr << "kovra_import: " << options.inputFile << ": " << e.what() << '\n';
+    // With several raw files the message names the one it is about.
+    std::cerr << "kovra_import: " << (options.inputFiles.size() > 1 ? "" : options.inputFile + ": ") << e.what()
+              << '\n';
     return kovra::tools::exit_failure;
   }
   try {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -98,7 +99,7 @@ TEST_F(ImportTest, BadCommandLines) {
       {"a.tpx3 -o a.kovraphot --window -1e-9", "option --window needs a number of seconds from 0 to 1, not \"-1e-9\""},
       {"a.tpx3 -o a.kovraphot --trigger tdc3-rising",
        "option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, tdc2-falling or none, not \"tdc3-rising\""},
-      {"a.tpx3 b.tpx3 -o a.kovraphot", "more than one raw file: b.tpx3"},
+      {"a.tpx3 a.tpx3 -o a.kovraphot", "the raw file \"a.tpx3\" is given twice"},
       {"a.tpx3 -o a.kovraphot --time-walk ''", "option --time-walk needs a file name"},
       {"a.tpx3 -o a.kovraphot --mask ''", "option --mask needs a file name"},
       {"a.tpx3 -o a.kovraphot --threads 0", "option --threads must be a whole number from 1 to 1024, not \"0\""},
@@ -411,6 +412,71 @@ TEST_F(ImportTest, AMaskedHotPixelContributesNoPhoton) {
             std::tuple(1, "kovra_import: pixel mask 'quad.txt': line 1: expected a pixel's x and y, whole numbers "
                           "from 0 to 255, got '300 2'\n"));
   EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
+}
+
+// A run of many raw files is read as one stream: the photons, triggers and summary of their concatenation, on one
+// thread and on several, whether the files are named or their folder is; bad lists are refused.
+TEST_F(ImportTest, ARunOfManyFilesIsItsConcatenation) {
+  kovra::simulate::Simulation_Settings settings;
+  settings.duration_s = 0.02, settings.eventRate_Hz = 3e4, settings.width_px = settings.height_px = 400;
+  settings.triggerMode = kovra::simulate::Trigger_Mode::periodic, settings.triggerFrequency_Hz = 2e4;
+  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
+  std::FILE* file = std::fopen(dir.file("whole.tpx3").c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  kovra::simulate::write_raw(simulated.photons, 400, 400, 5, file, [](const auto&) {});
+  std::fclose(file);
+  // Cut into three files at chunk boundaries, a quarter and two thirds of the way.
+  const std::string whole = read_bytes(dir.file("whole.tpx3"));
+  std::vector<std::size_t> cuts;
+  for (std::size_t at = 0; at < whole.size();) {
+    std::uint64_t header = 0;
+    std::memcpy(&header, whole.data() + at, 8);
+    const std::size_t next = at + 8 + get_chunkBytes(header);
+    if (cuts.size() < 2 && next >= whole.size() * (cuts.empty() ? 1 : 8) / (cuts.empty() ? 4 : 12)) {
+      cuts.push_back(next);
+    }
+    at = next;
+  }
+  ASSERT_EQ(cuts.size(), 2U);
+  std::filesystem::create_directory(dir.file("run"));
+  write_bytes(dir.file("run/RUN_0001.tpx3"), whole.substr(0, cuts[0]));
+  write_bytes(dir.file("run/RUN_0002.tpx3"), whole.substr(cuts[0], cuts[1] - cuts[0]));
+  write_bytes(dir.file("run/RUN_0003.tpx3"), whole.substr(cuts[1]));
+  write_bytes(dir.file("run/notes.txt"), "not raw data");
+
+  ASSERT_EQ(run("whole.tpx3 -o whole.kovraphot --layout quad", "KOVRA_THREADS=1"), 0) << err;
+  const std::string expected = read_bytes(dir.file("whole.kovraphot"));
+  const std::string summary = out;
+  ASSERT_THAT(summary, HasSubstr("0 dropped as late"));
+  const std::string files = "run/RUN_0001.tpx3 run/RUN_0002.tpx3 run/RUN_0003.tpx3";
+  for (const std::string& inputs : {files, std::string("run")}) {
+    for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=2000"}) {
+      ASSERT_EQ(run(inputs + " -o many.kovraphot --layout quad", threads), 0) << err;
+      EXPECT_TRUE(read_bytes(dir.file("many.kovraphot")) == expected) << inputs << ", " << threads;
+      EXPECT_EQ(out, summary) << inputs << ", " << threads;
+    }
+  }
+
+  // A damaged file of the run names itself, and nothing is written.
+  std::filesystem::create_directory(dir.file("run2"));
+  write_bytes(dir.file("run2/RUN_0001.tpx3"), whole.substr(0, cuts[0]));
+  write_bytes(dir.file("run2/RUN_0002.tpx3"), whole.substr(cuts[0], 100));
+  EXPECT_EQ(run("run2 -o bad.kovraphot --layout quad"), 1);
+  EXPECT_THAT(err, testing::StartsWith("kovra_import: run2/RUN_0002.tpx3: chunk at byte offset 0 has a size of "));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovraphot")));
+  std::filesystem::create_directory(dir.file("empty"));
+  const std::pair<std::string, std::string> lists[] = {
+      {"empty", "the folder \"empty\" holds no .tpx3 file"},
+      {"run run/RUN_0001.tpx3", "a folder of raw files must be the only input, not one of several: \"run\""},
+      {"run/RUN_0001.tpx3 run/RUN_0002.tpx3 run/RUN_0001.tpx3", "the raw file \"run/RUN_0001.tpx3\" is given twice"},
+  };
+  for (const auto& [inputs, message] : lists) {
+    EXPECT_EQ(std::tuple(run(inputs + " -o list.kovraphot"), err),
+              std::tuple(2, "kovra_import: " + message + "\nTry 'kovra_import --help'.\n"));
+  }
+  EXPECT_EQ(run("run/RUN_0001.tpx3 run/missing.tpx3 -o list.kovraphot --layout quad"), 1);
+  EXPECT_EQ(err, "kovra_import: run/missing.tpx3: cannot open: No such file or directory\n");
+  EXPECT_FALSE(std::filesystem::exists(dir.file("list.kovraphot")));
 }
 
 }  // namespace
