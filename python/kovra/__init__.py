@@ -10,6 +10,7 @@ folder, a full disk) raises OSError with the system's reason and leaves nothing 
 from __future__ import annotations
 
 import os
+import struct
 from typing import NamedTuple, Optional
 
 try:
@@ -23,7 +24,8 @@ from . import _kovra
 
 __all__ = [
     "PHOTON_DTYPE", "EVENT_DTYPE", "TRIGGER_DTYPE", "UNITS_PER_PIXEL", "TICK_SECONDS",
-    "PhotonData", "EventData", "Membership", "read_photons", "read_events", "write_photons", "write_events", "reconstruct",
+    "CHARGE_DTYPE", "read_charges", "PhotonData", "EventData", "Membership", "read_photons", "read_events",
+    "write_photons", "write_events", "reconstruct",
     "make_photons", "to_pixels", "to_seconds", "from_pixels", "from_seconds",
     "Spectrum", "Stack", "time_of_flight", "tof_spectrum", "tof_stack",
 ]
@@ -34,6 +36,9 @@ PHOTON_DTYPE = np.dtype([("x", "<i4"), ("y", "<i4"), ("toa", "<i8")])
 EVENT_DTYPE = np.dtype([("x", "<i4"), ("y", "<i4"), ("t", "<i8"), ("nPhotons", "<u8"), ("psd", "<f8")])
 #: One external trigger time in ticks.
 TRIGGER_DTYPE = np.dtype("<i8")
+#: The charge of one imported photon (kovra_import --charge): summed ToT of its hits in steps of 25 ns, hit count.
+CHARGE_DTYPE = np.dtype([("tot", "<u4"), ("hits", "<u4")])
+_CHARGE_HEADER = 32
 
 UNITS_PER_PIXEL: int = _kovra.UNITS_PER_PIXEL
 TICK_SECONDS: float = _kovra.TICK_SECONDS
@@ -88,6 +93,31 @@ def read_events(path: str | os.PathLike[str]) -> EventData:
     records, triggers = _kovra.locate_events(name)
     return EventData(_map(name, records, EVENT_DTYPE),
                      None if triggers is None else _map(name, triggers, TRIGGER_DTYPE))
+
+
+def read_charges(path: str | os.PathLike[str], photons: Optional[np.ndarray] = None) -> np.ndarray:
+    """Reads the charge file kovra_import --charge writes beside a photon file: for each photon, in the photon
+    file's order, the summed ToT of its hits (`tot`, steps of 25 ns) and their number (`hits`). `path` is the
+    charge file (.kovracharge) or the photon file beside it. With `photons` (the photon file's array), refuses a
+    charge file made for another number of photons. The array is a read-only map of the file, not a copy."""
+    name = os.fspath(path)
+    if name.endswith(".kovraphot"):
+        name = name[: -len(".kovraphot")] + ".kovracharge"
+    with open(name, "rb") as f:
+        header = f.read(_CHARGE_HEADER)
+    where = f"charge file '{name}': "
+    if len(header) < _CHARGE_HEADER or header[:8] != b"KOVRACHG":
+        raise ValueError(where + "not a charge file")
+    version, width, count, _fingerprint = struct.unpack("<IIQQ", header[8:])
+    if version != 1:
+        raise ValueError(where + "unknown version")
+    if width != CHARGE_DTYPE.itemsize:
+        raise ValueError(where + "bad record size")
+    if os.path.getsize(name) != _CHARGE_HEADER + width * count:
+        raise ValueError(where + "truncated or overlong")
+    if photons is not None and len(photons) != count:
+        raise ValueError(where + f"made for {count} photons, the photon file has {len(photons)}")
+    return _map(name, (_CHARGE_HEADER, count), CHARGE_DTYPE)
 
 
 def _check_fits(values: np.ndarray, target: np.dtype, what: str) -> None:

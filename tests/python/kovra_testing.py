@@ -13,6 +13,7 @@ from typing import Optional
 BRANTEL = os.environ.get("KOVRA_BRANTEL", "")
 SIMULATE = os.environ.get("KOVRA_SIMULATE", "")
 INSPECT = os.environ.get("KOVRA_INSPECT", "")
+IMPORT = os.environ.get("KOVRA_IMPORT", "")
 
 
 def block(identifier: str, content: bytes) -> bytes:

@@ -16,7 +16,9 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/HitPhotons.hpp"
 #include "common/Options.hpp"
+#include "import/HitGrouping.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::evaluate {
@@ -40,12 +42,30 @@ struct Settings_Grid {
   std::size_t size() const { return dSpace_px.size() * dTime_s.size() * algorithms.size() * durationMax_s.size(); }
 };
 
+/// The import's grouping settings to try, for a raw file: every combination of the three lists.
+struct Grouping_Grid {
+  std::vector<unsigned> radius_px = {1};
+  std::vector<double> window_s = {250e-9};
+  std::vector<import::Photon_Time> photonTimes = {import::Photon_Time::strongest};
+
+  std::size_t size() const { return radius_px.size() * window_s.size() * photonTimes.size(); }
+};
+
 struct Evaluate_Options {
   std::string inputFile;
-  std::string truthFile;  ///< the flash list; the flash file is found beside it
+  /// The flash list, whose flash file is found beside it; for a raw file, its hit file (.truth.kovrahit).
+  std::string truthFile;
   Settings_Grid grid;
+  bool rawInput = false;       ///< a simulated raw file: its grouping into photons is scored, not a reconstruction
+  Grouping_Grid groupingGrid;  ///< for a raw file
+  std::string simulatedFile;   ///< for a raw file: the photon file simulated with it, whose photons are the truth
+  std::string timeWalkFile;    ///< for a raw file: hit times are corrected by this table, as kovra_import does
+  std::string fitTimeWalkFile;  ///< for a raw file: where a fitted time-walk table goes
+  bool fitFromData = false;     ///< fit against the strongest hit of each photon instead of the truth
   std::uint64_t fomMinPhotons = 10;
-  double mergeMax = 0.02;
+  /// The highest merge rate of the best setting; none: 0.02 for a reconstruction, 1 for a grouping (whose
+  /// efficiency already counts a merge against the photons merged).
+  std::optional<double> mergeMax;
   std::optional<std::string> csvFile;
   std::optional<std::string> plotDir;
   std::optional<unsigned> threads;  ///< settings scanned at once; none: get_threadCount()
@@ -55,8 +75,11 @@ struct Evaluate_Options {
 
 inline std::string get_evaluateHelp() {
   return "Usage: kovra_evaluate FILE.kovraphot [options]\n"
+         "       kovra_evaluate RAW.tpx3 --simulated FILE.kovraphot [options]\n"
          "Scores event reconstructions of a simulated photon file against the flashes that really happened\n"
-         "(kovra_simulate --truth), for one setting or a grid of settings.\n"
+         "(kovra_simulate --truth), for one setting or a grid of settings. Given a simulated raw file\n"
+         "(kovra_simulate --truth --raw RAW.tpx3), it scores instead how kovra_import groups its hits into\n"
+         "photons, against the photons of FILE.kovraphot.\n"
          "\n"
          "  -s, --dSpace PX           search distance in space, pixels (as kovra_brantel)\n"
          "  -t, --dTime S             search distance in time, seconds (as kovra_brantel)\n"
@@ -72,11 +95,23 @@ inline std::string get_evaluateHelp() {
          "                            flash of each photon is read from the .truth.kovraflash beside it\n"
          "      --fom-photons N       events with at least N photons enter the figure of merit (default 10)\n"
          "      --merge-max R         the best setting is the most efficient one with a merge rate at most R\n"
-         "                            (default 0.02)\n"
+         "                            (default 0.02; 1 for a raw file)\n"
          "      --csv FILE            write one row per setting to FILE\n"
          "      --plots DIR           write heat maps over the grid and the pulse-shape histograms of the best\n"
          "                            setting as PNG files into DIR (needs Debian's python3-matplotlib)\n"
          "      --threads N           settings scanned at once (default: the cores it may use, or KOVRA_THREADS)\n"
+         "\n"
+         "For a raw file (the grouping of kovra_import; -s, -t and the other settings above do not apply):\n"
+         "      --simulated FILE      the photon file simulated with the raw file (required)\n"
+         "      --radius PX, --radius-grid LIST            as kovra_import --radius, 0 to 16 (default 1)\n"
+         "      --window S, --window-grid LIST             as kovra_import --window (default 250e-9)\n"
+         "      --photon-time T, --photon-time-grid LIST   strongest or earliest (default strongest)\n"
+         "      --truth FILE          the hit file (default: RAW.truth.kovrahit beside the raw file)\n"
+         "      --time-walk FILE      correct hit times by this table first, as kovra_import --time-walk\n"
+         "      --fit-time-walk FILE  fit a table of the hits' delays by ToT and write it to FILE (with --plots,\n"
+         "                            also DIR/time_walk.png)\n"
+         "      --fit-from truth|data against each hit's true photon (the default), or, needing no truth, the\n"
+         "                            strongest hit of its photon as grouped with the first radius and window\n"
          "  -h, --help                print this help and exit\n"
          "      --version             print the version and exit\n"
          "\n"
@@ -88,7 +123,8 @@ namespace options_detail {
 
 enum : int {
   dTimeExt = 256, algorithm, dSpaceGrid, dTimeGrid, algorithmGrid, durationMaxGrid, truth, fomPhotons, mergeMax,
-  csv, plots, threads
+  csv, plots, threads, simulated, radius, radiusGrid, window, windowGrid, photonTime, photonTimeGrid, timeWalk,
+  fitTimeWalk, fitFrom
 };
 
 /// A distance or duration: a number, at least 0 (a duration may be inf, unlimited).
@@ -109,7 +145,7 @@ inline std::string check_algorithm(const char* option, const std::string& name) 
 
 /// Each of the scanned quantities comes from its single option or its grid option, not both.
 struct Given_Once {
-  std::string dSpace, dTime, algorithm, duration;
+  std::string dSpace, dTime, algorithm, duration, radius, window, photonTime;
 
   static void note(std::string& from, const std::string& option) {
     if (!from.empty()) {
@@ -163,6 +199,44 @@ inline bool take_gridOption(int c, const std::string& value, Settings_Grid& grid
   return false;
 }
 
+inline import::Photon_Time parse_photonTime(const std::string& option, const std::string& text) {
+  if (text != "strongest" && text != "earliest") throw tools::bad_value(option, "strongest or earliest", text);
+  return text == "earliest" ? import::Photon_Time::earliest : import::Photon_Time::strongest;
+}
+
+/// Takes one of the grouping settings of a raw file, as a single setting or a grid, into `grid`; false for
+/// another option.
+inline bool take_groupingOption(int c, const std::string& value, Grouping_Grid& grid, Given_Once& given) {
+  const bool gridded = c == radiusGrid || c == windowGrid || c == photonTimeGrid;
+  const auto items = [&](const std::string& option) {
+    return gridded ? tools::split_list(option.c_str(), value) : std::vector<std::string>{value};
+  };
+  if (c == radius || c == radiusGrid) {
+    const std::string option = gridded ? "radius-grid" : "radius";
+    Given_Once::note(given.radius, option);
+    grid.radius_px.clear();
+    for (const auto& item : items(option)) {
+      grid.radius_px.push_back(
+          tools::parse_number<unsigned>(option, item, {"a whole number of pixels", 0, 16, false, true}));
+    }
+  } else if (c == window || c == windowGrid) {
+    const std::string option = gridded ? "window-grid" : "window";
+    Given_Once::note(given.window, option);
+    grid.window_s.clear();
+    for (const auto& item : items(option)) {
+      grid.window_s.push_back(tools::parse_number(option, item, {"a number of seconds", 0, 1}));
+    }
+  } else if (c == photonTime || c == photonTimeGrid) {
+    const std::string option = gridded ? "photon-time-grid" : "photon-time";
+    Given_Once::note(given.photonTime, option);
+    grid.photonTimes.clear();
+    for (const auto& item : items(option)) grid.photonTimes.push_back(parse_photonTime(option, item));
+  } else {
+    return false;
+  }
+  return true;
+}
+
 /// Takes one of the other options into `options`.
 inline void take_evaluateOption(int c, const std::string& value, Evaluate_Options& options) {
   switch (c) {
@@ -181,6 +255,19 @@ inline void take_evaluateOption(int c, const std::string& value, Evaluate_Option
     case plots:
       options.plotDir = value;
       break;
+    case simulated:
+      options.simulatedFile = value;
+      break;
+    case timeWalk:
+      options.timeWalkFile = value;
+      break;
+    case fitTimeWalk:
+      options.fitTimeWalkFile = value;
+      break;
+    case fitFrom:
+      if (value != "truth" && value != "data") throw tools::bad_value("fit-from", "truth or data", value);
+      options.fitFromData = value == "data";
+      break;
     case threads:
       options.threads = tools::parse_number<unsigned>("threads", value, {"a whole number", 1, kovra::max_threads, false, true});
       break;
@@ -188,10 +275,40 @@ inline void take_evaluateOption(int c, const std::string& value, Evaluate_Option
 }
 
 /// What the options say together, and the files' names.
-inline void check_evaluateOptions(Evaluate_Options& options) {
+inline void check_evaluateOptions(Evaluate_Options& options, const Given_Once& given) {
   const auto& grid = options.grid;
+  options.rawInput = options.inputFile.ends_with(".tpx3");
+  const bool groupingGiven = !given.radius.empty() || !given.window.empty() || !given.photonTime.empty() ||
+                             !options.simulatedFile.empty() || !options.timeWalkFile.empty() ||
+                             !options.fitTimeWalkFile.empty();
+  if (options.rawInput) {
+    if (!grid.dSpace_px.empty() || !grid.dTime_s.empty() || !given.algorithm.empty() || !given.duration.empty()) {
+      throw std::invalid_argument("a raw file is scored by its grouping into photons (--radius, --window, "
+                                  "--photon-time), not by the settings of a reconstruction");
+    }
+    if (!options.fitTimeWalkFile.empty() && !options.timeWalkFile.empty()) {
+      throw std::invalid_argument("--fit-time-walk fits the hits as read, which --time-walk would correct first");
+    }
+    if (options.simulatedFile.empty() && !(options.fitFromData && !options.fitTimeWalkFile.empty())) {
+      throw std::invalid_argument("a raw file needs --simulated FILE.kovraphot, the photons it was simulated from");
+    }
+    if (!options.simulatedFile.empty() && !options.simulatedFile.ends_with(".kovraphot")) {
+      throw std::invalid_argument("simulated photon file \"" + options.simulatedFile + "\" must end in .kovraphot");
+    }
+    if (options.groupingGrid.size() > 100000) throw std::invalid_argument("more than 100000 settings to scan");
+    if (options.truthFile.empty()) {
+      options.truthFile = tools::get_hitPhotonsPath(options.inputFile);
+    } else if (!options.truthFile.ends_with(".truth.kovrahit")) {
+      throw std::invalid_argument("hit truth file \"" + options.truthFile + "\" must end in .truth.kovrahit");
+    }
+    return;
+  }
+  if (groupingGiven) {
+    throw std::invalid_argument("--simulated, --radius, --window, --photon-time and the time-walk options are "
+                                "for a raw file (.tpx3), not a photon file");
+  }
   if (!options.inputFile.ends_with(".kovraphot")) {
-    throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot");
+    throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot or .tpx3");
   }
   if (grid.dSpace_px.empty()) throw std::invalid_argument("no distance in space given (-s or --dSpace-grid)");
   if (grid.dTime_s.empty()) throw std::invalid_argument("no distance in time given (-t or --dTime-grid)");
@@ -224,6 +341,16 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
                                        {"csv", required_argument, nullptr, csv},
                                        {"plots", required_argument, nullptr, plots},
                                        {"threads", required_argument, nullptr, threads},
+                                       {"simulated", required_argument, nullptr, simulated},
+                                       {"radius", required_argument, nullptr, radius},
+                                       {"radius-grid", required_argument, nullptr, radiusGrid},
+                                       {"window", required_argument, nullptr, window},
+                                       {"window-grid", required_argument, nullptr, windowGrid},
+                                       {"photon-time", required_argument, nullptr, photonTime},
+                                       {"photon-time-grid", required_argument, nullptr, photonTimeGrid},
+                                       {"time-walk", required_argument, nullptr, timeWalk},
+                                       {"fit-time-walk", required_argument, nullptr, fitTimeWalk},
+                                       {"fit-from", required_argument, nullptr, fitFrom},
                                        {"help", no_argument, nullptr, 'h'},
                                        tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
@@ -237,10 +364,13 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
       return options;
     }
     const std::string value = optarg ? optarg : "";
-    if (!take_gridOption(c, value, options.grid, given)) take_evaluateOption(c, value, options);
+    if (!take_gridOption(c, value, options.grid, given) &&
+        !take_groupingOption(c, value, options.groupingGrid, given)) {
+      take_evaluateOption(c, value, options);
+    }
   }
   options.inputFile = tools::take_singleInput(argc, argv);
-  check_evaluateOptions(options);
+  check_evaluateOptions(options, given);
   return options;
 }
 

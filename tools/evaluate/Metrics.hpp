@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <numeric>
 #include <vector>
 
 #include "evaluate/Truth.hpp"
@@ -57,6 +58,7 @@ struct Reconstruction_Metrics {
   double iou = 0;           ///< mean over flashes of |flash ∩ main event| / |flash ∪ main event|
   double centroid_rms_px = 0;
   double centroid_p95_px = 0;
+  double time_mean_ns = 0;  ///< the bias of the time error
   double time_rms_ns = 0;
   double time_p95_ns = 0;
   double fom = 0;
@@ -141,10 +143,17 @@ inline double get_figureOfMerit(const std::vector<double>& a, const std::vector<
   return std::abs(pa.position - pb.position) / (pa.fwhm + pb.fwhm);
 }
 
+/// When a flash counts as found.
+enum class Found_Rule {
+  mainEvent,  ///< its main event holds more than half of its photons
+  ownEvent    ///< ... and more than half of that event's photons are its own: a merge finds at most one flash
+};
+
 /// Scores reconstructions of one photon file against its truth. Holds the photons of each flash, found once.
 class Evaluator {
  public:
-  explicit Evaluator(const Truth& truth_) : truth(truth_), flashBegin(truth_.flashes.size() + 1, 0) {
+  explicit Evaluator(const Truth& truth_, Found_Rule foundRule_ = Found_Rule::mainEvent)
+      : truth(truth_), foundRule(foundRule_), flashBegin(truth_.flashes.size() + 1, 0) {
     for (const std::int64_t f : truth.flashOfPhoton) {
       if (f >= 0) ++flashBegin[static_cast<std::size_t>(f) + 1];
     }
@@ -267,7 +276,7 @@ class Evaluator {
       if (main.value == Photon_Memberships::none) continue;  // only when the algorithm reported nothing
       const std::size_t eventSize = members.begin[main.value + 1] - members.begin[main.value];
       tally.iouSum += static_cast<double>(main.run) / static_cast<double>(nPhotons + eventSize - main.run);
-      if (2 * main.run > nPhotons) {
+      if (2 * main.run > nPhotons && (foundRule == Found_Rule::mainEvent || 2 * main.run > eventSize)) {
         ++tally.nFound;
         const auto& flash = truth.flashes[f];
         const Event& event = events[main.value];
@@ -296,6 +305,9 @@ class Evaluator {
     m.centroid_rms_px = metrics_detail::get_rms(tally.centroidErrors);
     m.centroid_p95_px = metrics_detail::get_quantile(tally.centroidErrors, 0.95);
     m.time_rms_ns = metrics_detail::get_rms(tally.timeErrors);
+    m.time_mean_ns = tally.timeErrors.empty() ? std::numeric_limits<double>::quiet_NaN()
+                                              : std::accumulate(tally.timeErrors.begin(), tally.timeErrors.end(), 0.0) /
+                                                    static_cast<double>(tally.timeErrors.size());
     for (double& t : tally.timeErrors) t = std::abs(t);
     m.time_p95_ns = metrics_detail::get_quantile(tally.timeErrors, 0.95);
     m.fom = get_figureOfMerit(tally.psd[0], tally.psd[1]);
@@ -304,6 +316,7 @@ class Evaluator {
   }
 
   const Truth& truth;
+  const Found_Rule foundRule;
   std::vector<std::size_t> flashBegin;    ///< photons of flash f: flashPhotons[flashBegin[f] .. flashBegin[f + 1])
   std::vector<std::size_t> flashPhotons;
   std::array<int, 2> fomClasses{-1, -1};

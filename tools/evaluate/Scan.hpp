@@ -99,8 +99,10 @@ inline std::vector<Scan_Row> run_scan(const Settings_Grid& grid, const kovra::tp
 
 /// The best row: the highest efficiency among rows with a merge rate at most mergeMax (ties: the higher product of
 /// photon purity and completeness, which counts stray photons of splits and merges, then the higher figure of
-/// merit, then the earlier row); when no row qualifies, the lowest merge rate.
-inline std::size_t find_best(const std::vector<Scan_Row>& rows, double mergeMax) {
+/// merit, or whatever `lastTie(metrics)` gives, the higher the better, then the earlier row); when no row qualifies,
+/// the lowest merge rate.
+template <typename Row_Type, typename Tie_Type>
+std::size_t find_best(const std::vector<Row_Type>& rows, double mergeMax, Tie_Type&& lastTie) {
   const auto better = [](double a, double b) { return !std::isnan(a) && (std::isnan(b) || a > b); };
   std::optional<std::size_t> best;
   for (std::size_t r = 0; r < rows.size(); ++r) {
@@ -115,7 +117,7 @@ inline std::size_t find_best(const std::vector<Scan_Row>& rows, double mergeMax)
     const double bestPhotons = b.purity * b.completeness;
     if (better(m.efficiency, b.efficiency) ||
         (m.efficiency == b.efficiency &&
-         (better(photons, bestPhotons) || (photons == bestPhotons && better(m.fom, b.fom))))) {
+         (better(photons, bestPhotons) || (photons == bestPhotons && better(lastTie(m), lastTie(b)))))) {
       best = r;
     }
   }
@@ -125,6 +127,10 @@ inline std::size_t find_best(const std::vector<Scan_Row>& rows, double mergeMax)
     if (better(-rows[r].metrics.merge_rate, -rows[lowest].metrics.merge_rate)) lowest = r;
   }
   return lowest;
+}
+
+inline std::size_t find_best(const std::vector<Scan_Row>& rows, double mergeMax) {
+  return find_best(rows, mergeMax, [](const Reconstruction_Metrics& m) { return m.fom; });
 }
 
 inline std::string format_number(double value) {

@@ -27,7 +27,8 @@
 namespace kovra::import {
 
 /// Writes the pieces' triggers and the right runs' photons to `Output_Type`, which takes
-/// add_photons(const Photon*, count) and add_trigger(Ticks).
+/// add_photons(const Photon*, count) and add_trigger(Ticks), and the photons' charges, in the same order, where it
+/// takes add_charges(const Photon_Charge*, count).
 template <typename Output_Type>
 class Chain_Writer {
  public:
@@ -99,6 +100,7 @@ class Chain_Writer {
       assert(!lastWritten || precedes(*lastWritten, photon));
       lastWritten = photon;
       buffer.push_back(photon.photon);
+      charges.push_back(photon.charge);
       if (buffer.size() == buffer_photons) flush();
     };
     std::size_t p = 0;
@@ -114,8 +116,12 @@ class Chain_Writer {
 
   void flush() {
     output.add_photons(static_cast<const Photon*>(buffer.data()), buffer.size());
+    if constexpr (requires { output.add_charges(charges.data(), charges.size()); }) {
+      output.add_charges(static_cast<const Photon_Charge*>(charges.data()), charges.size());
+    }
     photonsWritten += buffer.size();
     buffer.clear();
+    charges.clear();
   }
 
   /// Photons handed to the output at once.
@@ -128,6 +134,7 @@ class Chain_Writer {
   std::vector<Numbered_Photon> pending;  ///< held back, to be merged with the next run's photons
   std::optional<Numbered_Photon> lastWritten;
   std::vector<Photon> buffer;
+  std::vector<Photon_Charge> charges;  ///< of the photons in `buffer`
   std::uint64_t photonsWritten = 0;
   std::uint64_t triggersWritten = 0;
   std::uint64_t cuts = 0;

@@ -25,6 +25,7 @@
 #include <cstring>
 #include <functional>
 #include <queue>
+#include <type_traits>
 #include <span>
 #include <vector>
 
@@ -35,6 +36,12 @@
 namespace kovra::import {
 
 enum class Photon_Time { strongest, earliest };
+
+/// The charge of a photon: the sum of its hits' ToT, in steps of 25 ns, and their number (each held to 2^32 - 1).
+struct Photon_Charge {
+  std::uint32_t tot;
+  std::uint32_t hits;
+};
 
 namespace detail {
 
@@ -99,7 +106,8 @@ class Hit_Grouping {
   }
 
   /// Takes the next hit, number `number` (times and numbers never decrease from one call to the next); hands
-  /// finished photons to `sink(const Photon&, firstHit)`. Returns the number of the first hit of the photon the
+  /// finished photons to `sink(const Photon&, firstHit)`, or `sink(const Photon&, firstHit, const Photon_Charge&)`
+  /// where the sink takes the charge too. Returns the number of the first hit of the photon the
   /// hit joined.
   template <typename Sink_Type>
   std::uint64_t add_hit(const Timed_Item& hit, std::uint64_t number, Sink_Type&& sink) {
@@ -270,6 +278,7 @@ class Hit_Grouping {
   struct Closed_Photon {
     Photon photon;
     std::uint64_t firstHit;
+    Photon_Charge charge;
     bool operator>(const Closed_Photon& other) const {
       return photon.toa.value != other.photon.toa.value ? photon.toa.value > other.photon.toa.value
                                                         : firstHit > other.firstHit;
@@ -287,13 +296,20 @@ class Hit_Grouping {
     const std::int32_t px = get_mean(weighted ? p.weightedX : p.sumX, denominator);
     const std::int32_t py = get_mean(weighted ? p.weightedY : p.sumY, denominator);
     const Ticks t = photonTime == Photon_Time::strongest ? p.strongestTime : p.first;
-    return Closed_Photon{Photon{{px}, {py}, {t}}, p.firstHit};
+    const auto held = [](std::uint64_t n) {
+      return static_cast<std::uint32_t>(std::min<std::uint64_t>(n, UINT32_MAX));
+    };
+    return Closed_Photon{Photon{{px}, {py}, {t}}, p.firstHit, {held(p.weight), held(p.hits)}};
   }
 
   template <typename Sink_Type>
   void emit_upTo(Ticks bound, Sink_Type& sink) {
     while (!closed.empty() && closed.top().photon.toa.value <= bound) {
-      sink(closed.top().photon, closed.top().firstHit);
+      if constexpr (std::is_invocable_v<Sink_Type&, const Photon&, std::uint64_t, const Photon_Charge&>) {
+        sink(closed.top().photon, closed.top().firstHit, closed.top().charge);
+      } else {
+        sink(closed.top().photon, closed.top().firstHit);
+      }
       closed.pop();
     }
   }

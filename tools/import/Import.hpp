@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -33,6 +34,7 @@ struct Import_Summary {
   std::uint64_t chunks = 0;
   std::uint64_t droppedTot = 0;    ///< hits below --min-tot
   std::uint64_t droppedLate = 0;   ///< hits older than the reorder window allows
+  std::uint64_t droppedMasked = 0;  ///< hits of pixels the mask names
   std::uint64_t tdcRepeats = 0;    ///< TDC packets that repeat an edge already read (one per further chip)
   std::uint64_t lateTriggers = 0;  ///< trigger edges older than the reorder window allows
   std::uint64_t triggers = 0;
@@ -85,7 +87,6 @@ class Tdc_Repeats {
 /// does not fit throw std::invalid_argument.
 template <typename Sink_Type, typename OnProgress_Type>
 void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&& sink, OnProgress_Type&& onProgress) {
-  Raw_Reader reader(options.inputFile);
   Clock_Follower clock;
   detail::Tdc_Repeats repeats;
   Reorder_Window window(options.reorderWindow);
@@ -129,9 +130,14 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
         }
         const int c = static_cast<int>(get_hitColumn(p));
         const int r = static_cast<int>(get_hitRow(p));
-        const Timed_Item item{t, static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c),
-                              static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r),
-                              static_cast<std::uint16_t>(tot), 0};
+        const auto x = static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c);
+        const auto y = static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r);
+        if (options.mask && options.mask->is_masked(x, y)) {
+          ++summary.droppedMasked;
+          continue;
+        }
+        const Ticks corrected = options.timeWalk ? options.timeWalk->correct(t, tot) : t;
+        const Timed_Item item{corrected, x, y, static_cast<std::uint16_t>(tot), 0};
         if (!window.push(item, clock.get_latest(), sink)) ++summary.droppedLate;
         continue;
       }
@@ -160,8 +166,27 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
     summary.packets[static_cast<std::size_t>(Packet_Kind::hit)] += hits;
   };
 
-  reader.read_all(on_chunk, on_packets,
-                  [&](std::uint64_t bytesDone) { onProgress(bytesDone, reader.get_fileBytes()); });
+  // Several files are one stream: the clock, the window and the repeated TDCs carry on from one to the next.
+  const std::vector<std::string> files =
+      options.inputFiles.empty() ? std::vector{options.inputFile} : options.inputFiles;
+  std::uint64_t totalBytes = 0;
+  for (const auto& file : files) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file, error);
+    totalBytes += error ? 0 : size;
+  }
+  std::uint64_t bytesBefore = 0;
+  for (const auto& file : files) {
+    try {
+      Raw_Reader reader(file);
+      reader.read_all(on_chunk, on_packets,
+                      [&](std::uint64_t bytesDone) { onProgress(bytesBefore + bytesDone, totalBytes); });
+      bytesBefore += reader.get_fileBytes();
+    } catch (const std::invalid_argument& e) {
+      if (files.size() == 1) throw;
+      throw std::invalid_argument(file + ": " + e.what());  // which of the files it is
+    }
+  }
   window.finish(sink);
 
   if (clock.is_started()) summary.firstTime = clock.get_start();
@@ -188,14 +213,20 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
   const unsigned frameSize = options.layout == Frame_Layout::quad ? 512 : 256;
   Hit_Grouping grouping(frameSize, frameSize, options.radius_px, options.window, options.photonTime);
   std::vector<Photon> photons;
+  std::vector<Photon_Charge> charges;  // of the photons in `photons`
   photons.reserve(1 << 16);
   const auto flush_photons = [&] {
     output.add_photons(static_cast<const Photon*>(photons.data()), photons.size());
+    if constexpr (requires { output.add_charges(charges.data(), charges.size()); }) {
+      output.add_charges(static_cast<const Photon_Charge*>(charges.data()), charges.size());
+    }
     summary.photons += photons.size();
     photons.clear();
+    charges.clear();
   };
-  const auto take_photon = [&](const Photon& photon, std::uint64_t /*firstHit*/ = 0) {
+  const auto take_photon = [&](const Photon& photon, std::uint64_t /*firstHit*/, const Photon_Charge& charge) {
     photons.push_back(photon);
+    charges.push_back(charge);
     if (photons.size() == photons.capacity()) flush_photons();
   };
   std::uint64_t released = 0;  // items the window has let go: hits are numbered by it
@@ -206,7 +237,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
         output.add_trigger(item.time);
         ++summary.triggers;
       } else if (options.hitsAsPhotons) {
-        take_photon(Photon{{item.x * 65536}, {item.y * 65536}, {item.time}});
+        take_photon(Photon{{item.x * 65536}, {item.y * 65536}, {item.time}}, 0, Photon_Charge{item.tot, 1});
       }
     }
     if (!options.hitsAsPhotons) grouping.add_hits({items, count}, released, take_photon);

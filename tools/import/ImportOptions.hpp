@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -15,6 +16,9 @@
 
 #include "common/CommandLine.hpp"
 #include "import/HitGrouping.hpp"
+#include "import/InputFiles.hpp"
+#include "import/PixelMask.hpp"
+#include "import/TimeWalk.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::import {
@@ -29,7 +33,8 @@ struct Import_Options {
   /// 0.32, 0.31, 0.32 and 0.31 s (best of 5, interleaved): a tie, within which memory grows with the size.
   static constexpr std::size_t default_pieceItems = std::size_t{1} << 16;
 
-  std::string inputFile;
+  std::string inputFile;  ///< the first raw file
+  std::vector<std::string> inputFiles;  ///< every raw file, read in this order as one stream
   std::string outputFile;
   Frame_Layout layout = Frame_Layout::single;
   bool hitsAsPhotons = false;
@@ -39,6 +44,11 @@ struct Import_Options {
   Photon_Time photonTime = Photon_Time::strongest;
   int triggerEdge = 0xF;          ///< the TDC edge nibble kept as triggers; -1 for none
   Ticks reorderWindow = 3200000;  ///< 5 ms
+  std::string timeWalkFile;       ///< --time-walk: the table of delays by ToT, when given
+  std::shared_ptr<const Time_Walk> timeWalk;  ///< read from timeWalkFile by the program before the run
+  std::string maskFile;                       ///< --mask: pixels whose hits are dropped, when given
+  std::shared_ptr<const Pixel_Mask> mask;     ///< read from maskFile by the program before the run
+  bool writeCharge = false;                   ///< --charge: each photon's summed ToT and hits beside the photon file
   int logLevel = 2;
   /// Threads that work: 1 does everything on the calling thread; more run that many less one workers beside
   /// it. The default (taken by parse_importOptions): KOVRA_THREADS, else every core the run may use.
@@ -50,9 +60,11 @@ struct Import_Options {
 };
 
 inline std::string get_importHelp() {
-  return "Usage: kovra_import RAW.tpx3 -o OUT.kovraphot [options]\n"
+  return "Usage: kovra_import RAW.tpx3 [RAW.tpx3 ...] -o OUT.kovraphot [options]\n"
+         "       kovra_import FOLDER -o OUT.kovraphot [options]\n"
          "Turns a Timepix3 raw data file into a photon file for kovra_brantel: photons in time order and the\n"
-         "trigger times of one TDC edge.\n"
+         "trigger times of one TDC edge. Several raw files (or a folder's .tpx3 files, in name order) are read\n"
+         "as one stream, as their concatenation would be.\n"
          "\n"
          "  -o, --output FILE         photon file to write; must end in .kovraphot (required)\n"
          "      --layout single|quad  how chips map into the frame: one chip as 256 x 256 (the default; a file\n"
@@ -68,6 +80,11 @@ inline std::string get_importHelp() {
          "                            a photon's time: that of its largest-ToT hit (the default) or its first\n"
          "      --trigger EDGE        TDC edges that become trigger times: tdc1-rising (the default),\n"
          "                            tdc1-falling, tdc2-rising, tdc2-falling, or none for no trigger list\n"
+         "      --charge              also write each photon's summed ToT and hit count to OUT.kovracharge\n"
+         "      --mask FILE           drop the hits of the pixels listed in FILE ('X Y' lines, as kovra_inspect\n"
+         "                            --hot-pixels writes them) before they are ordered and grouped\n"
+         "      --time-walk FILE      subtract from each hit's time the delay its ToT has in this table (rows\n"
+         "                            'TOT_NS DELAY_TICKS'), before hits are ordered and grouped\n"
          "      --reorder-window SECONDS\n"
          "                            packets more than this much older than the latest time read are dropped\n"
          "                            and counted; the rest are put in time order (default 5e-3, at most 10)\n"
@@ -106,7 +123,10 @@ inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(s
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Import_Options parse_importOptions(int argc, char* argv[]) {
-  enum : int { layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads };
+  enum : int {
+    layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk,
+    mask, charge
+  };
   static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
                                        {"layout", required_argument, nullptr, layout},
                                        {"hits-as-photons", no_argument, nullptr, hitsAsPhotons},
@@ -118,6 +138,9 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
                                        {"reorder-window", required_argument, nullptr, reorder},
                                        {"verbose", required_argument, nullptr, verbose},
                                        {"threads", required_argument, nullptr, threads},
+                                       {"time-walk", required_argument, nullptr, timeWalk},
+                                       {"mask", required_argument, nullptr, mask},
+                                       {"charge", no_argument, nullptr, charge},
                                        {"help", no_argument, nullptr, 'h'},
                                        kovra::tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
@@ -200,6 +223,17 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
         }
         break;
       }
+      case charge:
+        options.writeCharge = true;
+        break;
+      case mask:
+        if (value.empty()) throw std::invalid_argument("option --mask needs a file name");
+        options.maskFile = value;
+        break;
+      case timeWalk:
+        if (value.empty()) throw std::invalid_argument("option --time-walk needs a file name");
+        options.timeWalkFile = value;
+        break;
       case threads:
         threadsGiven = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));
         break;
@@ -214,8 +248,8 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
     }
   }
   if (optind == argc) throw std::invalid_argument("no raw file given");
-  if (argc - optind > 1) throw std::invalid_argument(std::string("more than one raw file: ") + argv[optind + 1]);
-  options.inputFile = argv[optind];
+  options.inputFiles = list_rawInputs(std::vector<std::string>(argv + optind, argv + argc));
+  options.inputFile = options.inputFiles.front();
   if (options.outputFile.empty()) throw std::invalid_argument("no output file given (-o OUT.kovraphot)");
   if (!options.outputFile.ends_with(".kovraphot")) {
     throw std::invalid_argument("the output file must end in .kovraphot, not \"" + options.outputFile + "\"");

@@ -32,6 +32,7 @@ namespace kovra::import {
 struct Numbered_Photon {
   Hit_Grouping::Photon photon;
   std::uint64_t firstHit;
+  Photon_Charge charge;
 };
 
 /// A stretch of the released stream: whole buckets, packed, in the order released.
@@ -103,7 +104,7 @@ class Piece_Worker {
       if (item.kind != 0) {
         out.triggers.push_back(item.time);
       } else {
-        out.photons.push_back({{{item.x * 65536}, {item.y * 65536}, {item.time}}, number});
+        out.photons.push_back({{{item.x * 65536}, {item.y * 65536}, {item.time}}, number, {item.tot, 1}});
       }
       lastTime = item.time;
       ++number;
@@ -120,8 +121,8 @@ class Piece_Worker {
     const bool fresh = continued == nullptr;
     std::unique_ptr<Hit_Grouping> grouping = fresh ? take_grouping(own) : std::move(continued);
     if (fresh) grouping->restart();
-    const auto sink = [&](const Hit_Grouping::Photon& p, std::uint64_t firstHit) {
-      out.photons.push_back({p, firstHit});
+    const auto sink = [&](const Hit_Grouping::Photon& p, std::uint64_t firstHit, const Photon_Charge& charge) {
+      out.photons.push_back({p, firstHit, charge});
     };
     std::uint64_t number = piece.first;
     Ticks lastTime = 0;
@@ -163,8 +164,8 @@ class Piece_Worker {
     std::unique_ptr<Hit_Grouping> fresh = take_grouping(shadow);
     fresh->restart();
     Cut_Search search(grouping.get_window(), lastBefore, lastTime);
-    const auto sink = [&](const Hit_Grouping::Photon& p, std::uint64_t firstHit) {
-      out.photons.push_back({p, firstHit});
+    const auto sink = [&](const Hit_Grouping::Photon& p, std::uint64_t firstHit, const Photon_Charge& charge) {
+      out.photons.push_back({p, firstHit, charge});
     };
     const auto discard = [](const Hit_Grouping::Photon&, std::uint64_t) {};
     std::uint64_t number = next.first;

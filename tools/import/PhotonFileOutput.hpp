@@ -3,7 +3,8 @@
 // A photon file written as a stream through the library's container writer: photons are appended to an open
 // "photons" block as they come, trigger times wait in an anonymous scratch file (so memory stays bounded
 // however many there are) and become the "extTrigs" block at the end. The file appears whole at `commit`, or
-// not at all: an existing file at the target stays as it was when the run fails.
+// not at all: an existing file at the target stays as it was when the run fails. With a charge file, the
+// photons' charges go beside it (ChargeSidecar.hpp), committed just before it.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,11 +16,14 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "common/PhotonFlashes.hpp"
+#include "import/ChargeSidecar.hpp"
 #include "kovra/ContainerFile_Writer.hpp"
 #include "kovra/detail/RecordIO.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
@@ -31,8 +35,10 @@ class PhotonFile_Output {
  public:
   using Photon = kovra::tpx3spidr::PhotonEvent;
 
-  PhotonFile_Output(const std::string& target, bool withTriggers_)
+  /// `chargePath`: where the photons' charges go; none when empty.
+  PhotonFile_Output(const std::string& target, bool withTriggers_, const std::string& chargePath = "")
       : writer((check_writable(target), target)), withTriggers(withTriggers_) {
+    if (!chargePath.empty()) charges.emplace(chargePath);
     if (withTriggers) {
       triggers.reset(std::tmpfile());
       if (!triggers) throw std::invalid_argument("cannot create a scratch file for the trigger times");
@@ -40,7 +46,14 @@ class PhotonFile_Output {
     writer.begin_block(kovra::detail::make_identifier("photons"));
   }
 
-  void add_photons(const Photon* photons, std::size_t count) { writer.append(std::span<const Photon>(photons, count)); }
+  void add_photons(const Photon* photons, std::size_t count) {
+    writer.append(std::span<const Photon>(photons, count));
+    if (charges) fingerprint.add(std::span<const Photon>(photons, count));
+  }
+
+  void add_charges(const Photon_Charge* photonCharges, std::size_t count) {
+    if (charges) charges->add(std::span<const Photon_Charge>(photonCharges, count));
+  }
 
   void add_trigger(long time) {
     if (withTriggers && std::fwrite(&time, sizeof time, 1, triggers.get()) != 1) {
@@ -62,6 +75,7 @@ class PhotonFile_Output {
       }
       writer.end_block();
     }
+    if (charges) charges->commit(fingerprint.value());
     try {
       writer.commit();
     } catch (const std::runtime_error& e) {
@@ -91,6 +105,8 @@ class PhotonFile_Output {
 
   kovra::ContainerFile_Writer<2> writer;
   const bool withTriggers;
+  std::optional<Charge_Writer> charges;
+  kovra::tools::Photon_Fingerprint fingerprint;  ///< of the photons written, for the charge file
   std::unique_ptr<std::FILE, Close_File> triggers;
 };
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -43,6 +44,10 @@ std::vector<std::string> get_summaryLines(const Import_Options& options, const I
   const std::uint64_t hits = s.packets[static_cast<std::size_t>(Packet_Kind::hit)];
   lines.push_back("hits: " + std::to_string(hits) + " read, " + std::to_string(s.droppedTot) +
                   " dropped below the ToT threshold, " + std::to_string(s.droppedLate) + " dropped as late");
+  if (options.mask) {
+    lines.push_back("mask: " + format_count(s.droppedMasked, "hit") + " of " +
+                    format_count(options.mask->get_count(), "masked pixel") + " dropped");
+  }
   lines.push_back("photons: " + std::to_string(s.photons) + " written (" +
                   (options.hitsAsPhotons ? std::string("one per hit") : std::string("grouped hits")) + ")");
   if (options.triggerEdge < 0) {
@@ -62,7 +67,25 @@ std::vector<std::string> get_summaryLines(const Import_Options& options, const I
   return lines;
 }
 
-int run_importTool(const Import_Options& options) {
+int run_importTool(const Import_Options& commandLine) {
+  Import_Options options = commandLine;
+  if (!options.timeWalkFile.empty()) {
+    try {
+      options.timeWalk = std::make_shared<const Time_Walk>(read_timeWalk(options.timeWalkFile));
+    } catch (const std::invalid_argument& e) {
+      std::cerr << "kovra_import: " << e.what() << '\n';
+      return kovra::tools::exit_failure;
+    }
+  }
+  if (!options.maskFile.empty()) {
+    try {
+      const unsigned side = options.layout == Frame_Layout::quad ? 512 : 256;
+      options.mask = std::make_shared<const Pixel_Mask>(read_pixelMask(options.maskFile, side));
+    } catch (const std::invalid_argument& e) {
+      std::cerr << "kovra_import: " << e.what() << '\n';
+      return kovra::tools::exit_failure;
+    }
+  }
   kovra::tools::Progress progress(options.logLevel >= 2 && isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   progress.set_label("importing");
   std::optional<PhotonFile_Output> output;
@@ -71,7 +94,8 @@ int run_importTool(const Import_Options& options) {
     return kovra::tools::exit_failure;
   }
   try {
-    output.emplace(options.outputFile, options.triggerEdge >= 0);
+    output.emplace(options.outputFile, options.triggerEdge >= 0,
+                   options.writeCharge ? get_chargePath(options.outputFile) : std::string());
   } catch (const std::invalid_argument& e) {
     std::cerr << "kovra_import: " << e.what() << '\n';
     return kovra::tools::exit_failure;
@@ -87,7 +111,9 @@ int run_importTool(const Import_Options& options) {
     progress.finish();
   } catch (const std::exception& e) {
     progress.finish();
-    std::cerr << "kovra_import: " << options.inputFile << ": " << e.what() << '\n';
+    // With several raw files the message names the one it is about.
+    std::cerr << "kovra_import: " << (options.inputFiles.size() > 1 ? "" : options.inputFile + ": ") << e.what()
+              << '\n';
     return kovra::tools::exit_failure;
   }
   try {

@@ -3,18 +3,22 @@
 // One run of kovra_inspect: open the file through the reader of its type, then the summary and the exports
 // asked for, each a walk over the records.
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <type_traits>
 #include <utility>
 
 #include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
 #include "inspect/CsvExport.hpp"
 #include "inspect/Hdf5Export.hpp"
+#include "inspect/HotPixels.hpp"
 #include "inspect/HistogramPass.hpp"
 #include "inspect/InspectOptions.hpp"
 #include "inspect/PngExport.hpp"
@@ -50,12 +54,30 @@ inline void create_exportFolders(const Inspect_Options& options) {
       {options.csvFile, "CSV file"},          {options.hdf5File, "HDF5 file"},
       {options.imageFile, "PNG file"},        {options.spectrumFile, "CSV file"},
       {options.stackHdf5File, "HDF5 file"},   {options.stackTiffFile, "TIFF file"},
-      {options.plotFile, "PNG file"}};
+      {options.plotFile, "PNG file"},         {options.hotPixelsFile, "mask file"}};
   for (const auto& [path, what] : outputs) {
     if (!path || *path == "-") continue;
     if (const std::error_code error = tools::create_outputFolders(*path)) {
       throw std::runtime_error(std::string("cannot write ") + what + " \"" + *path + "\": " + error.message());
     }
+  }
+}
+
+/// Writes the hot pixels of `counts` to the file --hot-pixels names, whole or not at all, or to `out` for "-".
+inline void write_hotPixelsOutput(const Inspect_Options& options, const Pixel_Counts& counts, std::ostream& out,
+                                  const char* unit) {
+  const Hot_Pixels hot = find_hotPixels(counts, options.hotFactor);
+  if (*options.hotPixelsFile == "-") return write_hotPixels(out, hot, options.inputFile, options.hotFactor, unit);
+  kovra::OutputFile_Atomic file(*options.hotPixelsFile);
+  write_hotPixels(file.stream(), hot, options.inputFile, options.hotFactor, unit);
+  if (!file.stream() || file.get_error() != 0) {
+    throw std::runtime_error("cannot write mask file \"" + *options.hotPixelsFile +
+                             "\": " + std::strerror(file.get_error() != 0 ? file.get_error() : EIO));
+  }
+  try {
+    file.commit();
+  } catch (const std::runtime_error&) {
+    throw std::runtime_error("cannot write mask file \"" + *options.hotPixelsFile + "\": " + std::strerror(errno));
   }
 }
 
@@ -101,16 +123,26 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
     }
   }
   if (histograms) histograms->run(out, notes, progress);
+  if constexpr (std::is_same_v<Record_Type, PhotonEvent>) {
+    if (options.hotPixelsFile) {
+      progress.set_label("hot pixels");
+      write_hotPixelsOutput(options, count_photonPixels(file, &progress), out, "photons");
+    }
+  }
 }
 
 /// Picks the reader by the file's extension and runs; the library reader's exceptions pass through.
 inline void run_inspect(const Inspect_Options& options, std::ostream& out, std::ostream& notes, tools::Progress& progress) {
-  if (options.inputFile.ends_with(Record_Traits<PhotonEvent>::extension)) {
+  if (options.inputFile.ends_with(".tpx3")) {
+    create_exportFolders(options);
+    write_hotPixelsOutput(options, count_rawPixels(options.inputFile), out, "hits");
+  } else if (options.inputFile.ends_with(Record_Traits<PhotonEvent>::extension)) {
     run_inspect(options, RecordFile<PhotonEvent>(options.inputFile), out, notes, progress);
   } else if (options.inputFile.ends_with(Record_Traits<Event>::extension)) {
     run_inspect(options, RecordFile<Event>(options.inputFile), out, notes, progress);
   } else {
-    throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot or .kovraevent");
+    throw std::invalid_argument("input file \"" + options.inputFile +
+                                "\" must end in .kovraphot or .kovraevent (or .tpx3 for --hot-pixels)");
   }
 }
 

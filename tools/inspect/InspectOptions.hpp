@@ -73,6 +73,8 @@ struct Inspect_Options {
   kovra::TimeOfFlight_Bins::Spacing tofSpacing = kovra::TimeOfFlight_Bins::Spacing::linear;
   std::uint64_t stackMemory_MiB = 1024;
   Selection_Options selection;
+  std::optional<std::string> hotPixelsFile;  ///< the hot pixels as a mask file; "-" for standard output
+  double hotFactor = 10;                     ///< hot: more than this times the median count
 
   bool wants_stack() const { return stackHdf5File || stackTiffFile; }
   /// Whether the run needs the time of flight of every record, so a trigger list.
@@ -83,7 +85,7 @@ struct Inspect_Options {
 /// Values getopt_long returns for the long options without a short form.
 enum Inspect_LongOption : int {
   spectrum = 0x100, stackHdf5, stackTiff, plot, tofBins, tofLog, tofMin, tofMax, psdMin, psdMax, photonsMin,
-  photonsMax, region, stackMemory
+  photonsMax, region, stackMemory, hotPixels, hotFactor
 };
 
 inline const std::vector<option>& get_inspectLongOptions() {
@@ -105,6 +107,8 @@ inline const std::vector<option>& get_inspectLongOptions() {
       {"photons-max", required_argument, nullptr, photonsMax},
       {"region", required_argument, nullptr, region},
       {"stack-memory", required_argument, nullptr, stackMemory},
+      {"hot-pixels", required_argument, nullptr, hotPixels},
+      {"hot-factor", required_argument, nullptr, hotFactor},
       {"help", no_argument, nullptr, 'h'},          tools::versionLongOption,
       {nullptr, 0, nullptr, 0}};
   return options;
@@ -113,6 +117,7 @@ inline const std::vector<option>& get_inspectLongOptions() {
 inline std::string get_inspectHelp() {
   return "Usage: kovra_inspect FILE [options]\n"
          "Shows what a photon file (.kovraphot) or an event file (.kovraevent) holds, and exports its records.\n"
+         "Of a Timepix3 raw file (.tpx3) it lists the hot pixels (--hot-pixels), and nothing else.\n"
          "\n"
          "  -s, --summary           print the summary (the default when no export is asked for): record count,\n"
          "                          time span and mean rate, external triggers, position extent and, for event\n"
@@ -130,6 +135,10 @@ inline std::string get_inspectHelp() {
          "      --stack-tiff FILE   write the same stack as a multi-page TIFF, one page per bin\n"
          "      --plot FILE.png     draw a figure of an event file: event map, photons per event, pulse-shape\n"
          "                          value and, when the file has triggers, the time-of-flight spectrum\n"
+         "      --hot-pixels FILE   list the pixels of a raw or photon file that fire more than --hot-factor\n"
+         "                          times the median of the pixels that fired, as 'X Y' lines kovra_import --mask\n"
+         "                          reads ('-' for standard output)\n"
+         "      --hot-factor F      the factor above the median, more than 1 (default 10)\n"
          "\n"
          "Time of flight: a record's time minus the latest trigger at or before it.\n"
          "      --tof-bins N        number of time-of-flight bins, 1 to 1000000 (default 100)\n"
@@ -233,6 +242,15 @@ inline void check_inspectOptions(const Inspect_Options& options) {
     throw std::invalid_argument("option --photons-max must not be smaller than --photons-min");
   }
   const bool events = options.inputFile.ends_with(".kovraevent");
+  const bool raw = options.inputFile.ends_with(".tpx3");
+  if (raw && (!options.hotPixelsFile || options.summary || options.csvFile || options.hdf5File ||
+              options.imageFile || options.wants_histogramPass() || options.wants_timeOfFlight() ||
+              !s.text.empty())) {
+    throw std::invalid_argument("a raw file (.tpx3) takes only --hot-pixels and --hot-factor");
+  }
+  if (events && options.hotPixelsFile) {
+    throw std::invalid_argument("option --hot-pixels needs a raw file (.tpx3) or a photon file (.kovraphot)");
+  }
   if (!events && s.uses_eventFields()) {
     throw std::invalid_argument("the selections by pulse-shape value and photon count need an event file");
   }
@@ -242,6 +260,10 @@ inline void check_inspectOptions(const Inspect_Options& options) {
     throw std::invalid_argument(options.summary && options.csvFile == "-"
                                     ? "the summary and --csv - cannot share standard output"
                                     : "only one of the summary, --csv - and --spectrum - can go to standard output");
+  }
+  if (onStandardOutput + int{options.hotPixelsFile == "-"} > 1) {
+    throw std::invalid_argument(
+        "--hot-pixels - cannot share standard output with the summary, --csv - or --spectrum -");
   }
 }
 
@@ -275,6 +297,12 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
       case 'S':
         options.size_px = tools::parse_number<int>("size", optarg, {"a whole number of pixels", 1, 32768, false, true});
         break;
+      case hotPixels:
+        options.hotPixelsFile = optarg;
+        break;
+      case hotFactor:
+        options.hotFactor = tools::parse_number("hot-factor", optarg, {"a number", 1, 1e12, true});
+        break;
       default:
         if (tools::is_commonOption(c)) {
           tools::take_commonOption(c, argv, options);
@@ -284,7 +312,8 @@ inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
     }
   }
   options.inputFile = tools::take_singleInput(argc, argv);
-  if (!options.csvFile && !options.hdf5File && !options.imageFile && !options.wants_histogramPass()) {
+  if (!options.csvFile && !options.hdf5File && !options.imageFile && !options.wants_histogramPass() &&
+      !options.hotPixelsFile) {
     options.summary = true;
   }
   options_detail::check_inspectOptions(options);

@@ -31,6 +31,7 @@ struct Raw_Hit {
   unsigned x;
   unsigned y;
   unsigned tot;
+  std::uint64_t photon;  ///< the index of the photon that lit it, in the order the photons were handed over
 };
 
 namespace detail {
@@ -106,6 +107,7 @@ class Raw_Writer {
         add_hit(p.toa.value + walk, static_cast<unsigned>(x), static_cast<unsigned>(y), tot);
       }
     }
+    ++nPhotons;
   }
 
   /// Writes what is left: the last photons' slice and the triggers after them.
@@ -124,8 +126,9 @@ class Raw_Writer {
   void add_hit(long time, unsigned x, unsigned y, unsigned tot) {
     unsigned chip = 0, c = 0, r = 0;
     detail::place_onChip(quad, x, y, chip, c, r);
-    chips[chip].push_back(
-        {kovra::tpx3spidr::raw::make_hitPacket(c, r, tot, static_cast<std::uint64_t>(time)), {time, x, y, tot}, true});
+    chips[chip].push_back({kovra::tpx3spidr::raw::make_hitPacket(c, r, tot, static_cast<std::uint64_t>(time)),
+                           {time, x, y, tot, nPhotons},
+                           true});
   }
 
   /// Ends the slice at `begin`: adds its trigger edges, writes it when it holds anything (or a heartbeat is
@@ -188,6 +191,7 @@ class Raw_Writer {
   Time trigger{0};
   bool hasTrigger = false;
   std::uint64_t nTriggers = 0;
+  std::uint64_t nPhotons = 0;  ///< photons handed over so far: the index of the one being added
 };
 
 /// The raw form of a photon list in memory, written to `out`. Throws std::invalid_argument when the frame is

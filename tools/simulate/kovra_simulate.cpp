@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/HitPhotons.hpp"
 #include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
 #include "common/PhotonFlashes.hpp"
@@ -74,8 +75,16 @@ void write_simulation(const Simulate_Options& options) {
   }
 
   std::optional<kovra::OutputFile_Atomic> rawFile;
+  // With the truth, the raw file gets the photon of each of its hits beside it, for scoring the import.
+  std::optional<kovra::tools::HitPhotons_Writer> hitPhotons;
+  if (options.writeTruth && !options.rawPath.empty()) {
+    hitPhotons.emplace(kovra::tools::get_hitPhotonsPath(options.rawPath));
+  }
   std::uint64_t nHits = 0;
-  const auto countHit = [&nHits](const Raw_Hit&) { ++nHits; };
+  const auto countHit = [&nHits, &hitPhotons](const Raw_Hit& hit) {
+    ++nHits;
+    if (hitPhotons) hitPhotons->add(hit.photon);
+  };
   std::optional<Raw_Writer<decltype(countHit)>> raw;
   if (!options.rawPath.empty()) {
     rawFile.emplace(options.rawPath);
@@ -114,6 +123,7 @@ void write_simulation(const Simulate_Options& options) {
         if (truth) check_output(*truth);
         if (flashes) flashes->check();
         if (rawFile) check_output(*rawFile);
+        if (hitPhotons) hitPhotons->check();
       });
   check_photonFile();
   photonFile.end_block();
@@ -139,11 +149,13 @@ void write_simulation(const Simulate_Options& options) {
   if (raw) {
     raw->finish();
     check_flushedOutput(*rawFile);
+    if (hitPhotons) hitPhotons->finish(nPhotons, fingerprint.value());
   }
   if (truth) check_flushedOutput(*truth);
   if (flashes) flashes->finish(counts.nEvents, fingerprint.value());
   // The companions first, the photon file last: whoever waits for it finds them in place.
   if (rawFile) rawFile->commit();
+  if (hitPhotons) hitPhotons->commit();
   if (truth) truth->commit();
   if (flashes) flashes->commit();
   photonFile.commit();
@@ -159,6 +171,7 @@ void write_simulation(const Simulate_Options& options) {
   if (raw) {
     std::cout << "kovra_simulate: wrote the raw form, " << format_count(nHits, "hit") << ", to " << options.rawPath
               << "\n";
+    if (hitPhotons) std::cout << "kovra_simulate: the photon of each hit in " << hitPhotons->get_path() << "\n";
   }
 }
 

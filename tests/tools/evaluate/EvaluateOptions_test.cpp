@@ -51,6 +51,30 @@ TEST(EvaluateOptionsTest, GridsSettingsAndTheTruthBesideThePhotons) {
   EXPECT_FALSE(d.grid.dTime_ext.has_value());
 }
 
+TEST(EvaluateOptionsTest, ARawFileScansTheGroupingWithTheHitFileBesideIt) {
+  const auto o = parse("d/run.tpx3 --simulated sim.kovraphot --radius-grid 0,2 --window 5e-8 "
+                       "--photon-time-grid earliest,strongest");
+  EXPECT_TRUE(o.rawInput);
+  EXPECT_EQ(o.truthFile, "d/run.truth.kovrahit");
+  EXPECT_EQ(o.simulatedFile, "sim.kovraphot");
+  EXPECT_EQ(o.groupingGrid.radius_px, (std::vector<unsigned>{0, 2}));
+  EXPECT_EQ(o.groupingGrid.window_s, (std::vector<double>{5e-8}));
+  EXPECT_EQ(o.groupingGrid.photonTimes,
+            (std::vector<kovra::import::Photon_Time>{kovra::import::Photon_Time::earliest,
+                                                     kovra::import::Photon_Time::strongest}));
+  EXPECT_FALSE(o.mergeMax.has_value());  // the program's default for a grouping applies
+  // kovra_import's defaults.
+  const auto d = parse("run.tpx3 --simulated sim.kovraphot");
+  EXPECT_EQ(d.groupingGrid.size(), 1U);
+  EXPECT_EQ(d.groupingGrid.radius_px.at(0), 1U);
+  EXPECT_EQ(d.groupingGrid.window_s.at(0), 250e-9);
+  // A fit from the data alone needs no truth.
+  const auto f = parse("run.tpx3 --fit-time-walk walk.txt --fit-from data");
+  EXPECT_TRUE(f.fitFromData);
+  EXPECT_EQ(f.fitTimeWalkFile, "walk.txt");
+  EXPECT_EQ(f.simulatedFile, "");
+}
+
 TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
   const struct {
     std::string args;
@@ -69,12 +93,35 @@ TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
       {"run.kovraphot -t 1", "no distance in space given (-s or --dSpace-grid)"},
       {"run.kovraphot -s 1", "no distance in time given (-t or --dTime-grid)"},
       {"-s 1 -t 1", "no input file given"},
-      {"run.kovraevent -s 1 -t 1", "input file \"run.kovraevent\" must end in .kovraphot"},
+      {"run.kovraevent -s 1 -t 1", "input file \"run.kovraevent\" must end in .kovraphot or .tpx3"},
       {"run.kovraphot -s 1 -t 1 --truth run.csv", "truth file \"run.csv\" must end in .truth.csv"},
       {"run.kovraphot -s 1 -t 1 --fom-photons 2.5",
        "option --fom-photons needs a whole number from 1 to 1000000000, not \"2.5\""},
       {"run.kovraphot -s 1 -t 1 --merge-max 2", "option --merge-max needs a share from 0 to 1, not \"2\""},
       {"run.kovraphot -s 1 -t 1 --threads 0", "option --threads needs a whole number from 1 to 1024, not \"0\""},
+      {"run.tpx3 --radius 1", "a raw file needs --simulated FILE.kovraphot, the photons it was simulated from"},
+      {"run.tpx3 --simulated s.kovraphot -s 1",
+       "a raw file is scored by its grouping into photons (--radius, --window, --photon-time), not by the "
+       "settings of a reconstruction"},
+      {"run.tpx3 --simulated s.tpx3", "simulated photon file \"s.tpx3\" must end in .kovraphot"},
+      {"run.tpx3 --simulated s.kovraphot --truth r.truth.csv",
+       "hit truth file \"r.truth.csv\" must end in .truth.kovrahit"},
+      {"run.tpx3 --simulated s.kovraphot --radius-grid 1,17",
+       "option --radius-grid needs a whole number of pixels from 0 to 16, not \"17\""},
+      {"run.tpx3 --simulated s.kovraphot --window 2",
+       "option --window needs a number of seconds from 0 to 1, not \"2\""},
+      {"run.tpx3 --simulated s.kovraphot --photon-time-grid first",
+       "option --photon-time-grid needs strongest or earliest, not \"first\""},
+      {"run.tpx3 --simulated s.kovraphot --radius 1 --radius-grid 2",
+       "options --radius and --radius-grid exclude each other"},
+      {"run.kovraphot -s 1 -t 1 --window 1e-8",
+       "--simulated, --radius, --window, --photon-time and the time-walk options are for a raw file (.tpx3), not a "
+       "photon file"},
+      {"run.tpx3 --fit-time-walk w.txt",
+       "a raw file needs --simulated FILE.kovraphot, the photons it was simulated from"},
+      {"run.tpx3 --fit-from truth --fit-time-walk w.txt --time-walk v.txt --simulated s.kovraphot",
+       "--fit-time-walk fits the hits as read, which --time-walk would correct first"},
+      {"run.tpx3 --fit-from model --fit-time-walk w.txt", "option --fit-from needs truth or data, not \"model\""},
   };
   for (const auto& c : cases) {
     EXPECT_THAT([&] { parse(c.args); }, ThrowsMessage<std::invalid_argument>(StrEq(c.message))) << c.message;

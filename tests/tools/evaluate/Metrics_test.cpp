@@ -45,8 +45,8 @@ struct Scene {
   }
 
   /// Events made of the given members, as an algorithm would report them.
-  Reconstruction_Metrics evaluate(const Members& members) const {
-    const Evaluator evaluator(truth);
+  Reconstruction_Metrics evaluate(const Members& members, Found_Rule rule = Found_Rule::mainEvent) const {
+    const Evaluator evaluator(truth, rule);
     Photon_Memberships memberships(photons.size());
     std::vector<kovra::tpx3spidr::Event> events;
     for (std::size_t e = 0; e < members.size(); ++e) {
@@ -89,6 +89,17 @@ TEST(MetricsTest, HandBuiltReconstructionsGiveTheKnownFigures) {
     const double want[] = {c.efficiency, c.split, c.merge, c.fake, c.purity, c.completeness, c.iou};
     for (int i = 0; i < 7; ++i) EXPECT_DOUBLE_EQ(got[i], want[i]) << "figure " << i;
   }
+}
+
+TEST(MetricsTest, UnderTheOwnEventRuleAMergeFindsOnlyTheFlashThatDominates) {
+  const Scene scene(false);
+  // Flash 0 gives 4 of the big event's 7 photons, flash 1 three of its four.
+  const Members lopsided = {{0, 1, 2, 3, 4, 5, 6}, {7}};
+  EXPECT_DOUBLE_EQ(scene.evaluate(lopsided).efficiency, 1.0);
+  EXPECT_DOUBLE_EQ(scene.evaluate(lopsided, Found_Rule::ownEvent).efficiency, 0.5);
+  // An even merge finds neither; clean events are found under both rules.
+  EXPECT_DOUBLE_EQ(scene.evaluate({{0, 1, 2, 3, 4, 5, 6, 7}}, Found_Rule::ownEvent).efficiency, 0.0);
+  EXPECT_DOUBLE_EQ(scene.evaluate({{0, 1, 2}, {3}, {4, 5, 6, 7}}, Found_Rule::ownEvent).efficiency, 1.0);
 }
 
 TEST(MetricsTest, CentroidAndTimeErrorsComeFromFoundFlashesOnly) {

@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstdio>
 #include <filesystem>
+#include <map>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -105,6 +108,112 @@ TEST(EvaluateProgramTest, ATableThatCannotBeWrittenSaysWhy) {
   EXPECT_EQ(std::tuple(r.status, r.err),
             std::tuple(1, std::string("kovra_evaluate: run.kovraphot: cannot write 'taken.csv': Is a directory\n")));
   EXPECT_FALSE(std::filesystem::exists(dir.file("taken.csv.part")));
+}
+
+TEST(EvaluateGroupingTest, ScoresTheImportsOwnPhotonsOnAnyThreadCount) {
+  TempDir dir;
+  // Flashes of 20 photons (blobs that overlap), and of about one photon each, spread wide (blobs alone).
+  for (const char* args :
+       {"-o dense.kovraphot --raw dense.tpx3", "-o sparse.kovraphot --raw sparse.tpx3 -n 1 --sigma 40"}) {
+    const auto r = run_program(dir, KOVRA_SIMULATE_PATH, std::string(args) + " -d 0.002 -r 2e4 --seed 4 --truth");
+    ASSERT_EQ(r.status, 0) << r.err;
+  }
+  // The photons it scores are the import's own: as many as kovra_import writes with the same settings.
+  for (const char* setting : {"", "--radius 0 --window 2e-8", "--radius 2 --window 1e-7 --photon-time earliest"}) {
+    const auto imported =
+        run_program(dir, KOVRA_IMPORT_PATH, std::string("dense.tpx3 -o i.kovraphot ") + setting);
+    ASSERT_EQ(imported.status, 0) << imported.err;
+    const auto at = imported.out.find("photons: ");
+    const std::string count = imported.out.substr(at + 9, imported.out.find(' ', at + 9) - at - 9);
+    const auto scored = evaluate(dir, std::string("dense.tpx3 --simulated dense.kovraphot ") + setting);
+    ASSERT_EQ(scored.status, 0) << scored.err;
+    EXPECT_NE(scored.out.find("; photons made: " + count + "\n"), std::string::npos) << setting << scored.out;
+  }
+  // Lone blobs: all found with the default window; one too short for the time walk splits them.
+  const auto lone = evaluate(dir, "sparse.tpx3 --simulated sparse.kovraphot");
+  EXPECT_NE(lone.out.find("efficiency:     100 %"), std::string::npos) << lone.out;
+  EXPECT_NE(lone.out.find("merge rate:     0 %"), std::string::npos) << lone.out;
+  const auto torn = evaluate(dir, "sparse.tpx3 --simulated sparse.kovraphot --window 2e-9");
+  EXPECT_EQ(torn.out.find("split rate:     0 %"), std::string::npos) << torn.out;
+
+  const std::string scan = "dense.tpx3 --simulated dense.kovraphot --radius-grid 0,1 --window-grid 1e-8,1e-7 "
+                           "--photon-time-grid strongest,earliest ";
+  const auto plotted = evaluate(dir, scan + "--plots out --csv scan.csv");
+  ASSERT_EQ(plotted.status, 0) << plotted.err;
+  const std::string csv = read_bytes(dir.file("scan.csv"));
+  EXPECT_TRUE(csv.starts_with("radius_px,window_s,photon_time,true_photons,photons,efficiency,")) << csv;
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 9);
+  EXPECT_TRUE(read_bytes(dir.file("out/heatmaps.png")).starts_with("\x89PNG"));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("out/psd_best.png")));
+  for (const char* threads : {"1", "3"}) {
+    const auto again = evaluate(dir, scan + "--csv again.csv --threads " + threads);
+    EXPECT_EQ(read_bytes(dir.file("again.csv")), csv) << threads;
+  }
+  // A hit file made for other photons is refused.
+  const auto other = evaluate(dir, "dense.tpx3 --simulated sparse.kovraphot");
+  EXPECT_EQ(other.status, 1);
+  EXPECT_NE(other.err.find("hit truth file 'dense.truth.kovrahit': made for "), std::string::npos) << other.err;
+}
+
+namespace {
+
+/// The rows of a time-walk table: ToT in ns to delay in ticks.
+std::map<long, long> read_table(const std::string& path) {
+  std::map<long, long> rows;
+  std::istringstream lines(read_bytes(path));
+  for (std::string line; std::getline(lines, line);) {
+    long tot = 0, delay = 0;
+    if (!line.starts_with("#") && std::sscanf(line.c_str(), "%ld %ld", &tot, &delay) == 2) rows[tot] = delay;
+  }
+  return rows;
+}
+
+double read_timeSpread(const std::string& report) {
+  const auto at = report.find("spread (SD) ");
+  return at == std::string::npos ? -1 : std::stod(report.substr(at + 12));
+}
+
+}  // namespace
+
+TEST(EvaluateGroupingTest, FittedTimeWalkFollowsTheModelAndNarrowsPhotonTimes) {
+  TempDir dir;
+  // Lone photons, each a blob whose hits lag by 256 / ToT ticks plus 0 to 3.
+  const auto r = run_program(dir, KOVRA_SIMULATE_PATH,
+                             "-o sim.kovraphot --raw run.tpx3 -d 0.01 -r 2e5 -n 1 --sigma 40 --seed 5 --truth");
+  ASSERT_EQ(r.status, 0) << r.err;
+  const auto truth = evaluate(dir, "run.tpx3 --simulated sim.kovraphot --fit-time-walk truth.txt --plots out");
+  ASSERT_EQ(truth.status, 0) << truth.err;
+  EXPECT_TRUE(read_bytes(dir.file("out/time_walk.png")).starts_with("\x89PNG"));
+  const auto fitted = read_table(dir.file("truth.txt"));
+  ASSERT_GT(fitted.size(), 20U);
+  for (const auto& [tot, delay] : fitted) {
+    const long jitter = delay - 256 / (tot / 25);  // the median of 0 to 3
+    EXPECT_TRUE(jitter == 1 || jitter == 2) << tot << " ns: " << delay;
+  }
+  // From the data alone: the same curve, less the delay of the strongest hits.
+  const auto data = evaluate(dir, "run.tpx3 --fit-time-walk data.txt --fit-from data");
+  ASSERT_EQ(data.status, 0) << data.err;
+  const auto relative = read_table(dir.file("data.txt"));
+  long lowest = 1000, highest = -1000;
+  for (const auto& [tot, delay] : relative) {
+    if (!fitted.contains(tot)) continue;
+    lowest = std::min(lowest, fitted.at(tot) - delay);
+    highest = std::max(highest, fitted.at(tot) - delay);
+  }
+  EXPECT_LE(highest - lowest, 4) << lowest << " to " << highest;
+
+  // Corrected, a photon's time lies far closer to the truth; kovra_import makes the same photons.
+  const std::string setting = " --window 5e-9";
+  const double before = read_timeSpread(evaluate(dir, "run.tpx3 --simulated sim.kovraphot" + setting).out);
+  const auto after = evaluate(dir, "run.tpx3 --simulated sim.kovraphot --time-walk truth.txt" + setting);
+  EXPECT_LT(read_timeSpread(after.out), before / 4) << after.out;
+  const auto imported = run_program(dir, KOVRA_IMPORT_PATH, "run.tpx3 -o i.kovraphot --time-walk truth.txt" + setting);
+  const auto at = imported.out.find("photons: ");
+  ASSERT_NE(at, std::string::npos) << imported.err;
+  EXPECT_NE(after.out.find("photons made: " + imported.out.substr(at + 9, imported.out.find(' ', at + 9) - at - 9) +
+                           "\n"),
+            std::string::npos)
+      << after.out;
 }
 
 TEST(EvaluateProgramTest, AWriteRefusedOnTheWayEndsWithItsReasonAndLeavesEarlierFiles) {

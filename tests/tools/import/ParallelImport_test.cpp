@@ -24,8 +24,12 @@ using namespace kovra::import;
 struct Kept_Output {
   std::vector<std::tuple<int, int, long>> photons;
   std::vector<long> triggers;
+  std::vector<std::pair<unsigned, unsigned>> charges;  ///< summed ToT and hits of each photon
   void add_photons(const Hit_Grouping::Photon* p, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i) photons.emplace_back(p[i].x.value, p[i].y.value, p[i].toa.value);
+  }
+  void add_charges(const Photon_Charge* c, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) charges.emplace_back(c[i].tot, c[i].hits);
   }
   void add_trigger(long t) { triggers.push_back(t); }
 };
@@ -54,6 +58,12 @@ auto get_counts(const Import_Summary& s) {
 Parallel_Stats expect_sameOnEveryThreadCount(const Import_Options& options) {
   const Imported one = import_file(options, 1, Import_Options::default_pieceItems);
   EXPECT_FALSE(one.summary.parallel);
+  // Every hit that was kept is in exactly one photon's charge.
+  EXPECT_EQ(one.output.charges.size(), one.output.photons.size());
+  std::uint64_t hits = 0;
+  for (const auto& [tot, n] : one.output.charges) hits += n;
+  const auto& s = one.summary;
+  EXPECT_EQ(hits, s.packets[static_cast<std::size_t>(Packet_Kind::hit)] - s.droppedTot - s.droppedLate);
   Parallel_Stats total;
   const std::pair<unsigned, std::size_t> runs[] = {
       {2, Import_Options::default_pieceItems}, {2, 1}, {3, 7}, {4, 1}, {5, 997}, {6, 1}, {7, 7}, {8, 1}};
@@ -61,6 +71,7 @@ Parallel_Stats expect_sameOnEveryThreadCount(const Import_Options& options) {
     SCOPED_TRACE(testing::Message() << threads << " threads, pieces of " << pieceItems << " items");
     const Imported many = import_file(options, threads, pieceItems);
     EXPECT_EQ(many.output.photons, one.output.photons);
+    EXPECT_EQ(many.output.charges, one.output.charges);
     EXPECT_EQ(many.output.triggers, one.output.triggers);
     EXPECT_EQ(get_counts(many.summary), get_counts(one.summary));
     if (!many.summary.parallel) {

@@ -4,14 +4,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "FileBytes.hpp"
 #include "GroupingReference.hpp"
 #include "RunProgram.hpp"
+#include "common/PhotonFlashes.hpp"
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
@@ -94,7 +99,9 @@ TEST_F(ImportTest, BadCommandLines) {
       {"a.tpx3 -o a.kovraphot --window -1e-9", "option --window needs a number of seconds from 0 to 1, not \"-1e-9\""},
       {"a.tpx3 -o a.kovraphot --trigger tdc3-rising",
        "option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, tdc2-falling or none, not \"tdc3-rising\""},
-      {"a.tpx3 b.tpx3 -o a.kovraphot", "more than one raw file: b.tpx3"},
+      {"a.tpx3 a.tpx3 -o a.kovraphot", "the raw file \"a.tpx3\" is given twice"},
+      {"a.tpx3 -o a.kovraphot --time-walk ''", "option --time-walk needs a file name"},
+      {"a.tpx3 -o a.kovraphot --mask ''", "option --mask needs a file name"},
       {"a.tpx3 -o a.kovraphot --threads 0", "option --threads must be a whole number from 1 to 1024, not \"0\""},
       {"a.tpx3 -o a.kovraphot KOVRA_THREADS=x", "KOVRA_THREADS must be a whole number from 1 to 1024, not \"x\""},
       {"a.tpx3 -o a.kovraphot KOVRA_PIECE_HITS=0",
@@ -159,6 +166,31 @@ TEST_F(ImportTest, AFileWithoutHitsGivesAnEmptyPhotonFile) {
   ASSERT_EQ(run("quiet.tpx3 -o quiet.kovraphot"), 0) << err;
   const FileBytes expected = FileBytes::file(2, FileBytes().block("photons", {}).block("extTrigs", {}));
   EXPECT_EQ(read_bytes(dir.file("quiet.kovraphot")), expected.data);
+}
+
+// With --charge, each photon's summed ToT and hit count go beside the photon file, in its order, with its count
+// and fingerprint; a run that fails leaves neither file.
+TEST_F(ImportTest, ChargesGoBesideThePhotonFile) {
+  write_bytes(dir.file("two.tpx3"),
+              RawBytes().chunk(0, {heartbeat(0), hit(4, 4, 30, 20), hit(5, 4, 10, 22), hit(9, 9, 5, 21)}).data);
+  ASSERT_EQ(run("two.tpx3 -o two.kovraphot --charge"), 0) << err;
+  const auto photons = kovra::tpx3spidr::FileHandler_PhotonEvents().load_file(dir.file("two.kovraphot"));
+  ASSERT_EQ(photons.size(), 2U);  // the lone hit's photon (time 21) after the pair's (time 20)
+  const auto le = [](std::uint64_t value, int width) {
+    std::string bytes;
+    for (int i = 0; i < width; ++i) bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+    return bytes;
+  };
+  EXPECT_EQ(read_bytes(dir.file("two.kovracharge")),
+            "KOVRACHG" + le(1, 4) + le(8, 4) + le(2, 8) +
+                le(kovra::tools::fingerprint_photons(photons.photonEvents), 8) + le(40, 4) + le(2, 4) + le(5, 4) +
+                le(1, 4));
+  ASSERT_EQ(run("two.tpx3 -o plain.kovraphot"), 0) << err;
+  EXPECT_FALSE(std::filesystem::exists(dir.file("plain.kovracharge")));
+  write_bytes(dir.file("bad.tpx3"), RawBytes().chunk(0, {hit(1, 1, 1, 1)}).data + "x");
+  EXPECT_EQ(run("bad.tpx3 -o bad.kovraphot --charge"), 1);
+  EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovraphot")));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovracharge")));
 }
 
 TEST_F(ImportTest, SparseHitsAcrossRollOversAndLatePackets) {
@@ -289,4 +321,163 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
   }
 }
 
+// A time-walk table moves each hit by its ToT's delay before ordering and grouping: the photons of the rule
+// applied to the corrected hits, on one thread and on several; a table that cannot be used stops the run first.
+TEST_F(ImportTest, TimeWalkCorrectsHitsBeforeTheyAreGrouped) {
+  kovra::simulate::Simulation_Settings settings;
+  settings.duration_s = 0.01, settings.eventRate_Hz = 2e4;
+  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
+  std::vector<Reference_Hit> hits;
+  std::FILE* file = std::fopen(dir.file("sim.tpx3").c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  kovra::simulate::write_raw(simulated.photons, 256, 256, 5, file, [&](const kovra::simulate::Raw_Hit& h) {
+    hits.push_back({h.time, static_cast<int>(h.x), static_cast<int>(h.y), h.tot});
+  });
+  std::fclose(file);
+  // Steps 2 and 4 have rows; step 3 lies between them (60 + (20 - 60) / 2 = 40); beyond step 4, 20 ticks.
+  write_bytes(dir.file("walk.txt"), "50 60\n100 20\n");
+  for (auto& h : hits) h.time -= h.tot <= 2 ? 60 : h.tot == 3 ? 40 : 20;
+  std::vector<Photon> expected;
+  for (const auto& p : group_byRule(hits, 1, 3, true)) expected.push_back({p.x, p.y, p.time});  // 5 ns: 3 ticks
+  for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=500"}) {
+    ASSERT_EQ(run("sim.tpx3 -o sim.kovraphot --window 5e-9 --time-walk walk.txt", threads), 0) << err;
+    EXPECT_EQ(load(dir.file("sim.kovraphot")).photons, expected) << threads;
+  }
+
+  write_bytes(dir.file("bad.txt"), "50 60\n40 20\n");
+  const std::pair<std::string, std::string> cases[] = {
+      {"bad.txt", "time-walk table 'bad.txt': line 2: ToT 40 ns does not follow 50 ns"},
+      {"missing.txt", "time-walk table 'missing.txt': cannot be read"},
+  };
+  for (const auto& [table, message] : cases) {
+    write_bytes(dir.file("old.kovraphot"), "earlier");
+    EXPECT_EQ(std::tuple(run("sim.tpx3 -o old.kovraphot --time-walk " + table), err),
+              std::tuple(1, "kovra_import: " + message + "\n"));
+    EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
+  }
+}
+
+// Hot pixels found by kovra_inspect and masked: their hits are dropped before grouping and counted, so they
+// make no photon, on one thread and on several; without the mask they make thousands.
+TEST_F(ImportTest, AMaskedHotPixelContributesNoPhoton) {
+  kovra::simulate::Simulation_Settings settings;
+  settings.duration_s = 0.01, settings.eventRate_Hz = 1e4, settings.hotPixels = 2, settings.hotPixelRate_Hz = 2e5;
+  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
+  std::vector<kovra::simulate::Raw_Hit> hits;
+  std::FILE* file = std::fopen(dir.file("hot.tpx3").c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  kovra::simulate::write_raw(simulated.photons, 256, 256, 5, file,
+                             [&](const kovra::simulate::Raw_Hit& h) { hits.push_back(h); });
+  std::fclose(file);
+  ASSERT_EQ(run_program(dir, KOVRA_INSPECT_PATH, "hot.tpx3 --hot-pixels hot.txt").status, 0);
+  // Each hot pixel's photons light it and three neighbours: 8 pixels, each far above the rest.
+  std::vector<std::pair<int, int>> masked;
+  std::istringstream lines(read_bytes(dir.file("hot.txt")));
+  for (std::string line; std::getline(lines, line);) {
+    int x = 0, y = 0;
+    if (line[0] != '#' && std::sscanf(line.c_str(), "%d %d", &x, &y) == 2) masked.emplace_back(x, y);
+  }
+  ASSERT_EQ(masked.size(), 8U) << read_bytes(dir.file("hot.txt"));
+  const auto is_masked = [&](int x, int y) {
+    return std::find(masked.begin(), masked.end(), std::pair(x, y)) != masked.end();
+  };
+  std::size_t maskedHits = 0;
+  for (const auto& h : hits) maskedHits += is_masked(static_cast<int>(h.x), static_cast<int>(h.y));
+  ASSERT_GT(maskedHits, 10000U);
+
+  const auto count_onMask = [&](const std::string& name) {
+    std::size_t n = 0;
+    for (const auto& p : load(dir.file(name)).photons) n += is_masked(p.x / px, p.y / px);
+    return n;
+  };
+  ASSERT_EQ(run("hot.tpx3 -o plain.kovraphot"), 0) << err;
+  EXPECT_GT(count_onMask("plain.kovraphot"), 1000U);
+  std::string oneThread;
+  for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=700"}) {
+    ASSERT_EQ(run("hot.tpx3 -o masked.kovraphot --mask hot.txt", threads), 0) << err;
+    EXPECT_THAT(out, HasSubstr("info:    mask: " + std::to_string(maskedHits) + " hits of 8 masked pixels dropped\n"));
+    EXPECT_EQ(count_onMask("masked.kovraphot"), 0U) << threads;
+    if (oneThread.empty()) oneThread = read_bytes(dir.file("masked.kovraphot"));
+    EXPECT_TRUE(read_bytes(dir.file("masked.kovraphot")) == oneThread) << threads;
+  }
+  // The photon file's own hot pixels: where the unmasked photons of the hot pixels lie, and none once masked.
+  const auto listed = run_program(dir, KOVRA_INSPECT_PATH, "plain.kovraphot --hot-pixels -");
+  EXPECT_THAT(listed.out, HasSubstr("2 of the "));
+  EXPECT_THAT(run_program(dir, KOVRA_INSPECT_PATH, "masked.kovraphot --hot-pixels -").out, HasSubstr(": 0 of the "));
+
+  // A mask that cannot be used stops the run before any output; one of the wrong frame is refused too.
+  write_bytes(dir.file("quad.txt"), "300 2\n");
+  write_bytes(dir.file("old.kovraphot"), "earlier");
+  EXPECT_EQ(std::tuple(run("hot.tpx3 -o old.kovraphot --mask quad.txt"), err),
+            std::tuple(1, "kovra_import: pixel mask 'quad.txt': line 1: expected a pixel's x and y, whole numbers "
+                          "from 0 to 255, got '300 2'\n"));
+  EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
+}
+
+// A run of many raw files is read as one stream: the photons, triggers and summary of their concatenation, on one
+// thread and on several, whether the files are named or their folder is; bad lists are refused.
+TEST_F(ImportTest, ARunOfManyFilesIsItsConcatenation) {
+  kovra::simulate::Simulation_Settings settings;
+  settings.duration_s = 0.02, settings.eventRate_Hz = 3e4, settings.width_px = settings.height_px = 400;
+  settings.triggerMode = kovra::simulate::Trigger_Mode::periodic, settings.triggerFrequency_Hz = 2e4;
+  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
+  std::FILE* file = std::fopen(dir.file("whole.tpx3").c_str(), "wb");
+  ASSERT_NE(file, nullptr);
+  kovra::simulate::write_raw(simulated.photons, 400, 400, 5, file, [](const auto&) {});
+  std::fclose(file);
+  // Cut into three files at chunk boundaries, a quarter and two thirds of the way.
+  const std::string whole = read_bytes(dir.file("whole.tpx3"));
+  std::vector<std::size_t> cuts;
+  for (std::size_t at = 0; at < whole.size();) {
+    std::uint64_t header = 0;
+    std::memcpy(&header, whole.data() + at, 8);
+    const std::size_t next = at + 8 + get_chunkBytes(header);
+    if (cuts.size() < 2 && next >= whole.size() * (cuts.empty() ? 1 : 8) / (cuts.empty() ? 4 : 12)) {
+      cuts.push_back(next);
+    }
+    at = next;
+  }
+  ASSERT_EQ(cuts.size(), 2U);
+  std::filesystem::create_directory(dir.file("run"));
+  write_bytes(dir.file("run/RUN_0001.tpx3"), whole.substr(0, cuts[0]));
+  write_bytes(dir.file("run/RUN_0002.tpx3"), whole.substr(cuts[0], cuts[1] - cuts[0]));
+  write_bytes(dir.file("run/RUN_0003.tpx3"), whole.substr(cuts[1]));
+  write_bytes(dir.file("run/notes.txt"), "not raw data");
+
+  ASSERT_EQ(run("whole.tpx3 -o whole.kovraphot --layout quad", "KOVRA_THREADS=1"), 0) << err;
+  const std::string expected = read_bytes(dir.file("whole.kovraphot"));
+  const std::string summary = out;
+  ASSERT_THAT(summary, HasSubstr("0 dropped as late"));
+  const std::string files = "run/RUN_0001.tpx3 run/RUN_0002.tpx3 run/RUN_0003.tpx3";
+  for (const std::string& inputs : {files, std::string("run")}) {
+    for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=2000"}) {
+      ASSERT_EQ(run(inputs + " -o many.kovraphot --layout quad", threads), 0) << err;
+      EXPECT_TRUE(read_bytes(dir.file("many.kovraphot")) == expected) << inputs << ", " << threads;
+      EXPECT_EQ(out, summary) << inputs << ", " << threads;
+    }
+  }
+
+  // A damaged file of the run names itself, and nothing is written.
+  std::filesystem::create_directory(dir.file("run2"));
+  write_bytes(dir.file("run2/RUN_0001.tpx3"), whole.substr(0, cuts[0]));
+  write_bytes(dir.file("run2/RUN_0002.tpx3"), whole.substr(cuts[0], 100));
+  EXPECT_EQ(run("run2 -o bad.kovraphot --layout quad"), 1);
+  EXPECT_THAT(err, testing::StartsWith("kovra_import: run2/RUN_0002.tpx3: chunk at byte offset 0 has a size of "));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovraphot")));
+  std::filesystem::create_directory(dir.file("empty"));
+  const std::pair<std::string, std::string> lists[] = {
+      {"empty", "the folder \"empty\" holds no .tpx3 file"},
+      {"run run/RUN_0001.tpx3", "a folder of raw files must be the only input, not one of several: \"run\""},
+      {"run/RUN_0001.tpx3 run/RUN_0002.tpx3 run/RUN_0001.tpx3", "the raw file \"run/RUN_0001.tpx3\" is given twice"},
+  };
+  for (const auto& [inputs, message] : lists) {
+    EXPECT_EQ(std::tuple(run(inputs + " -o list.kovraphot"), err),
+              std::tuple(2, "kovra_import: " + message + "\nTry 'kovra_import --help'.\n"));
+  }
+  EXPECT_EQ(run("run/RUN_0001.tpx3 run/missing.tpx3 -o list.kovraphot --layout quad"), 1);
+  EXPECT_EQ(err, "kovra_import: run/missing.tpx3: cannot open: No such file or directory\n");
+  EXPECT_FALSE(std::filesystem::exists(dir.file("list.kovraphot")));
+}
+
 }  // namespace
+

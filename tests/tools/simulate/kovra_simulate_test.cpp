@@ -14,6 +14,7 @@
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
+#include "common/HitPhotons.hpp"
 #include "common/PhotonFlashes.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
@@ -104,17 +105,23 @@ TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemo
             flashOfPhoton);
   std::FILE* raw = std::fopen(dir.file("memory.tpx3").c_str(), "wb");
   ASSERT_NE(raw, nullptr);
-  std::size_t nHits = 0;
-  kovra::simulate::write_raw(expected.photons, s.width_px, s.height_px, s.seed, raw, [&](const auto&) { ++nHits; });
+  std::vector<std::uint32_t> photonOfHit;
+  kovra::simulate::write_raw(expected.photons, s.width_px, s.height_px, s.seed, raw, [&](const auto& hit) {
+    photonOfHit.push_back(static_cast<std::uint32_t>(hit.photon));
+  });
   std::fclose(raw);
+  const std::size_t nHits = photonOfHit.size();
   EXPECT_TRUE(read_bytes(dir.file("run.tpx3")) == read_bytes(dir.file("memory.tpx3")));
+  EXPECT_TRUE(kovra::tools::read_hitPhotons(dir.file("run.truth.kovrahit"), expected.photons.photonEvents) ==
+              photonOfHit);
   EXPECT_EQ(r.out, "kovra_simulate: wrote " + std::to_string(expected.photons.size()) + " photons (" +
                        std::to_string(expected.nEventPhotons) + " from " + std::to_string(expected.nEvents) +
                        " flashes, " + std::to_string(expected.nDarkPhotons) + " dark counts, " +
                        std::to_string(expected.photons.extTriggers->size()) +
                        " triggers) to run.kovraphot\nkovra_simulate: true flashes in run.truth.csv\n"
                        "kovra_simulate: the flash of each photon in run.truth.kovraflash\n"
-                       "kovra_simulate: wrote the raw form, " + std::to_string(nHits) + " hits, to run.tpx3\n");
+                       "kovra_simulate: wrote the raw form, " + std::to_string(nHits) + " hits, to run.tpx3\n"
+                       "kovra_simulate: the photon of each hit in run.truth.kovrahit\n");
 }
 
 TEST(SimulateProgramTest, AnOutputThatCannotBeWrittenIsNamedWithTheReasonAndNoFileChanges) {

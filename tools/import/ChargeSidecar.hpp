@@ -1,0 +1,92 @@
+#pragma once
+
+// The charge of every photon of an imported photon file, beside it ("run.kovraphot" gives "run.kovracharge"): the
+// photon file's records are fixed at 16 bytes, so what the grouping knows of each photon besides its position and
+// time (the summed ToT its hits used for the centroid, and their number) goes into a file of its own, aligned
+// with the photons. Layout, all little-endian (docs/raw-data.md):
+//
+//   offset  size  field
+//   0       8     "KOVRACHG"
+//   8       4     version, 1
+//   12      4     bytes per record, 8
+//   16      8     photon count, equal to the photon file's
+//   24      8     fingerprint of the photons (the simulator's flash file uses the same)
+//   32      ...   one record per photon, in the photon file's order: summed ToT in steps of 25 ns (uint32),
+//                 hit count (uint32), each held to 2^32 - 1
+//
+// It is written as the photons are, through an atomic output file, and appears only when the photon file does.
+
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "import/HitGrouping.hpp"
+#include "kovra/OutputFile_Atomic.hpp"
+
+namespace kovra::import {
+
+inline constexpr char charge_magic[8] = {'K', 'O', 'V', 'R', 'A', 'C', 'H', 'G'};
+inline constexpr std::size_t charge_headerBytes = 32;
+
+/// Where the charges of a photon file go: ".kovraphot" replaced by ".kovracharge".
+inline std::string get_chargePath(const std::string& photonPath) {
+  const std::string suffix = ".kovraphot";
+  return (photonPath.ends_with(suffix) ? photonPath.substr(0, photonPath.size() - suffix.size()) : photonPath) +
+         ".kovracharge";
+}
+
+/// Streams the charges; `commit` writes the header and moves the file into place. Throws std::invalid_argument
+/// naming the file and the system's reason when it cannot be written.
+class Charge_Writer {
+ public:
+  explicit Charge_Writer(const std::string& path) : file(path) {
+    file.stream().write(std::string(charge_headerBytes, '\0').data(), charge_headerBytes);
+    check();
+  }
+
+  void add(std::span<const Photon_Charge> charges) {
+    for (const Photon_Charge& c : charges) {
+      put(c.tot, 4);
+      put(c.hits, 4);
+    }
+    count += charges.size();
+    file.stream().write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.clear();
+  }
+
+  /// `fingerprint`: of the photons, in order (kovra::tools::Photon_Fingerprint).
+  void commit(std::uint64_t fingerprint) {
+    put(1, 4);
+    put(8, 4);
+    put(count, 8);
+    put(fingerprint, 8);
+    file.stream().seekp(0);
+    file.stream().write(charge_magic, sizeof charge_magic);
+    file.stream().write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.clear();
+    check();
+    try {
+      file.commit();
+    } catch (const std::runtime_error& e) {
+      throw std::invalid_argument(e.what());
+    }
+  }
+
+ private:
+  void put(std::uint64_t value, int width) {
+    for (int i = 0; i < width; ++i) bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+  }
+  void check() const {
+    if (file.get_error() != 0) {
+      throw std::invalid_argument("cannot write \"" + file.get_path() + "\": " + std::strerror(file.get_error()));
+    }
+  }
+
+  kovra::OutputFile_Atomic file;
+  std::string bytes;
+  std::uint64_t count = 0;
+};
+
+}  // namespace kovra::import
