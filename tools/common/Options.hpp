@@ -115,4 +115,23 @@ void take_commonOption(int c, char* const argv[], Options_Type& options) {
   }
 }
 
+/// Reads the options of a command line with getopt_long (`shortOptions` begins with ':'), handing each to
+/// `take(c, value)` (value "" for an option without one) except those every tool handles alike. Returns false
+/// when help or version ended the parse; a complaint throws the bad-usage line. getopt's state is reset first, so
+/// a process may parse more than once (the tests do).
+template <typename Options_Type, typename Take_Type>
+bool read_options(int argc, char* const argv[], const char* shortOptions, const option* longOptions, Options_Type& options,
+                  Take_Type&& take) {
+  optind = 0;
+  opterr = 0;
+  for (int c = 0; (c = getopt_long(argc, argv, shortOptions, longOptions, nullptr)) != -1;) {
+    if (is_commonOption(c)) {
+      take_commonOption(c, argv, options);
+      return false;
+    }
+    take(c, std::string(optarg != nullptr ? optarg : ""));
+  }
+  return true;
+}
+
 }  // namespace kovra::tools

@@ -356,19 +356,13 @@ inline Evaluate_Options parse_evaluateOptions(int argc, char* argv[]) {
                                        {nullptr, 0, nullptr, 0}};
   Evaluate_Options options;
   Given_Once given;
-  optind = 0;
-  opterr = 0;
-  for (int c = 0; (c = getopt_long(argc, argv, ":s:t:D:h", longOptions, nullptr)) != -1;) {
-    if (tools::is_commonOption(c)) {
-      tools::take_commonOption(c, argv, options);
-      return options;
-    }
-    const std::string value = optarg ? optarg : "";
+  const auto take = [&](int c, const std::string& value) {
     if (!take_gridOption(c, value, options.grid, given) &&
         !take_groupingOption(c, value, options.groupingGrid, given)) {
       take_evaluateOption(c, value, options);
     }
-  }
+  };
+  if (!tools::read_options(argc, argv, ":s:t:D:h", longOptions, options, take)) return options;
   options.inputFile = tools::take_singleInput(argc, argv);
   check_evaluateOptions(options, given);
   return options;

@@ -167,12 +167,12 @@ inline std::string get_inspectHelp() {
 namespace options_detail {
 
 /// The name of an image output, which is always a PNG file; throws the bad-usage line for another extension.
-inline std::string take_pngName(const char* option, const char* name) {
-  if (!std::string_view(name).ends_with(".png")) throw tools::bad_value(option, "a file name ending in .png", name);
+inline std::string take_pngName(const char* option, const std::string& name) {
+  if (!name.ends_with(".png")) throw tools::bad_value(option, "a file name ending in .png", name);
   return name;
 }
 
-inline std::array<double, 4> parse_region(const char* text) {
+inline std::array<double, 4> parse_region(const std::string& text) {
   std::array<double, 4> corners{};
   std::string rest = text;
   for (std::size_t i = 0; i < 4; ++i) {
@@ -190,7 +190,7 @@ inline std::array<double, 4> parse_region(const char* text) {
 }
 
 /// Reads one option of the time-of-flight outputs or the selection; false for an option of neither.
-inline bool parse_timeOfFlightOption(int c, const char* value, Inspect_Options& options) {
+inline bool parse_timeOfFlightOption(int c, const std::string& value, Inspect_Options& options) {
   using tpx3spidr::Time;
   const tools::Number_Range wholeCount{"a whole number", 0, INFINITY, false, true};
   Selection_Options& s = options.selection;
@@ -267,50 +267,46 @@ inline void check_inspectOptions(const Inspect_Options& options) {
   }
 }
 
+/// Takes one option of the command line (`c` as getopt_long returns it).
+inline void take_inspectOption(int c, const std::string& value, Inspect_Options& options) {
+  switch (c) {
+    case 's':
+      options.summary = true;
+      break;
+    case 'c':
+      options.csvFile = value;
+      break;
+    case 'H':
+      options.hdf5File = value;
+      break;
+    case 'i':
+      options.imageFile = options_detail::take_pngName("image", value);
+      break;
+    case 'b':
+      options.binning = tools::parse_number("binning", value, {"a number of pixels", 0x1p-16, 1e9});
+      options.binningGiven = true;
+      break;
+    case 'S':
+      options.size_px = tools::parse_number<int>("size", value, {"a whole number of pixels", 1, 32768, false, true});
+      break;
+    case hotPixels:
+      options.hotPixelsFile = value;
+      break;
+    case hotFactor:
+      options.hotFactor = tools::parse_number("hot-factor", value, {"a number", 1, 1e12, true});
+      break;
+    default:
+      parse_timeOfFlightOption(c, value, options);
+  }
+}
+
 }  // namespace options_detail
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Inspect_Options parse_inspectOptions(int argc, char* argv[]) {
   Inspect_Options options;
-  optind = 0;
-  opterr = 0;
-  const auto& longOptions = get_inspectLongOptions();
-  int c = 0;
-  while ((c = getopt_long(argc, argv, ":sc:i:b:h", longOptions.data(), nullptr)) != -1) {
-    switch (c) {
-      case 's':
-        options.summary = true;
-        break;
-      case 'c':
-        options.csvFile = optarg;
-        break;
-      case 'H':
-        options.hdf5File = optarg;
-        break;
-      case 'i':
-        options.imageFile = options_detail::take_pngName("image", optarg);
-        break;
-      case 'b':
-        options.binning = tools::parse_number("binning", optarg, {"a number of pixels", 0x1p-16, 1e9});
-        options.binningGiven = true;
-        break;
-      case 'S':
-        options.size_px = tools::parse_number<int>("size", optarg, {"a whole number of pixels", 1, 32768, false, true});
-        break;
-      case hotPixels:
-        options.hotPixelsFile = optarg;
-        break;
-      case hotFactor:
-        options.hotFactor = tools::parse_number("hot-factor", optarg, {"a number", 1, 1e12, true});
-        break;
-      default:
-        if (tools::is_commonOption(c)) {
-          tools::take_commonOption(c, argv, options);
-          return options;
-        }
-        options_detail::parse_timeOfFlightOption(c, optarg, options);
-    }
-  }
+  const auto take = [&](int c, const std::string& value) { options_detail::take_inspectOption(c, value, options); };
+  if (!tools::read_options(argc, argv, ":sc:i:b:h", get_inspectLongOptions().data(), options, take)) return options;
   options.inputFile = tools::take_singleInput(argc, argv);
   if (!options.csvFile && !options.hdf5File && !options.imageFile && !options.wants_histogramPass() &&
       !options.hotPixelsFile) {

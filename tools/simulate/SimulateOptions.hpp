@@ -244,15 +244,8 @@ inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
       tools::versionLongOption,                           {nullptr, 0, nullptr, 0}};
   Simulate_Options options;
   bool classesGiven = false;
-  optind = 0;
-  opterr = 0;
-  for (int c = 0; (c = getopt_long(argc, argv, ":o:d:r:n:h", longOptions, nullptr)) != -1;) {
-    if (tools::is_commonOption(c)) {
-      tools::take_commonOption(c, argv, options);
-      return options;
-    }
-    take_simulateOption(c, optarg ? optarg : "", options, classesGiven);
-  }
+  const auto take = [&](int c, const std::string& value) { take_simulateOption(c, value, options, classesGiven); };
+  if (!tools::read_options(argc, argv, ":o:d:r:n:h", longOptions, options, take)) return options;
   if (optind < argc) throw std::invalid_argument(std::string("unexpected argument \"") + argv[optind] + "\"");
   check_simulateOptions(options);
   return options;
