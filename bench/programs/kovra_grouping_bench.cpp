@@ -97,7 +97,7 @@ std::vector<Timed_Item> read_hits(const Settings& s) {
                       }
                     }
                   },
-                  [](std::uint64_t) {});
+                  [](std::uint64_t, std::uint64_t) {}, [](const Skipped_Stretch&) {});
   window.finish(keep);
   return hits;
 }

@@ -42,6 +42,20 @@ struct Import_Summary {
   Ticks lastTime = 0;
   std::size_t mostHeld = 0;                ///< largest number of items the reorder window held
   std::optional<Parallel_Stats> parallel;  ///< when the hits were grouped on several threads
+  std::optional<Unfinished_End> unfinished;  ///< when the file ended inside a chunk
+  std::uint64_t skippedStretches = 0;        ///< damaged stretches skipped (--skip-damaged)
+  std::uint64_t skippedBytes = 0;
+};
+
+/// What a run reports while it reads; by default nothing.
+class Import_Observer {
+ public:
+  virtual ~Import_Observer() = default;
+  /// After each block read, and now and then while a followed file is waited for: the bytes read, the file's
+  /// size as far as known, and the hits read.
+  virtual void on_progress(std::uint64_t /*bytesRead*/, std::uint64_t /*fileBytes*/, std::uint64_t /*hits*/) {}
+  /// A stretch of damaged bytes skipped, as soon as it is.
+  virtual void on_skipped(const Skipped_Stretch& /*stretch*/) {}
 };
 
 namespace detail {
@@ -80,12 +94,15 @@ class Tdc_Repeats {
 }  // namespace detail
 
 /// Reads `options.inputFile` through the clock and the reorder window, handing what the window releases to `sink`
-/// (sorted items, or whole buckets where the sink takes them: Reorder_Window::push); counts packets, chunks and
-/// drops in `summary`. `onProgress(bytesDone, fileBytes)` follows the reading. Damage and settings the file
-/// does not fit throw std::invalid_argument.
-template <typename Sink_Type, typename OnProgress_Type>
-void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&& sink, OnProgress_Type&& onProgress) {
-  Raw_Reader reader(options.inputFile);
+/// (sorted items, or whole buckets where the sink takes them: Reorder_Window::push); counts packets, chunks,
+/// drops and skipped damage in `summary` and tells `observer` as it goes. Damage it stops at and settings the
+/// file does not fit throw std::invalid_argument.
+template <typename Sink_Type>
+void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&& sink, Import_Observer& observer) {
+  std::optional<unsigned> singleChip;
+  Raw_Reader reader(options.inputFile, Raw_Reading{options.damage, options.followSeconds}, [&](unsigned chip) {
+    return options.layout == Frame_Layout::quad ? chip <= 3 : !singleChip || *singleChip == chip;
+  });
   Clock_Follower clock;
   detail::Tdc_Repeats repeats;
   Reorder_Window window(options.reorderWindow);
@@ -94,7 +111,6 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
   const double minTotSteps = std::ceil(options.minTot_ns / 25.0);
   const std::uint64_t minTot = minTotSteps > 1024.0 ? 1024 : static_cast<std::uint64_t>(minTotSteps);
   detail::Chip_Placement placement{0, 1, 0, 1};
-  std::optional<unsigned> singleChip;
 
   const auto on_chunk = [&](unsigned chip, std::uint64_t offset) {
     ++summary.chunks;
@@ -160,8 +176,15 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
     summary.packets[static_cast<std::size_t>(Packet_Kind::hit)] += hits;
   };
 
-  reader.read_all(on_chunk, on_packets,
-                  [&](std::uint64_t bytesDone) { onProgress(bytesDone, reader.get_fileBytes()); });
+  const auto on_read = [&](std::uint64_t bytesRead, std::uint64_t fileBytes) {
+    observer.on_progress(bytesRead, fileBytes, summary.packets[static_cast<std::size_t>(Packet_Kind::hit)]);
+  };
+  const auto on_skipped = [&](const Skipped_Stretch& stretch) {
+    ++summary.skippedStretches;
+    summary.skippedBytes += stretch.bytes;
+    observer.on_skipped(stretch);
+  };
+  summary.unfinished = reader.read_all(on_chunk, on_packets, on_read, on_skipped);
   window.finish(sink);
 
   if (clock.is_started()) summary.firstTime = clock.get_start();
@@ -171,16 +194,16 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
 }
 
 /// Imports `options.inputFile` into `output`, which takes `add_photons(const Photon*, count)` and
-/// `add_trigger(Ticks)`; `onProgress(bytesDone, fileBytes)` follows the reading. Damage and settings the file
-/// does not fit throw std::invalid_argument. The photons and triggers written are the same for every
-/// options.threads and options.pieceItems.
-template <typename Output_Type, typename OnProgress_Type>
-Import_Summary run_import(const Import_Options& options, Output_Type& output, OnProgress_Type&& onProgress) {
+/// `add_trigger(Ticks)`; `observer` follows the reading. Damage it stops at and settings the file does not fit
+/// throw std::invalid_argument. The photons and triggers written are the same for every options.threads and
+/// options.pieceItems.
+template <typename Output_Type>
+Import_Summary run_import(const Import_Options& options, Output_Type& output, Import_Observer& observer) {
   using Photon = Hit_Grouping::Photon;
   Import_Summary summary;
   if (options.threads > 1) {
     Piece_Pipeline<Output_Type> pipeline(options, output, options.threads, options.pieceItems);
-    read_raw(options, summary, pipeline, onProgress);
+    read_raw(options, summary, pipeline, observer);
     summary.parallel = pipeline.finish(summary.photons, summary.triggers);
     return summary;
   }
@@ -212,7 +235,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
     if (!options.hitsAsPhotons) grouping.add_hits({items, count}, released, take_photon);
     released += count;
   };
-  read_raw(options, summary, on_released, onProgress);
+  read_raw(options, summary, on_released, observer);
   grouping.finish(take_photon);
   flush_photons();
   return summary;

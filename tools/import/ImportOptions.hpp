@@ -15,6 +15,7 @@
 
 #include "common/CommandLine.hpp"
 #include "import/HitGrouping.hpp"
+#include "import/RawReader.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::import {
@@ -40,6 +41,8 @@ struct Import_Options {
   int triggerEdge = 0xF;          ///< the TDC edge nibble kept as triggers; -1 for none
   Ticks reorderWindow = 3200000;  ///< 5 ms
   int logLevel = 2;
+  Damage_Policy damage = Damage_Policy::stop;  ///< --skip-damaged: skip
+  std::optional<double> followSeconds;         ///< --follow: how long the file must stay the same size to be done
   /// Threads that work: 1 does everything on the calling thread; more run that many less one workers beside
   /// it. The default (taken by parse_importOptions): KOVRA_THREADS, else every core the run may use.
   unsigned threads = 1;
@@ -71,6 +74,11 @@ inline std::string get_importHelp() {
          "      --reorder-window SECONDS\n"
          "                            packets more than this much older than the latest time read are dropped\n"
          "                            and counted; the rest are put in time order (default 5e-3, at most 10)\n"
+         "      --skip-damaged        at damage in the file (bytes where a chunk header should be), skip to the\n"
+         "                            next plausible chunk header and go on, reporting each stretch skipped;\n"
+         "                            without it the run stops there\n"
+         "      --follow SECONDS      read a file that is still being written: keep reading as it grows and\n"
+         "                            finish once it has not grown for SECONDS (at most 86400)\n"
          "      --threads N           threads that work: one reads, orders and writes, the others group hits\n"
          "                            beside it; 1 does all on one (default: KOVRA_THREADS, else every core)\n"
          "      --verbose N           log level: -1 errors only, 0 adds warnings, 2 (default) adds the summary\n"
@@ -79,8 +87,9 @@ inline std::string get_importHelp() {
          "      --version             print the version and exit\n"
          "\n"
          "Memory stays bounded whatever the file size; a progress line is shown on standard error when it is a\n"
-         "terminal. The output appears whole or not at all: an existing file is replaced only after a complete\n"
-         "run.\n"
+         "terminal. A file that ends inside a chunk (an interrupted acquisition) gives the photons of every\n"
+         "complete packet before its end, with a warning. The output appears whole or not at all: an existing\n"
+         "file is replaced only after a complete run.\n"
          "\n"
          "Exit status: 0 on success, 1 when the raw file is damaged or unreadable or the output cannot be\n"
          "written, 2 for a bad command line.\n";
@@ -106,7 +115,20 @@ inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(s
 
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Import_Options parse_importOptions(int argc, char* argv[]) {
-  enum : int { layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads };
+  enum : int {
+    layout = 256,
+    hitsAsPhotons,
+    radius,
+    window,
+    minTot,
+    photonTime,
+    trigger,
+    reorder,
+    verbose,
+    threads,
+    skipDamaged,
+    follow
+  };
   static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
                                        {"layout", required_argument, nullptr, layout},
                                        {"hits-as-photons", no_argument, nullptr, hitsAsPhotons},
@@ -118,6 +140,8 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
                                        {"reorder-window", required_argument, nullptr, reorder},
                                        {"verbose", required_argument, nullptr, verbose},
                                        {"threads", required_argument, nullptr, threads},
+                                       {"skip-damaged", no_argument, nullptr, skipDamaged},
+                                       {"follow", required_argument, nullptr, follow},
                                        {"help", no_argument, nullptr, 'h'},
                                        kovra::tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
@@ -200,6 +224,12 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
         }
         break;
       }
+      case skipDamaged:
+        options.damage = Damage_Policy::skip;
+        break;
+      case follow:
+        options.followSeconds = detail::parse_seconds("follow", optarg, 86400.0);
+        break;
       case threads:
         threadsGiven = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));
         break;

@@ -39,7 +39,8 @@ Imported import_file(Import_Options options, unsigned threads, std::size_t piece
   options.threads = threads;
   options.pieceItems = pieceItems;
   Imported result;
-  result.summary = run_import(options, result.output, [](std::uint64_t, std::uint64_t) {});
+  Import_Observer quiet;
+  result.summary = run_import(options, result.output, quiet);
   return result;
 }
 
