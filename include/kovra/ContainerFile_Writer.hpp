@@ -41,8 +41,12 @@ class ContainerFile_Writer {
   }
 
   /// Whether every byte so far reached the file: false from the start when the target cannot be written, and
-  /// after a failed write (a full disk). A caller that wants its own message checks this before end_block().
+  /// after a failed write (a full disk). A caller that wants its own message calls flush() and checks this
+  /// before end_block().
   bool good() const { return stream.good(); }
+
+  /// Hands every byte appended so far to the file, so that good() then says whether all of them reached it.
+  void flush() { stream.flush(); }
 
   /// Why it is not good, as a system error number (see OutputFile_Atomic::get_error); 0 while it is.
   int get_error() const { return file.get_error(); }

@@ -139,27 +139,21 @@ int run_importTool(const Import_Options& options) {
     std::cerr << "kovra_import: cannot write \"" << options.outputFile << "\": " << error.message() << '\n';
     return kovra::tools::exit_failure;
   }
-  try {
-    output.emplace(options.outputFile, options.triggerEdge >= 0);
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "kovra_import: " << e.what() << '\n';
-    return kovra::tools::exit_failure;
-  }
   Import_Summary summary;
   try {
+    output.emplace(options.outputFile, options.triggerEdge >= 0);
     if (!options.followSeconds) progress.start(100);
     Import_Messages messages(options, progress);
     summary = run_import(options, *output, messages);
     progress.finish();
+    output->commit();
+  } catch (const Output_Failure& e) {
+    progress.finish();
+    std::cerr << "kovra_import: " << e.what() << '\n';
+    return kovra::tools::exit_failure;
   } catch (const std::exception& e) {
     progress.finish();
     std::cerr << "kovra_import: " << options.inputFile << ": " << e.what() << '\n';
-    return kovra::tools::exit_failure;
-  }
-  try {
-    output->commit();
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "kovra_import: " << e.what() << '\n';
     return kovra::tools::exit_failure;
   }
 

@@ -393,6 +393,27 @@ TEST_F(ImportTest, DamageInTheMiddleIsRefusedOrSkippedWithoutReadingIt) {
   EXPECT_NE(load(dir.file("whole.kovraphot")).photons.size(), load(dir.file("without.kovraphot")).photons.size());
 }
 
+/// A write that fails (here at a file-size limit, its signal ignored; a full disk fails the same way) ends the run
+/// with the system's reason and status 1, on one thread and on several; the output stays as it was and nothing is
+/// left beside it.
+TEST_F(ImportTest, AFailedWriteEndsTheRunWithTheSystemsReason) {
+  write_bytes(dir.file("in.tpx3"), simulate_raw(dir, 0.05, 7));  // about 100 KB of photons, one per hit
+  std::filesystem::remove(dir.file("simulated.tpx3"));
+  for (const char* threads : {"1", "3"}) {
+    write_bytes(dir.file("out.kovraphot"), "earlier");
+    const Program_Outcome outcome =
+        run_program(dir, "bash", "-c 'trap \"\" XFSZ; ulimit -f 16; exec " KOVRA_IMPORT_PATH
+                                 " in.tpx3 -o out.kovraphot --hits-as-photons --threads "s + threads + "'");
+    EXPECT_EQ(std::tuple(outcome.status, outcome.out, outcome.err),
+              std::tuple(1, ""s, "kovra_import: cannot write \"out.kovraphot\": File too large\n"s));
+    EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) files.push_back(entry.path().filename());
+    std::ranges::sort(files);
+    EXPECT_EQ(files, (std::vector<std::string>{"in.tpx3", "out.kovraphot", "stderr.txt", "stdout.txt"}));
+  }
+}
+
 /// The simulator's raw output read back: photons exactly as the rule makes them from the hits it wrote.
 TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
   // Frame side, options, and the radius, window and photon time they mean.
