@@ -89,7 +89,7 @@ std::string get_unfinishedWarning(const Unfinished_End& end) {
 std::string get_followLine(std::uint64_t bytes, std::uint64_t hits, double seconds, double quietSeconds) {
   char line[160];
   const double rate = seconds > 0 ? 1.0 / seconds : 0.0;
-  std::snprintf(line, sizeof line, "following: %.1f MB read, %.1f MB/s, %.0f hits/s; unchanged for %.0f s",
+  std::snprintf(line, sizeof line, "following: %.1f MB read, %.1f MB/s, %.0f hits/s; unchanged for %.1f s",
                 static_cast<double>(bytes) * 1e-6, static_cast<double>(bytes) * 1e-6 * rate,
                 static_cast<double>(hits) * rate, quietSeconds);
   return line;

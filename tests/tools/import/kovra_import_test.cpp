@@ -1,6 +1,11 @@
 // kovra_import run on raw files built packet by packet and on the simulator's raw output: what it writes, what
 // it says, and what it refuses.
 
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -391,6 +396,50 @@ TEST_F(ImportTest, DamageInTheMiddleIsRefusedOrSkippedWithoutReadingIt) {
   write_bytes(dir.file("without.tpx3"), without);
   ASSERT_EQ(run("without.tpx3 -o without.kovraphot"), 0);
   EXPECT_NE(load(dir.file("whole.kovraphot")).photons.size(), load(dir.file("without.kovraphot")).photons.size());
+}
+
+/// Writes `bytes` to the end of `file` in 15 bursts that end anywhere (in packets, in chunk headers), each after a
+/// pause of 60 ms: another process writing an acquisition for longer than the run waits for growth.
+void write_inBursts(const std::string& file, const std::string& bytes) {
+  const int fd = ::open(file.c_str(), O_WRONLY | O_APPEND);
+  const std::size_t burst = bytes.size() / 15 + 1;
+  for (std::size_t at = 0; fd >= 0 && at < bytes.size(); at += burst) {
+    const timespec pause{0, 60'000'000};
+    ::nanosleep(&pause, nullptr);
+    if (::write(fd, bytes.data() + at, std::min(burst, bytes.size() - at)) < 0) break;
+  }
+  ::close(fd);
+}
+
+/// A file that another process writes in bursts while --follow reads it gives the photon file of the finished
+/// file, on one thread and on three; a writer that stops inside a chunk gives the same warning as the file read
+/// whole. On a terminal a line shows what was read, the rates so far and how long the file has not grown.
+TEST_F(ImportTest, AFollowedFileGivesThePhotonsOfTheFinishedFile) {
+  const std::string whole = simulate_raw(dir, 0.05, 11);
+  const std::pair<const char*, std::size_t> cases[] = {{"1", whole.size()}, {"3", whole.size() - 100}};
+  for (const auto& [threads, bytes] : cases) {
+    SCOPED_TRACE(testing::Message() << threads << " threads, " << bytes << " bytes");
+    write_bytes(dir.file("finished.tpx3"), whole.substr(0, bytes));
+    ASSERT_EQ(run("finished.tpx3 -o finished.kovraphot --verbose 0"), 0) << err;
+    const std::string warnings = err;
+    write_bytes(dir.file("growing.tpx3"), "");
+    const pid_t writer = ::fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+      write_inBursts(dir.file("growing.tpx3"), whole.substr(0, bytes));
+      ::_exit(0);
+    }
+    const int status = run("growing.tpx3 -o growing.kovraphot --follow 0.6 --verbose 0 --threads "s + threads);
+    ::waitpid(writer, nullptr, 0);
+    EXPECT_EQ(std::tuple(status, err), std::tuple(0, warnings));
+    EXPECT_TRUE(read_bytes(dir.file("growing.kovraphot")) == read_bytes(dir.file("finished.kovraphot")));
+  }
+  // On a terminal (script gives the run one).
+  const Program_Outcome terminal =
+      run_program(dir, "script", "-qec \"'" KOVRA_IMPORT_PATH "' finished.tpx3 -o terminal.kovraphot --follow 0.2\" /dev/null");
+  EXPECT_EQ(terminal.status, 0) << terminal.out;
+  EXPECT_THAT(terminal.out, testing::ContainsRegex("\rfollowing: 0\\.[0-9] MB read, [0-9.]+ MB/s, [0-9]+ hits/s; "
+                                                   "unchanged for 0\\.[0-9] s"));
 }
 
 /// A write that fails (here at a file-size limit, its signal ignored; a full disk fails the same way) ends the run
