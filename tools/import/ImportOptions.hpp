@@ -75,8 +75,8 @@ inline std::string get_importHelp() {
          "                            packets more than this much older than the latest time read are dropped\n"
          "                            and counted; the rest are put in time order (default 5e-3, at most 10)\n"
          "      --skip-damaged        at damage in the file (bytes where a chunk header should be), skip to the\n"
-         "                            next plausible chunk header and go on, reporting each stretch skipped;\n"
-         "                            without it the run stops there\n"
+         "                            next plausible chunk header and go on, with a warning for each stretch\n"
+         "                            skipped; without it the run stops there\n"
          "      --follow SECONDS      read a file that is still being written: keep reading as it grows and\n"
          "                            finish once it has not grown for SECONDS (at most 86400)\n"
          "      --threads N           threads that work: one reads, orders and writes, the others group hits\n"
@@ -91,8 +91,8 @@ inline std::string get_importHelp() {
          "complete packet before its end, with a warning. The output appears whole or not at all: an existing\n"
          "file is replaced only after a complete run.\n"
          "\n"
-         "Exit status: 0 on success, 1 when the raw file is damaged or unreadable or the output cannot be\n"
-         "written, 2 for a bad command line.\n";
+         "Exit status: 0 on success (a file that ended early included), 1 when the raw file is damaged\n"
+         "(without --skip-damaged) or unreadable or the output cannot be written, 2 for a bad command line.\n";
 }
 
 namespace detail {
