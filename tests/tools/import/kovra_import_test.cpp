@@ -423,6 +423,7 @@ TEST_F(ImportTest, AFollowedFileGivesThePhotonsOfTheFinishedFile) {
     ASSERT_EQ(run("finished.tpx3 -o finished.kovraphot --verbose 0"), 0) << err;
     const std::string warnings = err;
     write_bytes(dir.file("growing.tpx3"), "");
+    std::fflush(nullptr);  // nothing buffered twice
     const pid_t writer = ::fork();
     ASSERT_GE(writer, 0);
     if (writer == 0) {
