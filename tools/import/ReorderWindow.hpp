@@ -113,9 +113,11 @@ class Reorder_Window {
   /// Takes an item, `latest` being the clock's latest time after reading it. Returns false, keeping nothing,
   /// when the item is late. Releases to `sink` what can no longer move: sorted items to `sink(const
   /// Timed_Item*, std::size_t)`, or, where the sink takes them, whole buckets to `sink(const Packed_Bucket&)`,
-  /// unsorted, for the receiver to sort with a Bucket_Sorter.
+  /// unsorted, for the receiver to sort with a Bucket_Sorter. Inlined where it is called (once per hit): left to
+  /// the compiler, the call fell out of the decoding loop when unrelated code around it grew, and crowded flashes
+  /// (58 MB of raw data, one thread) took 3.05 instead of 2.81 billion instructions (cachegrind), 5 % more time.
   template <typename Sink_Type>
-  bool push(const Timed_Item& item, Ticks latest, Sink_Type&& sink) {
+  [[gnu::always_inline]] bool push(const Timed_Item& item, Ticks latest, Sink_Type&& sink) {
     const Ticks cut = latest - window;
     if (item.time < cut) return false;
     // releaseAt is the last tick of bucket nextRelease (the lowest value before the first item), so this one
