@@ -124,12 +124,14 @@ TEST(ContainerFileWriterDeathTest, AFailedWriteShowsInGoodAndCommitGivesItsReaso
     setrlimit(RLIMIT_FSIZE, &limit);
     std::exit(check() ? 0 : 1);
   };
-  // 40 kB of events wait in the writer's buffer; good() must push them out to see that they do not fit.
+  // 40 kB of events wait in the writer's buffer: good() says nothing of them until flush() pushes them out.
   const std::vector<Event> events(1000, Event{Length{1}, Length{2}, Time{3}, 4, 0.5});
   EXPECT_EXIT(underLimit([&] {
                 kovra::ContainerFile_Writer<3> writer(target);
                 writer.begin_block(FileHandler_Events::IO_Events::identifier);
                 writer.append(std::span<const Event>(events));
+                if (!writer.good()) return false;
+                writer.flush();
                 return !writer.good() && writer.get_error() == EFBIG;
               }),
               testing::ExitedWithCode(0), "");

@@ -82,7 +82,7 @@ std::vector<Timed_Item> read_hits(const Settings& s) {
                   [&](const std::uint64_t* words, std::size_t n) {
                     for (std::size_t i = 0; i < n; ++i) {
                       const std::uint64_t p = words[i];
-                      if (p >> 60 == 0xB) {
+                      if (is_hit(p)) {
                         const Ticks t = clock.place_hitClock(get_hitTicks(p));
                         const int c = static_cast<int>(get_hitColumn(p));
                         const int r = static_cast<int>(get_hitRow(p));
@@ -97,7 +97,7 @@ std::vector<Timed_Item> read_hits(const Settings& s) {
                       }
                     }
                   },
-                  [](std::uint64_t) {});
+                  [](std::uint64_t, std::uint64_t) {}, [](const Skipped_Stretch&) {});
   window.finish(keep);
   return hits;
 }

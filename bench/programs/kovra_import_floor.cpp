@@ -53,7 +53,7 @@ int main(int argc, char* argv[]) {
       }
       --chunkLeft;
       ++packets;
-      if ((p >> 60) != 0xB) continue;
+      if (!is_hit(p)) continue;
       const std::uint64_t xy = get_hitColumn(p) << 16 | std::uint64_t{get_hitRow(p)} << 48;
       out[nOut++] = xy;
       out[nOut++] = get_hitTicks(p) | std::uint64_t{get_hitTot(p)} << 40;

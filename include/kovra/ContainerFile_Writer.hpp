@@ -9,7 +9,7 @@
 // that reached the file equal the bytes handed over ("end_content - begin_content == size_content"). On a
 // stream that failed (a target that cannot be written, a full disk) the positions stop advancing and the check
 // stops the program, as a whole-file write does. A caller that ends a failed write with a message of its own
-// asks good() before each end_block().
+// calls flush() and asks good() before each end_block().
 
 #include <cassert>
 #include <cstdint>
@@ -42,12 +42,12 @@ class ContainerFile_Writer {
   }
 
   /// Whether every byte so far reached the file: false from the start when the target cannot be written, and
-  /// after a failed write (a full disk). Hands the buffered bytes to the file first: a write that fails shows
-  /// here, not only in the size check of end_block().
-  bool good() {
-    stream.flush();
-    return stream.good();
-  }
+  /// after a failed write (a full disk). Bytes still in the buffer have not been tried yet: a caller that wants its
+  /// own message calls flush() and then asks this before end_block(), whose size check would stop the program.
+  bool good() const { return stream.good(); }
+
+  /// Hands every byte appended so far to the file, so that good() then says whether all of them reached it.
+  void flush() { stream.flush(); }
 
   /// Why it is not good, as a system error number (see OutputFile_Atomic::get_error); 0 while it is.
   int get_error() const { return file.get_error(); }

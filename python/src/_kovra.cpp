@@ -96,6 +96,7 @@ int write_container(const std::string& path, std::uint64_t recordsIdentifier, co
   const auto write_block = [&writer](std::uint64_t identifier, const auto& entries) {
     writer.begin_block(identifier);
     writer.append(std::span(entries));
+    writer.flush();
     if (!writer.good()) return false;
     writer.end_block();
     return writer.good();

@@ -84,7 +84,7 @@ class CampaignConfigTest(unittest.TestCase):
             ({"output": None}, '"output" is not set'),
             ({"input": str(self.root / "missing")}, f'"input": no such folder: {self.root / "missing"}'),
             ({"input": ""}, '"input" must be a non-empty path'),
-            ({"input": str(empty)}, f'"input": no *.kovraphot files in {empty}'),
+            ({"input": str(empty)}, f'"input": no *.kovraphot or *.tpx3 files in {empty}'),
             ({"output": str(not_a_folder)}, f'"output": {not_a_folder} exists and is not a folder'),
             ({"dSpace_px": None}, '"dSpace_px" is not set'),
             ({"dTime_s": None}, '"dTime_s" is not set'),
@@ -115,6 +115,40 @@ class CampaignConfigTest(unittest.TestCase):
         ]
         for changes, message in cases:
             with self.subTest(changes=changes):
+                with self.assertRaises(CampaignConfigError) as caught:
+                    check_campaign(self.config(**changes))
+                self.assertIn(message, str(caught.exception))
+
+    def test_raw_files_are_imported_first_with_their_settings(self) -> None:
+        self.file("in/scan.tpx3")
+        self.folder("in/folder.tpx3")
+        # kovra_import is needed only now that there is a raw file.
+        with self.assertRaises(CampaignConfigError) as caught:
+            check_campaign(self.config())
+        self.assertIn(f'"bin": {self.bin} holds no executable kovra_import', str(caught.exception))
+        self.file("bin/kovra_import", "#!/bin/sh\n").chmod(0o755)
+        importer = str(self.bin / "kovra_import")
+        cases = [
+            ({}, [importer]),
+            ({"layout": "quad", "skipDamaged": True}, [importer, "--layout", "quad", "--skip-damaged"]),
+            ({"layout": "single", "skipDamaged": "false"}, [importer, "--layout", "single"]),
+        ]
+        for changes, expected in cases:
+            with self.subTest(changes=changes):
+                campaign = check_campaign(self.config(**changes))
+                self.assertEqual(list(campaign.import_args), expected)
+        self.assertEqual((campaign.names, campaign.raw_names), (("run10", "run2", "scan"), ("scan",)))
+        self.assertEqual((campaign.source("scan"), campaign.source("run2")),
+                         (str(self.input / "scan.tpx3"), str(self.input / "run2.kovraphot")))
+        bad = [
+            ({"layout": "triple"}, "\"layout\" must be one of single, quad, got 'triple'"),
+            ({"skipDamaged": "yes"}, "\"skipDamaged\" must be true or false, got 'yes'"),
+            ({}, f'"input": run2.kovraphot and run2.tpx3 in {self.input}: keep one'),
+        ]
+        for changes, message in bad:
+            with self.subTest(changes=changes):
+                if not changes:
+                    self.file("in/run2.tpx3")
                 with self.assertRaises(CampaignConfigError) as caught:
                     check_campaign(self.config(**changes))
                 self.assertIn(message, str(caught.exception))

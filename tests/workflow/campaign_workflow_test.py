@@ -1,4 +1,5 @@
-"""A small campaign through workflow/Snakefile: three simulated photon files, one of them malformed.
+"""A small campaign through workflow/Snakefile: three simulated photon files, one of them malformed, and a raw file
+whose acquisition was interrupted.
 
 Usage: campaign_workflow_test.py SOURCE_DIR BIN_DIR [--profile PROFILE_DIR] [--keep DIR]
 Without --profile the campaign runs with `snakemake --cores 2 --keep-going`; with it, through that profile (the
@@ -54,6 +55,11 @@ class CampaignWorkflowTest(unittest.TestCase):
         # A photon file cut short: kovra_brantel refuses it.
         good = (cls.root / "in" / "alpha.kovraphot").read_bytes()
         (cls.root / "in" / "broken.kovraphot").write_bytes(good[:100])
+        # A raw file without its last 100 bytes, as an interrupted acquisition leaves it: imported with a warning.
+        result = run([str(Path(ARGS.bin) / "kovra_simulate"), "-o", "raw.kovraphot", "--duration", "0.01",
+                      "--event-rate", "2e4", "--seed", "14", "--raw", "raw.tpx3"], cls.root)
+        assert result.returncode == 0, result.stderr
+        (cls.root / "in" / "interrupted.tpx3").write_bytes((cls.root / "raw.tpx3").read_bytes()[:-100])
 
     @classmethod
     def tearDownClass(cls) -> None:
@@ -76,13 +82,13 @@ class CampaignWorkflowTest(unittest.TestCase):
         command += ["--config", *(f"{key}={value}" for key, value in settings.items())]
         return subprocess.run(command, cwd=self.root, capture_output=True, text=True, preexec_fn=allow_core_dumps)
 
-    def direct_run(self, name: str) -> dict[str, bytes]:
+    def direct_run(self, name: str, photon_file: Path | None = None) -> dict[str, bytes]:
         """kovra_brantel and kovra_inspect run by hand on one photon file, as the campaign runs them."""
         folder = self.root / "direct"
         folder.mkdir(exist_ok=True)
         brantel = run([str(Path(ARGS.bin) / "kovra_brantel"), *BRANTEL_OPTIONS, "-i",
-                       str(self.root / "in" / f"{name}.kovraphot"), "-o", str(folder / f"{name}.kovraevent")],
-                      self.root)
+                       str(photon_file or self.root / "in" / f"{name}.kovraphot"), "-o",
+                       str(folder / f"{name}.kovraevent")], self.root)
         self.assertEqual(brantel.returncode, 0, brantel.stderr)
         inspect = run([str(Path(ARGS.bin) / "kovra_inspect"), f"{name}.kovraevent", "--summary", "--hdf5",
                        f"{name}.h5", "--image", f"{name}.png", "--size", "256"], folder)
@@ -109,7 +115,7 @@ class CampaignWorkflowTest(unittest.TestCase):
             (["input=nowhere"], 'campaign settings: "input": no such folder: nowhere'),
             (["dSpace=5"], "campaign settings: unknown key dSpace"),
             (["dTime_s=fast"], "campaign settings: \"dTime_s\" must be a number, got 'fast'"),
-            (["input=out_of_files"], 'campaign settings: "input": no *.kovraphot files in out_of_files'),
+            (["input=out_of_files"], 'campaign settings: "input": no *.kovraphot or *.tpx3 files in out_of_files'),
         ]
         (self.root / "out_of_files").mkdir(exist_ok=True)
         for config, message in cases:
@@ -139,9 +145,25 @@ class CampaignWorkflowTest(unittest.TestCase):
         self.assertFalse(list(out.glob("broken.*")))
         self.assertFalse([path for path in out.rglob(".*") if "partial" in path.name])
 
+        # The raw file: imported as kovra_import imports it by hand, its warning in the report and at the end.
+        imported = run([str(Path(ARGS.bin) / "kovra_import"), "in/interrupted.tpx3", "-o",
+                        "direct/interrupted.kovraphot"], self.root)
+        self.assertEqual(imported.returncode, 0, imported.stderr)
+        warning = imported.stderr.removeprefix("warning: ").rstrip("\n")
+        self.assertTrue(warning.startswith("the raw file ended early, inside the chunk at byte offset "), warning)
+        self.assertEqual((out / "imported" / "interrupted.kovraphot").read_bytes(),
+                         (self.root / "direct" / "interrupted.kovraphot").read_bytes())
+        self.assertEqual((out / "interrupted.kovraevent").read_bytes(),
+                         self.direct_run("interrupted", self.root / "direct" / "interrupted.kovraphot")[
+                             "interrupted.kovraevent"])
+        self.assertIn(f"campaign: 1 raw file imported with warnings (see out/campaign.md):\n"
+                      f"  interrupted.tpx3: {warning}\n", result.stderr)
+
         with open(out / "campaign.csv", newline="") as stream:
             rows = {row["file"]: row for row in csv.DictReader(stream)}
-        self.assertEqual(sorted(rows), ["alpha.kovraphot", "beta.kovraphot", "broken.kovraphot"])
+        self.assertEqual(sorted(rows), ["alpha.kovraphot", "beta.kovraphot", "broken.kovraphot", "interrupted.tpx3"])
+        self.assertEqual((rows["interrupted.tpx3"]["status"], rows["interrupted.tpx3"]["warnings"]), ("ok", warning))
+        self.assertEqual(rows["alpha.kovraphot"]["warnings"], "")
         self.assertEqual((rows["broken.kovraphot"]["status"], rows["broken.kovraphot"]["message"]),
                          ("failed", tool_message))
         for name in SIMULATIONS:
@@ -161,7 +183,9 @@ class CampaignWorkflowTest(unittest.TestCase):
                 one_photon = int(fields["one-photon"].split()[0])
                 self.assertAlmostEqual(float(row["one_photon_share"]), one_photon / int(row["events"]), places=8)
         markdown = (out / "campaign.md").read_text()
-        self.assertIn("3 photon files: 2 processed, 1 failed.", markdown)
+        self.assertIn("4 photon files: 3 processed (1 imported with warnings), 1 failed.", markdown)
+        self.assertIn("| interrupted.tpx3 | ok, warnings |", markdown)
+        self.assertIn(f"## Imported with warnings\n\n- `interrupted.tpx3`: {warning}\n", markdown)
         self.assertIn(f"- `broken.kovraphot`: kovra_brantel ended abnormally (SIGABRT): {tool_message}", markdown)
         for plot in ("campaign_pulse_shape.png", "campaign_event_map.png", "campaign_tof.png"):
             self.assertEqual((out / plot).read_bytes()[:8], b"\x89PNG\r\n\x1a\n")

@@ -1,7 +1,10 @@
 #pragma once
 
-// A progress line for long walks over a file: "\r<label> 42%", rewritten only when the percentage changes.
+// A progress line for long walks over a file: "\r<label> 42%", rewritten only when the percentage changes, or a
+// line of text for a walk of unknown length.
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -29,9 +32,20 @@ class Progress {
     show();
   }
 
-  /// Clears the line so that what follows starts on a clean one.
+  /// Shows `text` in place of the line.
+  void show_text(const std::string& text) {
+    if (!out) return;
+    *out << '\r' << text;
+    if (text.size() < width) *out << std::string(width - text.size(), ' ');
+    *out << std::flush;
+    width = text.size();
+  }
+
+  /// Clears the line so that what follows starts on a clean one; the next step shows it again.
   void finish() {
-    if (out) *out << '\r' << std::string(label.size() + 6, ' ') << '\r' << std::flush;
+    if (out) *out << '\r' << std::string(std::max(width, label.size() + 6), ' ') << '\r' << std::flush;
+    width = 0;
+    shown = -1;
   }
 
  private:
@@ -40,7 +54,8 @@ class Progress {
     const int percent = total == 0 ? 100 : static_cast<int>(done * 100 / total);
     if (percent == shown) return;
     shown = percent;
-    *out << '\r' << label << ' ' << percent << '%' << std::flush;
+    const std::string text = label + ' ' + std::to_string(percent) + '%';
+    show_text(text);
   }
 
   std::ostream* out;
@@ -48,6 +63,7 @@ class Progress {
   std::uint64_t total = 0;
   std::uint64_t done = 0;
   int shown = -1;
+  std::size_t width = 0;  ///< of the text shown last
 };
 
 }  // namespace kovra::tools

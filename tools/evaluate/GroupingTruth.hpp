@@ -87,7 +87,8 @@ inline std::vector<Read_Hit> read_rawHits(const std::string& rawPath, const impo
       }
     }
   };
-  reader.read_all([&](unsigned c, std::uint64_t) { chip = c; }, on_packets, [](std::uint64_t) {});
+  reader.read_all([&](unsigned c, std::uint64_t) { chip = c; }, on_packets, [](std::uint64_t, std::uint64_t) {},
+                  [](const import::Skipped_Stretch&) {});
   return hits;
 }
 

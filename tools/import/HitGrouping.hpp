@@ -164,7 +164,7 @@ class Hit_Grouping {
   template <Search S, typename Sink_Type>
   void add_hitsBy(std::span<const Timed_Item> items, std::uint64_t first, Sink_Type& sink) {
     for (const Timed_Item& item : items) {
-      if (item.kind == 0) add_hitBy<S>(item, first, sink);
+      if (!item.is_trigger()) add_hitBy<S>(item, first, sink);
       ++first;
     }
   }

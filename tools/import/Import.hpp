@@ -13,6 +13,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <unordered_set>
 #include <vector>
 
@@ -27,6 +28,12 @@
 namespace kovra::import {
 
 using namespace kovra::tpx3spidr::raw;  // the packet layout
+
+/// A raw file that ended inside a chunk: its name (empty when it is the run's only file) and where it ended.
+struct Ended_Early {
+  std::string file;
+  Unfinished_End end;
+};
 
 /// What a run read, dropped and wrote: the summary's figures.
 struct Import_Summary {
@@ -44,6 +51,20 @@ struct Import_Summary {
   Ticks lastTime = 0;
   std::size_t mostHeld = 0;                ///< largest number of items the reorder window held
   std::optional<Parallel_Stats> parallel;  ///< when the hits were grouped on several threads
+  std::vector<Ended_Early> endedEarly;       ///< the files that ended inside a chunk
+  std::uint64_t skippedStretches = 0;        ///< damaged stretches skipped (--skip-damaged)
+  std::uint64_t skippedBytes = 0;
+};
+
+/// What a run reports while it reads; by default nothing.
+class Import_Observer {
+ public:
+  virtual ~Import_Observer() = default;
+  /// After each block read, and now and then while a followed file is waited for: the bytes read, the file's
+  /// size as far as known, and the hits read.
+  virtual void on_progress(std::uint64_t /*bytesRead*/, std::uint64_t /*fileBytes*/, std::uint64_t /*hits*/) {}
+  /// A stretch of damaged bytes skipped, as soon as it is.
+  virtual void on_skipped(const Skipped_Stretch& /*stretch*/) {}
 };
 
 namespace detail {
@@ -81,23 +102,96 @@ class Tdc_Repeats {
 
 }  // namespace detail
 
-/// Reads `options.inputFile` through the clock and the reorder window, handing what the window releases to `sink`
-/// (sorted items, or whole buckets where the sink takes them: Reorder_Window::push); counts packets, chunks and
-/// drops in `summary`. `onProgress(bytesDone, fileBytes)` follows the reading. Damage and settings the file
-/// does not fit throw std::invalid_argument.
-template <typename Sink_Type, typename OnProgress_Type>
-void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&& sink, OnProgress_Type&& onProgress) {
-  Clock_Follower clock;
-  detail::Tdc_Repeats repeats;
-  Reorder_Window window(options.reorderWindow);
+/// A run's raw files read as one stream through the clock and the reorder window, what the window releases going
+/// to the sink (sorted items, or whole buckets where the sink takes them: Reorder_Window::push). Counts packets,
+/// chunks, drops and skipped damage in the summary and tells the observer as it goes. Damage it stops at and
+/// settings a file does not fit throw std::invalid_argument.
+template <typename Sink_Type>
+class Raw_Import {
+ public:
+  Raw_Import(const Import_Options& options_, Import_Summary& summary_, Sink_Type& sink_, Import_Observer& observer_)
+      : options(options_),
+        summary(summary_),
+        sink(sink_),
+        observer(observer_),
+        window(options.reorderWindow),
+        minTot(get_minTotSteps(options.minTot_ns)) {}
 
-  // Hits below the threshold are dropped: ToT counts 25 ns steps, so the threshold is a whole step count.
-  const double minTotSteps = std::ceil(options.minTot_ns / 25.0);
-  const std::uint64_t minTot = minTotSteps > 1024.0 ? 1024 : static_cast<std::uint64_t>(minTotSteps);
-  detail::Chip_Placement placement{0, 1, 0, 1};
-  std::optional<unsigned> singleChip;
+  /// Reads every file, one after the other: the clock, the window and the repeated TDCs carry on from one to the
+  /// next. With several files, messages name the file they are about.
+  void read_all() {
+    const std::vector<std::string> files =
+        options.inputFiles.empty() ? std::vector{options.inputFile} : options.inputFiles;
+    std::uint64_t bytesAfter = 0;
+    for (const auto& file : files) bytesAfter += get_fileSize(file);
+    std::uint64_t bytesBefore = 0;
+    for (const auto& file : files) {
+      const std::string named = files.size() > 1 ? file + ": " : "";
+      const bool last = &file == &files.back();
+      bytesAfter -= get_fileSize(file);
+      try {
+        bytesBefore += read_file(file, named, last, bytesBefore, bytesAfter);
+      } catch (const std::invalid_argument& e) {
+        if (named.empty()) throw;
+        throw std::invalid_argument(named + e.what());
+      }
+    }
+    window.finish(sink);
+    if (clock.is_started()) summary.firstTime = clock.get_start();
+    summary.rollovers = clock.get_hitRollovers();
+    summary.lastTime = clock.get_latest();
+    summary.mostHeld = window.get_mostHeld();
+  }
 
-  const auto on_chunk = [&](unsigned chip, std::uint64_t offset) {
+ private:
+  /// Hits below the threshold are dropped: ToT counts 25 ns steps, so the threshold is a whole step count.
+  static std::uint64_t get_minTotSteps(double minTot_ns) {
+    const double steps = std::ceil(minTot_ns / 25.0);
+    return steps > 1024.0 ? 1024 : static_cast<std::uint64_t>(steps);
+  }
+
+  static std::uint64_t get_fileSize(const std::string& file) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file, error);
+    return error ? 0 : size;
+  }
+
+  /// Reads one file; returns its size as read. `named` prefixes what is said of it. Only the run's last file may
+  /// end early or be followed as it grows: the end of any other is damage (a file cut short by a copy, say), to be
+  /// skipped like any other damage.
+  std::uint64_t read_file(const std::string& file, const std::string& named, bool last, std::uint64_t bytesBefore,
+                          std::uint64_t bytesAfter) {
+    Raw_Reader reader(file, Raw_Reading{options.damage, last ? options.followSeconds : std::nullopt},
+                      [this](unsigned chip) { return fits_chip(chip); });
+    const auto on_chunk = [this](unsigned chip, std::uint64_t offset) { place_chunk(chip, offset); };
+    const auto on_packets = [this](const std::uint64_t* words, std::size_t count) { take_packets(words, count); };
+    const auto on_read = [&](std::uint64_t bytesRead, std::uint64_t fileBytes) {
+      observer.on_progress(bytesBefore + bytesRead, bytesBefore + fileBytes + bytesAfter,
+                           summary.packets[static_cast<std::size_t>(Packet_Kind::hit)]);
+    };
+    const auto on_skipped = [&](const Skipped_Stretch& stretch) {
+      ++summary.skippedStretches;
+      summary.skippedBytes += stretch.bytes;
+      observer.on_skipped(Skipped_Stretch{stretch.at, stretch.bytes, named + stretch.cause});
+    };
+    if (const auto end = reader.read_all(on_chunk, on_packets, on_read, on_skipped)) {
+      if (!last && options.damage == Damage_Policy::stop) {
+        throw std::invalid_argument("the file ends inside a chunk (at byte offset " + std::to_string(end->at) +
+                                    "), and only the last file of a run may end early; --skip-damaged imports the "
+                                    "rest");
+      }
+      summary.endedEarly.push_back({named.empty() ? std::string() : file, *end});
+    }
+    return reader.get_fileBytes();
+  }
+
+  /// Whether a chunk of `chip` fits the layout (and, for one chip, the chip of the chunks before).
+  bool fits_chip(unsigned chip) const {
+    return options.layout == Frame_Layout::quad ? chip <= 3 : !singleChip || *singleChip == chip;
+  }
+
+  /// A chunk's header: where its hits lie in the frame.
+  void place_chunk(unsigned chip, std::uint64_t offset) {
     ++summary.chunks;
     if (options.layout == Frame_Layout::quad) {
       if (chip > 3) {
@@ -113,99 +207,91 @@ void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&
                                   ": the file holds several chips, which --layout single cannot place (try "
                                   "--layout quad)");
     }
-  };
+  }
 
-  const auto on_packets = [&](const std::uint64_t* words, std::size_t count) {
-    // Hits, nearly every packet, are counted here and added to the summary once per call.
+  /// A chunk's packets. Hits, nearly every packet, are counted here and added to the summary once per call.
+  void take_packets(const std::uint64_t* words, std::size_t count) {
     std::uint64_t hits = 0;
     for (std::size_t i = 0; i < count; ++i) {
       const std::uint64_t p = words[i];
-      if (p >> 60 == 0xB) [[likely]] {  // a hit, as get_packetKind says
+      if (is_hit(p)) [[likely]] {
         ++hits;
-        const Ticks t = clock.place_hitClock(get_hitTicks(p));
-        const unsigned tot = get_hitTot(p);
-        if (tot < minTot) {
-          ++summary.droppedTot;
-          continue;
-        }
-        const int c = static_cast<int>(get_hitColumn(p));
-        const int r = static_cast<int>(get_hitRow(p));
-        const auto x = static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c);
-        const auto y = static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r);
-        if (options.mask && options.mask->is_masked(x, y)) {
-          ++summary.droppedMasked;
-          continue;
-        }
-        const Ticks corrected = options.timeWalk ? options.timeWalk->correct(t, tot) : t;
-        const Timed_Item item{corrected, x, y, static_cast<std::uint16_t>(tot), 0};
-        if (!window.push(item, clock.get_latest(), sink)) ++summary.droppedLate;
-        continue;
-      }
-      const Packet_Kind kind = get_packetKind(p);
-      ++summary.packets[static_cast<std::size_t>(kind)];
-      switch (kind) {
-        case Packet_Kind::tdc: {
-          if (repeats.is_repeat(p)) {
-            ++summary.tdcRepeats;
-            break;
-          }
-          const Ticks t = clock.place_tdc(get_tdcTicks(p));
-          const auto edge = static_cast<int>(get_tdcEdge(p));
-          if (edge != options.triggerEdge) break;
-          const Timed_Item item{t, 0, 0, 0, static_cast<std::uint16_t>(edge)};
-          if (!window.push(item, clock.get_latest(), sink)) ++summary.lateTriggers;
-          break;
-        }
-        case Packet_Kind::heartbeat:
-          clock.place_hitClock(get_heartbeatTicks(p));
-          break;
-        default:
-          break;
+        take_hit(p);
+      } else {
+        take_otherPacket(p);
       }
     }
     summary.packets[static_cast<std::size_t>(Packet_Kind::hit)] += hits;
-  };
-
-  // Several files are one stream: the clock, the window and the repeated TDCs carry on from one to the next.
-  const std::vector<std::string> files =
-      options.inputFiles.empty() ? std::vector{options.inputFile} : options.inputFiles;
-  std::uint64_t totalBytes = 0;
-  for (const auto& file : files) {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(file, error);
-    totalBytes += error ? 0 : size;
   }
-  std::uint64_t bytesBefore = 0;
-  for (const auto& file : files) {
-    try {
-      Raw_Reader reader(file);
-      reader.read_all(on_chunk, on_packets,
-                      [&](std::uint64_t bytesDone) { onProgress(bytesBefore + bytesDone, totalBytes); });
-      bytesBefore += reader.get_fileBytes();
-    } catch (const std::invalid_argument& e) {
-      if (files.size() == 1) throw;
-      throw std::invalid_argument(file + ": " + e.what());  // which of the files it is
+
+  [[gnu::always_inline]] void take_hit(std::uint64_t p) {
+    const Ticks t = clock.place_hitClock(get_hitTicks(p));
+    const unsigned tot = get_hitTot(p);
+    if (tot < minTot) {
+      ++summary.droppedTot;
+      return;
+    }
+    const int c = static_cast<int>(get_hitColumn(p));
+    const int r = static_cast<int>(get_hitRow(p));
+    const auto x = static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c);
+    const auto y = static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r);
+    if (options.mask && options.mask->is_masked(x, y)) {
+      ++summary.droppedMasked;
+      return;
+    }
+    const Ticks corrected = options.timeWalk ? options.timeWalk->correct(t, tot) : t;
+    const Timed_Item item{corrected, x, y, static_cast<std::uint16_t>(tot), Timed_Item::hit_kind};
+    if (!window.push(item, clock.get_latest(), sink)) ++summary.droppedLate;
+  }
+
+  void take_otherPacket(std::uint64_t p) {
+    const Packet_Kind kind = get_packetKind(p);
+    ++summary.packets[static_cast<std::size_t>(kind)];
+    if (kind == Packet_Kind::heartbeat) {
+      clock.place_hitClock(get_heartbeatTicks(p));
+    } else if (kind == Packet_Kind::tdc) {
+      if (repeats.is_repeat(p)) {
+        ++summary.tdcRepeats;
+        return;
+      }
+      const Ticks t = clock.place_tdc(get_tdcTicks(p));
+      const auto edge = static_cast<int>(get_tdcEdge(p));
+      if (edge != options.triggerEdge) return;
+      const Timed_Item item{t, 0, 0, 0, static_cast<std::uint16_t>(edge)};
+      if (!window.push(item, clock.get_latest(), sink)) ++summary.lateTriggers;
     }
   }
-  window.finish(sink);
 
-  if (clock.is_started()) summary.firstTime = clock.get_start();
-  summary.rollovers = clock.get_hitRollovers();
-  summary.lastTime = clock.get_latest();
-  summary.mostHeld = window.get_mostHeld();
+  const Import_Options& options;
+  Import_Summary& summary;
+  Sink_Type& sink;
+  Import_Observer& observer;
+  Clock_Follower clock;
+  detail::Tdc_Repeats repeats;
+  Reorder_Window window;
+  std::uint64_t minTot;
+  detail::Chip_Placement placement{0, 1, 0, 1};
+  std::optional<unsigned> singleChip;
+};
+
+/// Reads the run's raw files into `sink`; see Raw_Import.
+template <typename Sink_Type>
+void read_raw(const Import_Options& options, Import_Summary& summary, Sink_Type&& sink, Import_Observer& observer) {
+  Raw_Import<std::remove_reference_t<Sink_Type>> reading(options, summary, sink, observer);
+  reading.read_all();
 }
 
 /// Imports `options.inputFile` into `output`, which takes `add_photons(const Photon*, count)` and
-/// `add_trigger(Ticks)`; `onProgress(bytesDone, fileBytes)` follows the reading. Damage and settings the file
-/// does not fit throw std::invalid_argument. The photons and triggers written are the same for every
-/// options.threads and options.pieceItems.
-template <typename Output_Type, typename OnProgress_Type>
-Import_Summary run_import(const Import_Options& options, Output_Type& output, OnProgress_Type&& onProgress) {
+/// `add_trigger(Ticks)`; `observer` follows the reading. Damage it stops at and settings the file does not fit
+/// throw std::invalid_argument. The photons and triggers written are the same for every options.threads and
+/// options.pieceItems.
+template <typename Output_Type>
+Import_Summary run_import(const Import_Options& options, Output_Type& output, Import_Observer& observer) {
   using Photon = Hit_Grouping::Photon;
   Import_Summary summary;
   if (options.threads > 1) {
     Piece_Pipeline<Output_Type> pipeline(options, output, options.threads, options.pieceItems);
-    read_raw(options, summary, pipeline, onProgress);
+    read_raw(options, summary, pipeline, observer);
     summary.parallel = pipeline.finish(summary.photons, summary.triggers);
     return summary;
   }
@@ -233,7 +319,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
   const auto on_released = [&](const Timed_Item* items, std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       const Timed_Item& item = items[i];
-      if (item.kind != 0) {
+      if (item.is_trigger()) {
         output.add_trigger(item.time);
         ++summary.triggers;
       } else if (options.hitsAsPhotons) {
@@ -243,7 +329,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, On
     if (!options.hitsAsPhotons) grouping.add_hits({items, count}, released, take_photon);
     released += count;
   };
-  read_raw(options, summary, on_released, onProgress);
+  read_raw(options, summary, on_released, observer);
   grouping.finish(take_photon);
   flush_photons();
   return summary;

@@ -19,6 +19,7 @@
 #include "import/InputFiles.hpp"
 #include "import/PixelMask.hpp"
 #include "import/TimeWalk.hpp"
+#include "import/RawReader.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::import {
@@ -50,6 +51,8 @@ struct Import_Options {
   std::shared_ptr<const Pixel_Mask> mask;     ///< read from maskFile by the program before the run
   bool writeCharge = false;                   ///< --charge: each photon's summed ToT and hits beside the photon file
   int logLevel = 2;
+  Damage_Policy damage = Damage_Policy::stop;  ///< --skip-damaged: skip
+  std::optional<double> followSeconds;         ///< --follow: how long the file must stay the same size to be done
   /// Threads that work: 1 does everything on the calling thread; more run that many less one workers beside
   /// it. The default (taken by parse_importOptions): KOVRA_THREADS, else every core the run may use.
   unsigned threads = 1;
@@ -88,6 +91,11 @@ inline std::string get_importHelp() {
          "      --reorder-window SECONDS\n"
          "                            packets more than this much older than the latest time read are dropped\n"
          "                            and counted; the rest are put in time order (default 5e-3, at most 10)\n"
+         "      --skip-damaged        at damage in the file (bytes where a chunk header should be), skip to the\n"
+         "                            next plausible chunk header and go on, with a warning for each stretch\n"
+         "                            skipped; without it the run stops there\n"
+         "      --follow SECONDS      read a file that is still being written: keep reading as it grows and\n"
+         "                            finish once it has not grown for SECONDS (at most 86400)\n"
          "      --threads N           threads that work: one reads, orders and writes, the others group hits\n"
          "                            beside it; 1 does all on one (default: KOVRA_THREADS, else every core)\n"
          "      --verbose N           log level: -1 errors only, 0 adds warnings, 2 (default) adds the summary\n"
@@ -96,11 +104,12 @@ inline std::string get_importHelp() {
          "      --version             print the version and exit\n"
          "\n"
          "Memory stays bounded whatever the file size; a progress line is shown on standard error when it is a\n"
-         "terminal. The output appears whole or not at all: an existing file is replaced only after a complete\n"
-         "run.\n"
+         "terminal. A file that ends inside a chunk (an interrupted acquisition) gives the photons of every\n"
+         "complete packet before its end, with a warning. The output appears whole or not at all: an existing\n"
+         "file is replaced only after a complete run.\n"
          "\n"
-         "Exit status: 0 on success, 1 when the raw file is damaged or unreadable or the output cannot be\n"
-         "written, 2 for a bad command line.\n";
+         "Exit status: 0 on success (a file that ended early included), 1 when the raw file is damaged\n"
+         "(without --skip-damaged) or unreadable or the output cannot be written, 2 for a bad command line.\n";
 }
 
 namespace detail {
@@ -125,7 +134,7 @@ inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(s
 inline Import_Options parse_importOptions(int argc, char* argv[]) {
   enum : int {
     layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk,
-    mask, charge
+    mask, charge, skipDamaged, follow
   };
   static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
                                        {"layout", required_argument, nullptr, layout},
@@ -141,6 +150,8 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
                                        {"time-walk", required_argument, nullptr, timeWalk},
                                        {"mask", required_argument, nullptr, mask},
                                        {"charge", no_argument, nullptr, charge},
+                                       {"skip-damaged", no_argument, nullptr, skipDamaged},
+                                       {"follow", required_argument, nullptr, follow},
                                        {"help", no_argument, nullptr, 'h'},
                                        kovra::tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
@@ -233,6 +244,12 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
       case timeWalk:
         if (value.empty()) throw std::invalid_argument("option --time-walk needs a file name");
         options.timeWalkFile = value;
+        break;
+      case skipDamaged:
+        options.damage = Damage_Policy::skip;
+        break;
+      case follow:
+        options.followSeconds = detail::parse_seconds("follow", value.c_str(), 86400.0);
         break;
       case threads:
         threadsGiven = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));

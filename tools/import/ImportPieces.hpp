@@ -101,7 +101,7 @@ class Piece_Worker {
     std::uint64_t number = piece.first;
     Ticks lastTime = 0;
     for_eachItem(piece, [&](const Timed_Item& item) {
-      if (item.kind != 0) {
+      if (item.is_trigger()) {
         out.triggers.push_back(item.time);
       } else {
         out.photons.push_back({{{item.x * 65536}, {item.y * 65536}, {item.time}}, number, {item.tot, 1}});
@@ -129,7 +129,7 @@ class Piece_Worker {
     for (std::size_t b = 0; b < piece.buckets.size(); ++b) {
       const std::span<const Timed_Item> items = sorter.sort(piece.get_bucket(b));
       for (const Timed_Item& item : items) {
-        if (item.kind != 0) out.triggers.push_back(item.time);
+        if (item.is_trigger()) out.triggers.push_back(item.time);
       }
       grouping->add_hits(items, number, sink);
       number += items.size();
@@ -172,7 +172,7 @@ class Piece_Worker {
     bool agreed = false;
     for (std::size_t b = 0; b < next.buckets.size() && !agreed; ++b) {
       for (const Timed_Item& item : sorter.sort(next.get_bucket(b))) {
-        if (item.kind == 0) {
+        if (!item.is_trigger()) {
           const std::uint64_t before = grouping.add_hit(item, number, sink);
           if (search.agree_after(number, item.time, before, fresh->add_hit(item, number, discard))) {
             agreed = true;

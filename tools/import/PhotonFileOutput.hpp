@@ -30,18 +30,24 @@
 
 namespace kovra::import {
 
-/// One photon file being written. Throws std::invalid_argument when it cannot be written.
+/// The photon file cannot be written: the message names it and gives the system's reason.
+struct Output_Failure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// One photon file being written. Throws Output_Failure when it cannot be written (at the latest at `commit`,
+/// as soon as a write fails before).
 class PhotonFile_Output {
  public:
   using Photon = kovra::tpx3spidr::PhotonEvent;
 
   /// `chargePath`: where the photons' charges go; none when empty.
-  PhotonFile_Output(const std::string& target, bool withTriggers_, const std::string& chargePath = "")
-      : writer((check_writable(target), target)), withTriggers(withTriggers_) {
-    if (!chargePath.empty()) charges.emplace(chargePath);
+  PhotonFile_Output(const std::string& target_, bool withTriggers_, const std::string& chargePath = "")
+      : target(target_), writer((check_writable(target_), target_)), withTriggers(withTriggers_) {
+    if (!chargePath.empty()) as_outputFailure([&] { charges.emplace(chargePath); });
     if (withTriggers) {
       triggers.reset(std::tmpfile());
-      if (!triggers) throw std::invalid_argument("cannot create a scratch file for the trigger times");
+      if (!triggers) throw_systemError("cannot create a scratch file for the trigger times");
     }
     writer.begin_block(kovra::detail::make_identifier("photons"));
   }
@@ -49,37 +55,39 @@ class PhotonFile_Output {
   void add_photons(const Photon* photons, std::size_t count) {
     writer.append(std::span<const Photon>(photons, count));
     if (charges) fingerprint.add(std::span<const Photon>(photons, count));
+    if (!writer.good()) throw_writeError();
   }
 
   void add_charges(const Photon_Charge* photonCharges, std::size_t count) {
-    if (charges) charges->add(std::span<const Photon_Charge>(photonCharges, count));
+    if (charges) as_outputFailure([&] { charges->add(std::span<const Photon_Charge>(photonCharges, count)); });
   }
 
   void add_trigger(long time) {
     if (withTriggers && std::fwrite(&time, sizeof time, 1, triggers.get()) != 1) {
-      throw std::invalid_argument("cannot keep the trigger times in a scratch file");
+      throw_systemError("cannot keep the trigger times in a scratch file");
     }
   }
 
   /// Ends the photons, writes the triggers and moves the file into place.
   void commit() {
-    writer.end_block();
+    end_checkedBlock();
     if (withTriggers) {
       writer.begin_block(kovra::detail::make_identifier("extTrigs"));
       if (std::fflush(triggers.get()) != 0 || std::fseek(triggers.get(), 0, SEEK_SET) != 0) {
-        throw std::invalid_argument("cannot read back the trigger times");
+        throw_systemError("cannot read back the trigger times");
       }
       std::vector<char> copy(std::size_t{1} << 16);
       for (std::size_t n = 0; (n = std::fread(copy.data(), 1, copy.size(), triggers.get())) > 0;) {
         writer.append_bytes(copy.data(), n);
       }
-      writer.end_block();
+      if (std::ferror(triggers.get()) != 0) throw_systemError("cannot read back the trigger times");
+      end_checkedBlock();
     }
-    if (charges) charges->commit(fingerprint.value());
+    if (charges) as_outputFailure([&] { charges->commit(fingerprint.value()); });
     try {
       writer.commit();
     } catch (const std::runtime_error& e) {
-      throw std::invalid_argument(e.what());
+      throw Output_Failure(e.what());
     }
   }
 
@@ -90,19 +98,45 @@ class PhotonFile_Output {
     const auto parent = std::filesystem::path(target).parent_path();
     const std::string directory = parent.empty() ? "." : parent.string();
     if (::stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-      throw std::invalid_argument("cannot write \"" + target + "\": not a regular file");
+      throw Output_Failure("cannot write \"" + target + "\": not a regular file");
     }
     errno = 0;
     if ((::stat(target.c_str(), &status) == 0 && ::access(target.c_str(), W_OK) != 0) ||
         ::access(directory.c_str(), W_OK) != 0) {
-      throw std::invalid_argument("cannot write \"" + target + "\": " + std::strerror(errno != 0 ? errno : EACCES));
+      throw Output_Failure("cannot write \"" + target + "\": " + std::strerror(errno != 0 ? errno : EACCES));
     }
+  }
+
+  /// Ends the open block once every byte of it reached the file (a full disk or a file-size limit fails a write).
+  void end_checkedBlock() {
+    writer.flush();
+    if (!writer.good()) throw_writeError();
+    writer.end_block();
+  }
+
+  /// Runs `write`, a charge file's step, its failure reported as the photon file's are.
+  template <typename Write_Type>
+  static void as_outputFailure(Write_Type&& write) {
+    try {
+      write();
+    } catch (const std::invalid_argument& e) {
+      throw Output_Failure(e.what());
+    }
+  }
+
+  [[noreturn]] void throw_writeError() const {
+    const int error = writer.get_error();
+    throw Output_Failure("cannot write \"" + target + "\": " + std::strerror(error != 0 ? error : EIO));
+  }
+  [[noreturn]] static void throw_systemError(const std::string& what) {
+    throw Output_Failure(what + ": " + std::strerror(errno != 0 ? errno : EIO));
   }
 
   struct Close_File {
     void operator()(std::FILE* f) const { std::fclose(f); }
   };
 
+  std::string target;
   kovra::ContainerFile_Writer<2> writer;
   const bool withTriggers;
   std::optional<Charge_Writer> charges;

@@ -43,11 +43,16 @@ using namespace kovra::tpx3spidr::raw;  // the packet layout
 /// One hit (kind 0) or trigger edge (kind = the TDC's edge nibble) on its way to the output, at frame pixel
 /// (x, y) with ToT in 25 ns units; x, y and ToT are 0 for an edge.
 struct Timed_Item {
+  /// The kind of a hit; a trigger's kind is the edge nibble of its TDC packet, never 0.
+  static constexpr std::uint16_t hit_kind = 0;
+
   Ticks time;
   std::uint16_t x;
   std::uint16_t y;
   std::uint16_t tot;
   std::uint16_t kind;
+
+  constexpr bool is_trigger() const { return kind != hit_kind; }
 };
 static_assert(sizeof(Timed_Item) == 16);
 
@@ -113,9 +118,11 @@ class Reorder_Window {
   /// Takes an item, `latest` being the clock's latest time after reading it. Returns false, keeping nothing,
   /// when the item is late. Releases to `sink` what can no longer move: sorted items to `sink(const
   /// Timed_Item*, std::size_t)`, or, where the sink takes them, whole buckets to `sink(const Packed_Bucket&)`,
-  /// unsorted, for the receiver to sort with a Bucket_Sorter.
+  /// unsorted, for the receiver to sort with a Bucket_Sorter. Inlined where it is called (once per hit): left to
+  /// the compiler, the call fell out of the decoding loop when unrelated code around it grew, and crowded flashes
+  /// (58 MB of raw data, one thread) took 3.05 instead of 2.81 billion instructions (cachegrind), 5 % more time.
   template <typename Sink_Type>
-  bool push(const Timed_Item& item, Ticks latest, Sink_Type&& sink) {
+  [[gnu::always_inline]] bool push(const Timed_Item& item, Ticks latest, Sink_Type&& sink) {
     const Ticks cut = latest - window;
     if (item.time < cut) return false;
     // releaseAt is the last tick of bucket nextRelease (the lowest value before the first item), so this one

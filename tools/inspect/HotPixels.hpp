@@ -49,11 +49,11 @@ inline Pixel_Counts count_rawPixels(const std::string& path) {
       },
       [&](const std::uint64_t* words, std::size_t count) {
         for (std::size_t i = 0; i < count; ++i) {
-          if (words[i] >> 60 != 0xB) continue;
+          if (!is_hit(words[i])) continue;
           ++perChip[std::size_t{chip} << 16 | get_hitColumn(words[i]) << 8 | get_hitRow(words[i])];
         }
       },
-      [](std::uint64_t) {});
+      [](std::uint64_t, std::uint64_t) {}, [](const kovra::import::Skipped_Stretch&) {});
   const bool quad = std::any_of(perChip.begin() + 65536, perChip.end(), [](std::uint64_t n) { return n != 0; });
   Pixel_Counts counts;
   for (std::size_t k = 0; k < perChip.size(); ++k) {

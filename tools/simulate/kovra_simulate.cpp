@@ -180,8 +180,10 @@ class Simulation_Outputs {
         Hit_Tally{&nHits, &hitPhotons});
   }
 
-  /// Asked before every end_block, whose size check would stop the program on a failed write.
+  /// Asked before every end_block, whose size check would stop the program on a failed write, and after every
+  /// slice; the buffered bytes are handed over first, so that a write that fails shows here.
   void check_photonFile() {
+    photonFile.flush();
     if (!photonFile.good()) throw_cannotWrite(options.outputPath, photonFile.get_error());
   }
 

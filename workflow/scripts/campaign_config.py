@@ -36,9 +36,13 @@ KNOWN_KEYS = (
     "tofMax_s",
     "stackBinning_px",
     "threadsPerFile",
+    "layout",
+    "skipDamaged",
 )
 
 PHOTON_SUFFIX = ".kovraphot"
+RAW_SUFFIX = ".tpx3"
+LAYOUTS = ("single", "quad")
 DEFAULT_MAP_SIZE_PX = 256
 DEFAULT_TOF_BINS = 100
 # Cells of 8 pixels: a stack of 100 bins over 256 pixels is 400 kB per file.
@@ -59,7 +63,7 @@ class CampaignConfigError(ValueError):
 
 @dataclass(frozen=True)
 class Campaign:
-    """The checked settings: existing input folder with at least one photon file, tools that can be run."""
+    """The checked settings: existing input folder with at least one photon or raw file, tools that can be run."""
 
     input_dir: str
     output_dir: str
@@ -69,6 +73,12 @@ class Campaign:
     map_size_px: int
     tof_args: tuple[str, ...]  # kovra_inspect's options for the time-of-flight spectrum and stack
     threads_per_file: int | None = None  # kovra_brantel's threads per photon file; None: shared out (threads_for)
+    raw_names: tuple[str, ...] = ()  # the names whose input is a raw file, imported first
+    import_args: tuple[str, ...] = ()  # kovra_import and its options, when there are raw files
+
+    def source(self, name: str) -> str:
+        """The input file of a name: its raw file or its photon file."""
+        return os.path.join(self.input_dir, name + (RAW_SUFFIX if name in self.raw_names else PHOTON_SUFFIX))
 
 
 # Threads per file where the cores to share are not known (a cluster job): a node's share that keeps a job's
@@ -157,16 +167,28 @@ def find_tool(name: str, bin_dir: str | None) -> str:
     return os.path.abspath(candidate)
 
 
-def list_photon_files(input_dir: str) -> tuple[str, ...]:
-    """The names (without extension) of the photon files directly in the input folder, sorted."""
+def list_files(input_dir: str, suffix: str) -> tuple[str, ...]:
+    """The names (without extension) of the files ending in `suffix` directly in the input folder, sorted."""
     names = [
-        entry[: -len(PHOTON_SUFFIX)]
+        entry[: -len(suffix)]
         for entry in os.listdir(input_dir)
-        if entry.endswith(PHOTON_SUFFIX)
-        and len(entry) > len(PHOTON_SUFFIX)
-        and os.path.isfile(os.path.join(input_dir, entry))
+        if entry.endswith(suffix) and len(entry) > len(suffix) and os.path.isfile(os.path.join(input_dir, entry))
     ]
     return tuple(sorted(names))
+
+
+def list_photon_files(input_dir: str) -> tuple[str, ...]:
+    """The names (without extension) of the photon files directly in the input folder, sorted."""
+    return list_files(input_dir, PHOTON_SUFFIX)
+
+
+def _flag(key: str, value: Any) -> bool:
+    # On the command line (--config skipDamaged=true) YAML reads true and false; text is taken too.
+    if isinstance(value, bool):
+        return value
+    if isinstance(value, str) and value.strip().lower() in ("true", "false"):
+        return value.strip().lower() == "true"
+    raise CampaignConfigError(f'"{key}" must be true or false, got {value!r}')
 
 
 def check_campaign(config: Mapping[str, Any]) -> Campaign:
@@ -250,9 +272,24 @@ def check_campaign(config: Mapping[str, Any]) -> Campaign:
     brantel = find_tool("kovra_brantel", bin_dir)
     inspect = find_tool("kovra_inspect", bin_dir)
 
-    names = list_photon_files(input_dir)
+    photon_names = list_photon_files(input_dir)
+    raw_names = list_files(input_dir, RAW_SUFFIX)
+    both = sorted(set(photon_names) & set(raw_names))
+    if both:
+        raise CampaignConfigError(f'"input": {both[0]}{PHOTON_SUFFIX} and {both[0]}{RAW_SUFFIX} in {input_dir}: '
+                                  f"keep one, a raw file is imported into a photon file of that name")
+    names = tuple(sorted(photon_names + raw_names))
     if not names:
-        raise CampaignConfigError(f'"input": no *{PHOTON_SUFFIX} files in {input_dir}')
+        raise CampaignConfigError(f'"input": no *{PHOTON_SUFFIX} or *{RAW_SUFFIX} files in {input_dir}')
+
+    layout = given("layout")
+    if layout is not None and layout not in LAYOUTS:
+        raise CampaignConfigError(f'"layout" must be one of {", ".join(LAYOUTS)}, got {layout!r}')
+    skip_damaged = given("skipDamaged") is not None and _flag("skipDamaged", given("skipDamaged"))
+    import_args: tuple[str, ...] = ()
+    if raw_names:
+        import_args = (find_tool("kovra_import", bin_dir), *(["--layout", layout] if layout is not None else []),
+                       *(["--skip-damaged"] if skip_damaged else []))
 
     return Campaign(
         input_dir=input_dir,
@@ -263,4 +300,6 @@ def check_campaign(config: Mapping[str, Any]) -> Campaign:
         map_size_px=int(map_size_number),
         tof_args=tuple(tof_args),
         threads_per_file=threads_per_file,
+        raw_names=raw_names,
+        import_args=import_args,
     )

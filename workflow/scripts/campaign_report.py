@@ -34,6 +34,7 @@ CSV_COLUMNS = (
     "span_s",
     "event_rate_per_s",
     "message",
+    "warnings",
 )
 # Matplotlib stamps its version into a PNG unless told not to; the report stays the same from run to run.
 PNG_METADATA = {"Software": None}
@@ -51,6 +52,16 @@ def format_number(value: Any) -> str:
     if isinstance(value, int):
         return str(value)
     return f"{value:.9g}"
+
+
+def get_stem(file: str) -> str:
+    """A file's name without its extension: that of its outputs."""
+    return file.removesuffix(".kovraphot").removesuffix(".tpx3")
+
+
+def warnings_text(status: dict[str, Any]) -> str:
+    """The import's warnings of a raw file, one after the other; empty for none."""
+    return " / ".join(status.get("warnings", []))
 
 
 def one_photon_share(status: dict[str, Any]) -> float | None:
@@ -73,6 +84,7 @@ def csv_text(statuses: Sequence[dict[str, Any]]) -> str:
                 format_number(status.get("span_s")),
                 format_number(status.get("event_rate_per_s")),
                 status.get("message", ""),
+                warnings_text(status),
             ]
         )
     return buffer.getvalue()
@@ -85,10 +97,12 @@ def markdown_cell(text: str) -> str:
 def markdown_text(statuses: Sequence[dict[str, Any]], plots: Sequence[str], tof_lines: Sequence[str] = ()) -> str:
     good = [status for status in statuses if status["status"] == "ok"]
     failed = [status for status in statuses if status["status"] != "ok"]
+    warned = [status for status in good if status.get("warnings")]
+    with_warnings = f" ({len(warned)} imported with warnings)" if warned else ""
     lines = [
         "# Campaign report",
         "",
-        f"{format_count(len(statuses), 'photon file')}: {len(good)} processed, {len(failed)} failed.",
+        f"{format_count(len(statuses), 'photon file')}: {len(good)} processed{with_warnings}, {len(failed)} failed.",
         "",
         "| File | Status | Photons | Events | One-photon share | Time span (s) | Event rate (1/s) |",
         "|---|---|---:|---:|---:|---:|---:|",
@@ -100,7 +114,7 @@ def markdown_text(statuses: Sequence[dict[str, Any]], plots: Sequence[str], tof_
             + " | ".join(
                 [
                     markdown_cell(status["file"]),
-                    status["status"],
+                    status["status"] + (", warnings" if status.get("warnings") else ""),
                     format_number(status.get("photons")),
                     format_number(status.get("events")),
                     "" if share is None else f"{100.0 * share:.1f} %",
@@ -114,6 +128,10 @@ def markdown_text(statuses: Sequence[dict[str, Any]], plots: Sequence[str], tof_
         lines += ["", "## Failed files", ""]
         for status in failed:
             lines.append(f"- `{status['file']}`: {status.get('exit', '')}: {markdown_cell(status['message'])}")
+    if warned:
+        lines += ["", "## Imported with warnings", ""]
+        for status in warned:
+            lines.append(f"- `{status['file']}`: " + "; ".join(markdown_cell(text) for text in status["warnings"]))
     if tof_lines:
         lines += ["", "## Time of flight", "", *tof_lines]
     lines += ["", "## Plots", ""]
@@ -245,7 +263,7 @@ def write_report(status_paths: Sequence[Path], csv_path: Path, markdown_path: Pa
     plot_event_map(event_map, len(good), event_map_png)
 
     # Each file's spectrum and stack lie beside its event file, one folder above its status file.
-    stem = {status["file"]: status["file"].removesuffix(".kovraphot") for status, _ in good}
+    stem = {status["file"]: get_stem(status["file"]) for status, _ in good}
     with_tof = [(status, path) for status, path in good if status.get("tof") == "ok"]
     spectra = {stem[s["file"]]: read_spectrum(p.parent.parent / f"{stem[s['file']]}.tof.csv") for s, p in with_tof}
     plot_spectra(spectra, 1.5625e-9, tof_png)

@@ -1,9 +1,11 @@
-"""One photon file of a campaign: kovra_brantel, then kovra_inspect, then the numbers the campaign report needs.
+"""One file of a campaign: for a raw file kovra_import first, then kovra_brantel, then kovra_inspect, then the
+numbers the campaign report needs.
 
 Runs as a Snakemake `script:` (under Snakemake's own Python, which has NumPy and h5py). Every output is written
 under a temporary name and renamed into place; the status file is written last, so a file whose status exists
 has all its outputs. A tool that fails does not fail the job: its message goes into the status file and the
-campaign report, and the file's stale outputs from an earlier run are removed.
+campaign report, and the file's stale outputs from an earlier run are removed. The warnings of an import (a raw
+file that ended early, damage skipped, late packets dropped) go into the status file and the report too.
 """
 
 
@@ -27,6 +29,8 @@ CHUNK_RECORDS = 1 << 20
 PSD_EDGES_S = np.logspace(-11.0, -3.0, 401)
 PHOTON_COUNT_LINE = re.compile(r"Total number of photons in file = (\d+)")
 TRIGGER_LINE = re.compile(r"^ext\. triggers (.*)$", re.MULTILINE)
+RAW_SUFFIX = ".tpx3"
+WARNING_PREFIX = "warning: "
 
 
 @dataclass(frozen=True)
@@ -35,6 +39,11 @@ class FileOutputs:
 
     name: str
     output_dir: Path
+    raw: bool = False  # the input is a raw file, imported into `imported`
+
+    @property
+    def imported(self) -> Path:
+        return self.output_dir / "imported" / f"{self.name}.kovraphot"
 
     @property
     def events(self) -> Path:
@@ -61,7 +70,8 @@ class FileOutputs:
         return self.output_dir / f"{self.name}.stack.h5"
 
     def published(self) -> tuple[Path, ...]:
-        return (self.events, self.summary, self.hdf5, self.image, self.tof, self.stack)
+        made = (self.events, self.summary, self.hdf5, self.image, self.tof, self.stack)
+        return (self.imported, *made) if self.raw else made
 
 
 def describe_exit(tool: str, returncode: int) -> str:
@@ -80,6 +90,11 @@ def tool_message(stderr: str) -> str:
     if reasons:
         return " ".join(reasons)
     return " / ".join(line.strip() for line in stderr.splitlines() if line.strip())
+
+
+def import_warnings(stderr: str) -> list[str]:
+    """The warnings of kovra_import, without their prefix, in the order it gave them."""
+    return [line[len(WARNING_PREFIX):] for line in stderr.splitlines() if line.startswith(WARNING_PREFIX)]
 
 
 def without_core_dumps() -> None:
@@ -194,8 +209,9 @@ def process_file(
     log_path: Path,
     tof_args: Sequence[str] = (),
     threads: int = 1,
+    import_args: Sequence[str] = (),
 ) -> dict[str, Any]:
-    outputs = FileOutputs(name, output_dir)
+    outputs = FileOutputs(name, output_dir, raw=photon_file.suffix == RAW_SUFFIX)
     output_dir.mkdir(parents=True, exist_ok=True)
     status_path.parent.mkdir(parents=True, exist_ok=True)
     log_path.parent.mkdir(parents=True, exist_ok=True)
@@ -213,6 +229,14 @@ def process_file(
         return status
 
     with open(log_path, "w", encoding="utf-8") as log:
+        if outputs.raw:
+            # kovra_import writes its output whole or not at all by itself.
+            command = [*import_args, str(photon_file), "-o", str(outputs.imported)]
+            result = run_tool(command, log, environment={"KOVRA_THREADS": str(threads)})
+            if result.returncode != 0:
+                return fail("kovra_import", result)
+            status["warnings"] = import_warnings(result.stderr)
+            photon_file = outputs.imported
         partial_events = atomic_files.partial_path(outputs.events)
         command = [*brantel_args, "-i", str(photon_file), "-o", str(partial_events)]
         result = run_tool(command, log, environment={"KOVRA_THREADS": str(threads)})
@@ -257,7 +281,7 @@ def process_file(
 def main(snakemake: Any) -> None:
     status = process_file(
         name=snakemake.wildcards.name,
-        photon_file=Path(snakemake.input.photons),
+        photon_file=Path(snakemake.input.source),
         output_dir=Path(snakemake.params.output_dir),
         brantel_args=snakemake.params.brantel_args,
         inspect_tool=snakemake.params.inspect_tool,
@@ -266,6 +290,7 @@ def main(snakemake: Any) -> None:
         log_path=Path(snakemake.log[0]),
         tof_args=snakemake.params.tof_args,
         threads=int(snakemake.threads),
+        import_args=snakemake.params.import_args,
     )
     atomic_files.write_text(Path(snakemake.output.status), json.dumps(status, indent=2, sort_keys=True) + "\n")
 

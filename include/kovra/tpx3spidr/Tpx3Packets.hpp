@@ -49,6 +49,10 @@ inline constexpr Packet_Kind get_packetKind(std::uint64_t p) {
   }
 }
 
+/// Whether a packet is a hit (get_packetKind() says Packet_Kind::hit), from its top four bits alone: the first
+/// question a reader asks of every packet.
+inline constexpr bool is_hit(std::uint64_t p) { return p >> 60 == 0xB; }
+
 inline constexpr const char* get_packetKindName(Packet_Kind kind) {
   constexpr const char* names[packet_kinds] = {"hit", "counting-mode hit", "TDC", "global time", "heartbeat", "other"};
   return names[static_cast<int>(kind)];

@@ -43,7 +43,8 @@ Imported import_file(Import_Options options, unsigned threads, std::size_t piece
   options.threads = threads;
   options.pieceItems = pieceItems;
   Imported result;
-  result.summary = run_import(options, result.output, [](std::uint64_t, std::uint64_t) {});
+  Import_Observer quiet;
+  result.summary = run_import(options, result.output, quiet);
   return result;
 }
 
@@ -257,7 +258,7 @@ TEST_F(ParallelImportTest, DamageEndsTheRunWithTheMessageOfOneThread) {
     raw.words.insert(raw.words.end(), tail.begin(), tail.end());
     return raw;
   };
-  const Raw_File cases[] = {with({make_chunkHeader(0, 16), make_hitPacket(1, 1, 1, 5)}),
+  const Raw_File cases[] = {with({make_chunkHeader(0, 12), make_hitPacket(1, 1, 1, 5), 0}),
                             with({make_hitPacket(1, 1, 1, 5)}), with({make_chunkHeader(2, 0)})};
   for (const Raw_File& raw : cases) {
     raw.write(dir->file("bad.tpx3"));

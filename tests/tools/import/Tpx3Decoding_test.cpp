@@ -73,6 +73,16 @@ TEST(Tpx3PacketsTest, TdcFieldsAndFineRounding) {
 }
 
 // (Packet kinds: counted in ImportTest.EveryPacketTypeInAQuadFile.)
+TEST(Tpx3PacketsTest, TheQuickHitTestAgreesWithThePacketKind) {
+  // Every top byte (type and subtype nibbles), with the low bits empty and full.
+  for (std::uint64_t top = 0; top < 256; ++top) {
+    for (const std::uint64_t low : {std::uint64_t{0}, (std::uint64_t{1} << 56) - 1}) {
+      const std::uint64_t p = top << 56 | low;
+      EXPECT_EQ(is_hit(p), get_packetKind(p) == Packet_Kind::hit) << std::hex << p;
+    }
+  }
+}
+
 TEST(Tpx3PacketsTest, ChunkHeaderAndHeartbeat) {
   const std::uint64_t header = 0x1FF8'00'02'33585054;  // "TPX3", chip 2, 8184 bytes
   EXPECT_TRUE(is_chunkHeader(header));

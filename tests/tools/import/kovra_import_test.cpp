@@ -1,6 +1,11 @@
 // kovra_import run on raw files built packet by packet and on the simulator's raw output: what it writes, what
 // it says, and what it refuses.
 
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -226,24 +231,28 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWa
                      hit(i % 7 + 1, 3, 5, (std::uint64_t{i} << 16) + 12)});
   }
   const std::string at = std::to_string(longer.data.size());
+  const std::string skip = "; --skip-damaged imports the rest";
   const std::tuple<std::string, const char*, std::string> cases[] = {
       // content, more options, message
       {"", "", "not Timepix3 raw data: the file is empty"},
       {"TPX4 and some text", "", "not Timepix3 raw data: no chunk header at byte offset 0"},
-      {first + RawBytes().word(make_chunkHeader(0, 16)).word(hit(0, 0, 0, 0)).data, "",
-       "chunk at byte offset 24 has a size of 16 bytes but only 8 are left in the file"},
+      {"TPX4 and some text", " --skip-damaged", "not Timepix3 raw data: no plausible chunk header anywhere in the file"},
+      {"TP4", "", "not Timepix3 raw data: no chunk header at byte offset 0"},
+      {first + RawBytes().word(make_chunkHeader(0, 32)).word(hit(0, 0, 0, 0)).chunk(0, {}).data, "",
+       "chunk at byte offset 24 has a size of 32 bytes but only 16 are left in the file, among them a chunk header "
+       "at byte offset 40" + skip},
       {first + RawBytes().word(make_chunkHeader(0, 12)).word(0).word(0).data, "",
-       "chunk at byte offset 24 has a size of 12 bytes, not a multiple of 8"},
-      {first + "TPX", "", "truncated chunk header at byte offset 24 (3 bytes left)"},
+       "chunk at byte offset 24 has a size of 12 bytes, not a multiple of 8" + skip},
+      {first + "TPY", "", "no chunk header at byte offset 24 where the previous chunk ends" + skip},
       {first + RawBytes().word(hit(0, 0, 0, 0)).data, "",
-       "no chunk header at byte offset 24 where the previous chunk ends"},
+       "no chunk header at byte offset 24 where the previous chunk ends" + skip},
       {RawBytes().chunk(4, {}).data, " --layout quad",
        "chunk at byte offset 0 is of chip 4, but a quad has chips 0 to 3"},
-      {first + RawBytes().chunk(1, {}).data, "",
+      {first + RawBytes().chunk(1, {}).data, " --skip-damaged",
        "chunk at byte offset 24 is of chip 1 after chunks of chip 0: the file holds several chips, which --layout "
        "single cannot place (try --layout quad)"},
-      {longer.data + RawBytes().word(make_chunkHeader(0, 16)).word(hit(0, 0, 0, 0)).data, "",
-       "chunk at byte offset " + at + " has a size of 16 bytes but only 8 are left in the file"},
+      {longer.data + RawBytes().word(hit(0, 0, 0, 0)).chunk(0, {}).data, "",
+       "no chunk header at byte offset " + at + " where the previous chunk ends" + skip},
       {longer.data + RawBytes().chunk(2, {}).data, "",
        "chunk at byte offset " + at +
            " is of chip 2 after chunks of chip 0: the file holds several chips, which "
@@ -252,8 +261,8 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWa
   write_bytes(dir.file("out.kovraphot"), "earlier");
   for (const auto& [bytes, options, message] : cases) {
     write_bytes(dir.file("bad.tpx3"), bytes);
-    for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=1"}) {
-      EXPECT_EQ(std::tuple(run("bad.tpx3 -o out.kovraphot" + std::string(options), threads), err),
+    for (const char* threads : {" --threads 1", " --threads 3"}) {
+      EXPECT_EQ(std::tuple(run("bad.tpx3 -o out.kovraphot" + std::string(options) + threads, "KOVRA_PIECE_HITS=1"), err),
                 std::tuple(1, "kovra_import: bad.tpx3: " + message + "\n"))
           << threads;
     }
@@ -266,18 +275,222 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWa
   }
 }
 
-TEST_F(ImportTest, EveryCutOfAFileIsEitherAShorterFileOrDamage) {
-  RawBytes raw;
-  std::vector<std::size_t> boundaries{0};
-  for (unsigned i = 0; i < 4; ++i) {
-    raw.chunk(0, {heartbeat(0), hit(i, i, 5, 100 * i), make_tdcPacket(0xF, i, 100 * i + 1)});
-    boundaries.push_back(raw.data.size());
+/// A simulated acquisition's raw file: flashes of a few photons and periodic triggers, one chunk per 205 us of
+/// a few dozen packets.
+std::string simulate_raw(const TempDir& dir, double duration_s, std::uint64_t seed) {
+  kovra::simulate::Simulation_Settings settings;
+  settings.duration_s = duration_s, settings.eventRate_Hz = 2e4, settings.photonsPerEvent = 2, settings.seed = seed;
+  settings.triggerMode = kovra::simulate::Trigger_Mode::periodic;
+  settings.triggerFrequency_Hz = 2e4;
+  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
+  std::FILE* file = std::fopen(dir.file("simulated.tpx3").c_str(), "wb");
+  if (file == nullptr) return {};
+  kovra::simulate::write_raw(simulated.photons, 256, 256, seed, file, [](const kovra::simulate::Raw_Hit&) {});
+  std::fclose(file);
+  return read_bytes(dir.file("simulated.tpx3"));
+}
+
+std::uint64_t get_word(const std::string& raw, std::size_t at) {
+  std::uint64_t w = 0;
+  std::memcpy(&w, raw.data() + at, 8);
+  return w;
+}
+
+/// Where a raw file's chunks begin, and its size last.
+std::vector<std::size_t> get_chunkStarts(const std::string& raw) {
+  std::vector<std::size_t> starts;
+  for (std::size_t at = 0; at < raw.size(); at += 8 + get_chunkBytes(get_word(raw, at))) starts.push_back(at);
+  starts.push_back(raw.size());
+  return starts;
+}
+
+/// A file cut in one of its last two chunks is read as far as its last complete packet: status 0, the photon file
+/// of the whole file that ends there (the cut chunk's size set to what is left of it) on any thread count, and a
+/// warning that says where the file ended and what was left unread. Each kind of cut once here; every byte offset
+/// in RawReaderTest.
+TEST_F(ImportTest, AFileCutInItsLastChunksKeepsEveryCompletePacketBeforeTheCut) {
+  const std::string whole = simulate_raw(dir, 0.01, 3);
+  const std::vector<std::size_t> starts = get_chunkStarts(whole);
+  ASSERT_GT(starts.size(), 20u);
+  ASSERT_GT(starts[starts.size() - 2] - starts[starts.size() - 3], 40u);  // chunks long enough for the cuts below
+  ASSERT_GT(starts[starts.size() - 1] - starts[starts.size() - 2], 40u);
+  std::vector<std::size_t> cuts{starts[starts.size() - 2]};  // between two chunks: a whole file
+  for (const std::size_t at : {starts[starts.size() - 3], starts[starts.size() - 2]}) {
+    for (const std::size_t into : {1U, 7U, 8U, 9U, 16U, 21U, 39U}) cuts.push_back(at + into);
   }
-  for (std::size_t n = 1; n < raw.data.size(); ++n) {
-    write_bytes(dir.file("cut.tpx3"), raw.data.substr(0, n));
-    const bool whole = std::find(boundaries.begin(), boundaries.end(), n) != boundaries.end();
-    EXPECT_EQ(run("cut.tpx3 -o cut.kovraphot"), whole ? 0 : 1) << n;
-    EXPECT_EQ(err.find("byte offset") != std::string::npos, !whole) << err;
+  cuts.push_back(whole.size() - 1);
+  for (const std::size_t cut : cuts) {
+    const std::size_t at = *std::prev(std::upper_bound(starts.begin(), starts.end(), cut));
+    std::string reference = whole.substr(0, at);
+    std::string warning;  // none where the cut falls between two chunks
+    if (cut > at) {
+      const std::uint64_t header = get_word(whole, at);
+      const std::size_t present = cut - at >= 8 ? cut - at - 8 : 0;
+      const std::size_t unreadAt = cut - at >= 8 ? at + 8 + present / 8 * 8 : at;
+      if (cut - at >= 8) {
+        reference += RawBytes().word(make_chunkHeader(get_chunkChip(header), present / 8 * 8)).data +
+                     whole.substr(at + 8, present / 8 * 8);
+      }
+      const std::string where =
+          cut - at >= 8 ? "the chunk at byte offset " + std::to_string(at) + " (" + std::to_string(present) +
+                              " of its " + std::to_string(get_chunkBytes(header)) + " bytes present)"
+                        : "a chunk header at byte offset " + std::to_string(at);
+      const std::size_t unread = cut - unreadAt;
+      warning = "warning: the raw file ended early, inside " + where +
+                "; every complete packet before the end was imported, " + std::to_string(unread) +
+                (unread == 1 ? " byte at byte offset " : " bytes at byte offset ") + std::to_string(unreadAt) +
+                (unread == 1 ? " was" : " were") + " left unread\n";
+    }
+    write_bytes(dir.file("whole.tpx3"), reference);
+    ASSERT_EQ(run("whole.tpx3 -o whole.kovraphot --threads 1 --verbose 0"), 0) << err;
+    ASSERT_EQ(err, "");
+    write_bytes(dir.file("cut.tpx3"), whole.substr(0, cut));
+    for (const char* threads : {"1", "3"}) {
+      SCOPED_TRACE(testing::Message() << "cut at " << cut << ", " << threads << " threads");
+      ASSERT_EQ(run("cut.tpx3 -o cut.kovraphot --verbose 0 --threads "s + threads, "KOVRA_PIECE_HITS=1"), 0) << err;
+      EXPECT_EQ(err, warning);
+      EXPECT_TRUE(read_bytes(dir.file("cut.kovraphot")) == read_bytes(dir.file("whole.kovraphot")));
+    }
+  }
+  // The summary says so too.
+  ASSERT_EQ(run("cut.tpx3 -o cut.kovraphot"), 0);
+  EXPECT_THAT(out, HasSubstr("\ninfo:    raw file: ended early, inside the chunk at byte offset " +
+                             std::to_string(starts[starts.size() - 2]) + " (7 bytes left unread)\n"));
+}
+
+/// Damage in the middle: refused as before, or skipped with --skip-damaged, when the photons are those of the
+/// file without the damaged stretch and the chunk it makes unsound; its bytes never become hits.
+TEST_F(ImportTest, DamageInTheMiddleIsRefusedOrSkippedWithoutReadingIt) {
+  const std::string whole = simulate_raw(dir, 0.01, 5);
+  const std::vector<std::size_t> starts = get_chunkStarts(whole);
+  const std::size_t k = starts.size() / 2;  // the chunk damaged
+  const std::size_t s = starts[k], next = starts[k + 1];
+  ASSERT_GT(next - s, 24u);
+  ASSERT_GT(starts[k + 2] - next, 24u);
+  const std::string without = whole.substr(0, s) + whole.substr(next);  // the chunk left out
+  const std::uint64_t header = get_word(whole, s);
+  const auto with_header = [&](std::uint64_t w) { return whole.substr(0, s) + RawBytes().word(w).data + whole.substr(s + 8); };
+  // Hits of a pixel no flash lights, at the time of the chunk's first hit: photons if they were read.
+  std::size_t firstHit = s + 8;
+  while (get_word(whole, firstHit) >> 60 != 0xB) firstHit += 8;
+  ASSERT_LT(firstHit, next);
+  const std::uint64_t t = get_hitTicks(get_word(whole, firstHit));
+  const std::string stray = RawBytes().word(hit(250, 250, 20, t + 100)).word(hit(250, 251, 20, t + 200)).data;
+  const auto count = [](std::size_t n) { return std::to_string(n) + " damaged bytes at byte offset "; };
+  const std::string S = std::to_string(s), N = std::to_string(next);
+  struct Case {
+    const char* what;
+    std::string bytes, reference, stopMessage, skipWarning;
+  };
+  const Case cases[] = {
+      {"a hit in place of the header", with_header(get_word(stray, 0)), without,
+       "no chunk header at byte offset " + S + " where the previous chunk ends",
+       count(next - s) + S + ": no chunk header at byte offset " + S + " where the previous chunk ends"},
+      {"a size that is no multiple of 8", with_header(header + (std::uint64_t{4} << 48)), without,
+       "chunk at byte offset " + S + " has a size of " + std::to_string(next - s - 4) + " bytes, not a multiple of 8",
+       count(next - s) + S + ": chunk at byte offset " + S + " has a size of " + std::to_string(next - s - 4) +
+           " bytes, not a multiple of 8"},
+      {"a size 16 bytes too large", with_header(header + (std::uint64_t{16} << 48)), without,
+       "no chunk header at byte offset " + std::to_string(next + 16) + " where the previous chunk ends",
+       count(next - s) + S + ": the chunk at byte offset " + S + " ends at byte offset " + std::to_string(next + 16) +
+           ", where no chunk header begins"},
+      {"3 bytes more in the payload", whole.substr(0, s + 16) + "xyz" + whole.substr(s + 16), without,
+       "no chunk header at byte offset " + N + " where the previous chunk ends",
+       count(next + 3 - s) + S + ": the chunk at byte offset " + S + " ends at byte offset " + N +
+           ", where no chunk header begins"},
+      {"two hits between two chunks", whole.substr(0, s) + stray + whole.substr(s), whole,
+       "no chunk header at byte offset " + S + " where the previous chunk ends",
+       count(16) + S + ": no chunk header at byte offset " + S + " where the previous chunk ends"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    write_bytes(dir.file("reference.tpx3"), c.reference);
+    ASSERT_EQ(run("reference.tpx3 -o reference.kovraphot --threads 1"), 0) << err;
+    const std::string expected = read_bytes(dir.file("reference.kovraphot"));
+    write_bytes(dir.file("damaged.tpx3"), c.bytes);
+    for (const char* threads : {"1", "3"}) {
+      SCOPED_TRACE(testing::Message() << threads << " threads");
+      write_bytes(dir.file("out.kovraphot"), "earlier");
+      EXPECT_EQ(std::tuple(run("damaged.tpx3 -o out.kovraphot --threads "s + threads, "KOVRA_PIECE_HITS=1"), out, err),
+                std::tuple(1, ""s, "kovra_import: damaged.tpx3: " + c.stopMessage + "; --skip-damaged imports the rest\n"));
+      EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
+      ASSERT_EQ(run("damaged.tpx3 -o out.kovraphot --skip-damaged --threads "s + threads, "KOVRA_PIECE_HITS=1"), 0);
+      EXPECT_EQ(err, "warning: skipped " + c.skipWarning + "\n");
+      EXPECT_THAT(out, HasSubstr("\ninfo:    raw file: 1 damaged stretch skipped ("));
+      EXPECT_TRUE(read_bytes(dir.file("out.kovraphot")) == expected);
+    }
+  }
+  // The chunk left out held photons of its own.
+  write_bytes(dir.file("whole.tpx3"), whole);
+  ASSERT_EQ(run("whole.tpx3 -o whole.kovraphot"), 0);
+  write_bytes(dir.file("without.tpx3"), without);
+  ASSERT_EQ(run("without.tpx3 -o without.kovraphot"), 0);
+  EXPECT_NE(load(dir.file("whole.kovraphot")).photons.size(), load(dir.file("without.kovraphot")).photons.size());
+}
+
+/// Writes `bytes` to the end of `file` in 15 bursts that end anywhere (in packets, in chunk headers), each after a
+/// pause of 60 ms: another process writing an acquisition for longer than the run waits for growth.
+void write_inBursts(const std::string& file, const std::string& bytes) {
+  const int fd = ::open(file.c_str(), O_WRONLY | O_APPEND);
+  const std::size_t burst = bytes.size() / 15 + 1;
+  for (std::size_t at = 0; fd >= 0 && at < bytes.size(); at += burst) {
+    const timespec pause{0, 60'000'000};
+    ::nanosleep(&pause, nullptr);
+    if (::write(fd, bytes.data() + at, std::min(burst, bytes.size() - at)) < 0) break;
+  }
+  ::close(fd);
+}
+
+/// A file that another process writes in bursts while --follow reads it gives the photon file of the finished
+/// file, on one thread and on three; a writer that stops inside a chunk gives the same warning as the file read
+/// whole. On a terminal a line shows what was read, the rates so far and how long the file has not grown.
+TEST_F(ImportTest, AFollowedFileGivesThePhotonsOfTheFinishedFile) {
+  const std::string whole = simulate_raw(dir, 0.05, 11);
+  const std::pair<const char*, std::size_t> cases[] = {{"1", whole.size()}, {"3", whole.size() - 100}};
+  for (const auto& [threads, bytes] : cases) {
+    SCOPED_TRACE(testing::Message() << threads << " threads, " << bytes << " bytes");
+    write_bytes(dir.file("finished.tpx3"), whole.substr(0, bytes));
+    ASSERT_EQ(run("finished.tpx3 -o finished.kovraphot --verbose 0"), 0) << err;
+    const std::string warnings = err;
+    write_bytes(dir.file("growing.tpx3"), "");
+    std::fflush(nullptr);  // nothing buffered twice
+    const pid_t writer = ::fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+      write_inBursts(dir.file("growing.tpx3"), whole.substr(0, bytes));
+      ::_exit(0);
+    }
+    const int status = run("growing.tpx3 -o growing.kovraphot --follow 0.6 --verbose 0 --threads "s + threads);
+    ::waitpid(writer, nullptr, 0);
+    EXPECT_EQ(std::tuple(status, err), std::tuple(0, warnings));
+    EXPECT_TRUE(read_bytes(dir.file("growing.kovraphot")) == read_bytes(dir.file("finished.kovraphot")));
+  }
+  // On a terminal (script gives the run one).
+  const Program_Outcome terminal =
+      run_program(dir, "script", "-qec \"'" KOVRA_IMPORT_PATH "' finished.tpx3 -o terminal.kovraphot --follow 0.2\" /dev/null");
+  EXPECT_EQ(terminal.status, 0) << terminal.out;
+  EXPECT_THAT(terminal.out, testing::ContainsRegex("\rfollowing: 0\\.[0-9] MB read, [0-9.]+ MB/s, [0-9]+ hits/s; "
+                                                   "unchanged for 0\\.[0-9] s"));
+}
+
+/// A write that fails (here at a file-size limit, its signal ignored; a full disk fails the same way) ends the run
+/// with the system's reason and status 1, on one thread and on several; the output stays as it was and nothing is
+/// left beside it.
+TEST_F(ImportTest, AFailedWriteEndsTheRunWithTheSystemsReason) {
+  write_bytes(dir.file("in.tpx3"), simulate_raw(dir, 0.05, 7));  // about 100 KB of photons, one per hit
+  std::filesystem::remove(dir.file("simulated.tpx3"));
+  for (const char* threads : {"1", "3"}) {
+    write_bytes(dir.file("out.kovraphot"), "earlier");
+    const Program_Outcome outcome =
+        run_program(dir, "bash", "-c 'trap \"\" XFSZ; ulimit -f 16; exec " KOVRA_IMPORT_PATH
+                                 " in.tpx3 -o out.kovraphot --hits-as-photons --threads "s + threads + "'");
+    EXPECT_EQ(std::tuple(outcome.status, outcome.out, outcome.err),
+              std::tuple(1, ""s, "kovra_import: cannot write \"out.kovraphot\": File too large\n"s));
+    EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) files.push_back(entry.path().filename());
+    std::ranges::sort(files);
+    EXPECT_EQ(files, (std::vector<std::string>{"in.tpx3", "out.kovraphot", "stderr.txt", "stdout.txt"}));
   }
 }
 
@@ -457,13 +670,20 @@ TEST_F(ImportTest, ARunOfManyFilesIsItsConcatenation) {
     }
   }
 
-  // A damaged file of the run names itself, and nothing is written.
+  // A file of the run cut short names itself: only the last file may end early, the others are damage.
   std::filesystem::create_directory(dir.file("run2"));
   write_bytes(dir.file("run2/RUN_0001.tpx3"), whole.substr(0, cuts[0]));
   write_bytes(dir.file("run2/RUN_0002.tpx3"), whole.substr(cuts[0], 100));
+  EXPECT_EQ(run("run2 -o short.kovraphot --layout quad"), 0) << err;
+  EXPECT_THAT(err, testing::StartsWith("warning: run2/RUN_0002.tpx3: the raw file ended early, inside the chunk at "
+                                       "byte offset 0 "));
+  write_bytes(dir.file("run2/RUN_0003.tpx3"), whole.substr(cuts[1]));
   EXPECT_EQ(run("run2 -o bad.kovraphot --layout quad"), 1);
-  EXPECT_THAT(err, testing::StartsWith("kovra_import: run2/RUN_0002.tpx3: chunk at byte offset 0 has a size of "));
+  EXPECT_EQ(err, "kovra_import: run2/RUN_0002.tpx3: the file ends inside a chunk (at byte offset 0), and only the "
+                 "last file of a run may end early; --skip-damaged imports the rest\n");
   EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovraphot")));
+  EXPECT_EQ(run("run2 -o skipped.kovraphot --layout quad --skip-damaged"), 0) << err;
+  EXPECT_THAT(err, HasSubstr("warning: run2/RUN_0002.tpx3: the raw file ended early"));
   std::filesystem::create_directory(dir.file("empty"));
   const std::pair<std::string, std::string> lists[] = {
       {"empty", "the folder \"empty\" holds no .tpx3 file"},
