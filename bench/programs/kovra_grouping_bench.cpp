@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "import/ClockFollower.hpp"
-#include "import/HitGrouping.hpp"
-#include "import/RawReader.hpp"
-#include "import/ReorderWindow.hpp"
+#include "common/import/ClockFollower.hpp"
+#include "common/import/HitGrouping.hpp"
+#include "common/import/RawReader.hpp"
+#include "common/import/ReorderWindow.hpp"
 
 namespace {
 

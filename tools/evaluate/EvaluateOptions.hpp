@@ -18,7 +18,7 @@
 #include "common/CommandLine.hpp"
 #include "common/HitPhotons.hpp"
 #include "common/Options.hpp"
-#include "import/HitGrouping.hpp"
+#include "common/import/HitGrouping.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::evaluate {

@@ -20,8 +20,8 @@
 #include "evaluate/GroupingTruth.hpp"
 #include "evaluate/Metrics.hpp"
 #include "evaluate/Scan.hpp"
-#include "import/HitGrouping.hpp"
-#include "import/ImportOptions.hpp"
+#include "common/import/HitGrouping.hpp"
+#include "common/import/ImportOptions.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::evaluate {

@@ -19,8 +19,8 @@
 
 #include "common/HitPhotons.hpp"
 #include "evaluate/Truth.hpp"
-#include "import/Import.hpp"
-#include "import/TimeWalk.hpp"
+#include "common/import/Import.hpp"
+#include "common/import/TimeWalk.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace kovra::evaluate {

@@ -16,9 +16,9 @@
 
 #include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
-#include "import/Import.hpp"
-#include "import/ImportOptions.hpp"
-#include "import/PhotonFileOutput.hpp"
+#include "common/import/Import.hpp"
+#include "common/import/ImportOptions.hpp"
+#include "common/import/PhotonFileOutput.hpp"
 #include "common/Progress.hpp"
 
 namespace {

@@ -1,7 +1,7 @@
 #pragma once
 
 // Hot pixels: pixels that fire far above the usual rate, listed as a mask file kovra_import --mask reads
-// (import/PixelMask.hpp). The count of every pixel that fired is taken from a raw file's hits (frame pixels as
+// (common/import/PixelMask.hpp). The count of every pixel that fired is taken from a raw file's hits (frame pixels as
 // the import places them: one chip, or a quad when chips other than 0 appear) or a photon file's photons (the
 // pixel a photon's position lies in). A pixel is hot when its count is more than `factor` times the median
 // count of the pixels that fired (at least 1): the median stands for a pixel that sees only light and dark
@@ -18,8 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "import/Import.hpp"
-#include "import/RawReader.hpp"
+#include "common/import/Import.hpp"
+#include "common/import/RawReader.hpp"
 #include "inspect/RecordFile.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"

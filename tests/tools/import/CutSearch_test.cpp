@@ -1,6 +1,6 @@
 // The cut between two pieces' runs: where it comes, against hand-worked sequences of first hits.
 
-#include "import/CutSearch.hpp"
+#include "common/import/CutSearch.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The hit grouping against hand-worked cases and against the rule written the plain way.
 
-#include "import/HitGrouping.hpp"
+#include "common/import/HitGrouping.hpp"
 
 #include <gtest/gtest.h>
 

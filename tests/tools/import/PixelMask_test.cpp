@@ -1,6 +1,6 @@
 // Pixel masks: the pixels a file names, and one exact message for each kind of bad mask file.
 
-#include "import/PixelMask.hpp"
+#include "common/import/PixelMask.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

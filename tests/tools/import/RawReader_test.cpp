@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "TempDir.hpp"
-#include "import/Import.hpp"
+#include "common/import/Import.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
 

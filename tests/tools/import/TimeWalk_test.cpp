@@ -1,7 +1,7 @@
 // The time-walk table: the delay of every ToT step from a few rows (interpolated, rounded, held beyond the ends),
 // corrections that never go below 0, and one exact message for each kind of bad table file.
 
-#include "import/TimeWalk.hpp"
+#include "common/import/TimeWalk.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -8,8 +8,8 @@
 #include <tuple>
 #include <vector>
 
-#include "import/ClockFollower.hpp"
-#include "import/ReorderWindow.hpp"
+#include "common/import/ClockFollower.hpp"
+#include "common/import/ReorderWindow.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 using namespace kovra::import;

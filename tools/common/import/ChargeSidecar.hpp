@@ -22,7 +22,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "import/HitGrouping.hpp"
+#include "common/import/HitGrouping.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
 
 namespace kovra::import {

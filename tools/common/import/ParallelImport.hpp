@@ -27,8 +27,8 @@
 #include <optional>
 #include <vector>
 
-#include "import/ChainWriter.hpp"
-#include "import/ImportPieces.hpp"
+#include "common/import/ChainWriter.hpp"
+#include "common/import/ImportPieces.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::import {

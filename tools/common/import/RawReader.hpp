@@ -28,7 +28,7 @@
 #include <utility>
 #include <vector>
 
-#include "import/RawWindow.hpp"
+#include "common/import/RawWindow.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 namespace kovra::import {

@@ -20,10 +20,10 @@
 #include <span>
 #include <vector>
 
-#include "import/CutSearch.hpp"
-#include "import/HitGrouping.hpp"
-#include "import/ImportOptions.hpp"
-#include "import/ReorderWindow.hpp"
+#include "common/import/CutSearch.hpp"
+#include "common/import/HitGrouping.hpp"
+#include "common/import/ImportOptions.hpp"
+#include "common/import/ReorderWindow.hpp"
 
 namespace kovra::import {
 

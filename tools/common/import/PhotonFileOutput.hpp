@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "common/PhotonFlashes.hpp"
-#include "import/ChargeSidecar.hpp"
+#include "common/import/ChargeSidecar.hpp"
 #include "kovra/ContainerFile_Writer.hpp"
 #include "kovra/detail/RecordIO.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"

@@ -22,7 +22,7 @@
 #include <optional>
 #include <vector>
 
-#include "import/ImportPieces.hpp"
+#include "common/import/ImportPieces.hpp"
 
 namespace kovra::import {
 

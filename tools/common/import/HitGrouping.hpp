@@ -29,8 +29,8 @@
 #include <span>
 #include <vector>
 
-#include "import/PixelStacks.hpp"
-#include "import/ReorderWindow.hpp"
+#include "common/import/PixelStacks.hpp"
+#include "common/import/ReorderWindow.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace kovra::import {

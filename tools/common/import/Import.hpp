@@ -17,12 +17,12 @@
 #include <unordered_set>
 #include <vector>
 
-#include "import/ClockFollower.hpp"
-#include "import/HitGrouping.hpp"
-#include "import/ImportOptions.hpp"
-#include "import/ParallelImport.hpp"
-#include "import/RawReader.hpp"
-#include "import/ReorderWindow.hpp"
+#include "common/import/ClockFollower.hpp"
+#include "common/import/HitGrouping.hpp"
+#include "common/import/ImportOptions.hpp"
+#include "common/import/ParallelImport.hpp"
+#include "common/import/RawReader.hpp"
+#include "common/import/ReorderWindow.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"
 
 namespace kovra::import {

@@ -15,11 +15,11 @@
 #include <vector>
 
 #include "common/CommandLine.hpp"
-#include "import/HitGrouping.hpp"
-#include "import/InputFiles.hpp"
-#include "import/PixelMask.hpp"
-#include "import/TimeWalk.hpp"
-#include "import/RawReader.hpp"
+#include "common/import/HitGrouping.hpp"
+#include "common/import/InputFiles.hpp"
+#include "common/import/PixelMask.hpp"
+#include "common/import/TimeWalk.hpp"
+#include "common/import/RawReader.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::import {
