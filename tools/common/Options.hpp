@@ -11,8 +11,10 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <initializer_list>
 #include <limits>
 #include <type_traits>
+#include <utility>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -84,6 +86,21 @@ Number_Type parse_number(std::string_view option, std::string_view text, const N
     if (value < range.low || (range.lowOpen && value == range.low) || value > range.high) throw fail();
   }
   return static_cast<Number_Type>(value);
+}
+
+/// The value of the choice named `text` given to `--option`; throws the bad-usage line naming every choice
+/// ("A, B or C").
+template <typename Value_Type>
+Value_Type parse_choice(std::string_view option, std::string_view text,
+                        std::initializer_list<std::pair<std::string_view, Value_Type>> choices) {
+  std::string names;
+  std::size_t k = 0;
+  for (const auto& [name, value] : choices) {
+    if (name == text) return value;
+    ++k;
+    names += (k == 1 ? "" : k == choices.size() ? " or " : ", ") + std::string(name);
+  }
+  throw bad_value(option, names, text);
 }
 
 /// The entries of a comma-separated list given to `--option`; none may be empty.

@@ -28,7 +28,7 @@ using kovra::tools::format_count;
 
 std::string format_seconds(Ticks ticks) {
   char text[64];
-  std::snprintf(text, sizeof text, "%.6f s", static_cast<double>(ticks) * 1.5625e-9);
+  std::snprintf(text, sizeof text, "%.6f s", static_cast<double>(ticks) * kovra::tpx3spidr::Time::tick_seconds);
   return text;
 }
 

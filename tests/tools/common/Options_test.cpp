@@ -79,4 +79,12 @@ TEST(ToolOptionsTest, ListsHaveNoEmptyEntries) {
   }
 }
 
+TEST(ToolOptionsTest, ChoicesAreNamedInTheMessage) {
+  EXPECT_EQ(kovra::tools::parse_choice<int>("edge", "b", {{"a", 1}, {"b", 2}, {"c", 3}}), 2);
+  EXPECT_THAT([] { kovra::tools::parse_choice<int>("edge", "B", {{"a", 1}, {"b", 2}, {"c", 3}}); },
+              ThrowsMessage<std::invalid_argument>(StrEq("option --edge needs a, b or c, not \"B\"")));
+  EXPECT_THAT([] { kovra::tools::parse_choice<int>("layout", "", {{"single", 1}, {"quad", 4}}); },
+              ThrowsMessage<std::invalid_argument>(StrEq("option --layout needs single or quad, not \"\"")));
+}
+
 }  // namespace

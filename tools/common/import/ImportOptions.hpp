@@ -11,16 +11,19 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
 #include "common/CommandLine.hpp"
+#include "common/Options.hpp"
 #include "common/import/HitGrouping.hpp"
 #include "common/import/InputFiles.hpp"
 #include "common/import/PixelMask.hpp"
 #include "common/import/TimeWalk.hpp"
 #include "common/import/RawReader.hpp"
 #include "kovra/Worker_Pool.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace kovra::import {
 
@@ -114,28 +117,17 @@ inline std::string get_importHelp() {
 
 namespace detail {
 
-inline double parse_seconds(const char* name, const char* text, double high) {
-  double value = 0.0;
-  const char* end = text + std::char_traits<char>::length(text);
-  const auto [ptr, error] = std::from_chars(text, end, value);
-  if (error != std::errc() || ptr != end || text == end || !(value >= 0.0) || !(value <= high)) {
-    throw std::invalid_argument(std::string("option --") + name + " needs a number of seconds from 0 to " +
-                                (high >= 1.0 ? std::to_string(static_cast<int>(high)) : std::string("1")) + ", not \"" +
-                                text + "\"");
-  }
-  return value;
+inline Ticks to_ticks(double seconds) {
+  return static_cast<Ticks>(std::llround(seconds / kovra::tpx3spidr::Time::tick_seconds));
 }
 
-inline Ticks to_ticks(double seconds) { return static_cast<Ticks>(std::llround(seconds / 1.5625e-9)); }
+/// What getopt_long returns for the long options without a short form.
+enum Import_LongOption : int {
+  layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk, mask,
+  charge, skipDamaged, follow
+};
 
-}  // namespace detail
-
-/// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
-inline Import_Options parse_importOptions(int argc, char* argv[]) {
-  enum : int {
-    layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk,
-    mask, charge, skipDamaged, follow
-  };
+inline const option* get_importLongOptions() {
   static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
                                        {"layout", required_argument, nullptr, layout},
                                        {"hits-as-photons", no_argument, nullptr, hitsAsPhotons},
@@ -155,114 +147,81 @@ inline Import_Options parse_importOptions(int argc, char* argv[]) {
                                        {"help", no_argument, nullptr, 'h'},
                                        kovra::tools::versionLongOption,
                                        {nullptr, 0, nullptr, 0}};
+  return longOptions;
+}
 
+/// A number of seconds from 0 to `high`.
+inline double parse_seconds(std::string_view option, std::string_view text, double high) {
+  return kovra::tools::parse_number(option, text, {"a number of seconds", 0, high});
+}
+
+/// A file name, which may not be empty.
+inline std::string take_fileName(std::string_view option, const std::string& value) {
+  if (value.empty()) throw std::invalid_argument("option --" + std::string(option) + " needs a file name");
+  return value;
+}
+
+/// The log level: any whole number, negative ones included.
+inline int parse_logLevel(const std::string& value) {
+  int level = 0;
+  const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), level);
+  if (error != std::errc() || ptr != value.data() + value.size() || value.empty()) {
+    throw kovra::tools::bad_value("verbose", "a whole number", value);
+  }
+  return level;
+}
+
+/// Takes one option of the command line (`c` as getopt_long returns it); --threads goes to `threadsGiven`.
+inline void take_importOption(int c, const std::string& value, Import_Options& options,
+                              std::optional<unsigned>& threadsGiven) {
+  using kovra::tools::parse_choice;
+  using kovra::tools::parse_number;
+  switch (c) {
+    case 'o': options.outputFile = value; break;
+    case layout:
+      options.layout = parse_choice<Frame_Layout>("layout", value, {{"single", Frame_Layout::single},
+                                                                    {"quad", Frame_Layout::quad}});
+      break;
+    case hitsAsPhotons: options.hitsAsPhotons = true; break;
+    case radius:
+      options.radius_px = parse_number<unsigned>("radius", value, {"a whole number of pixels", 0, 16, false, true});
+      break;
+    case window: options.window = to_ticks(parse_seconds("window", value, 1.0)); break;
+    case minTot: options.minTot_ns = parse_number("min-tot", value, {"a number of nanoseconds", 0}); break;
+    case photonTime:
+      options.photonTime = parse_choice<Photon_Time>("photon-time", value, {{"strongest", Photon_Time::strongest},
+                                                                            {"earliest", Photon_Time::earliest}});
+      break;
+    case trigger:
+      options.triggerEdge = parse_choice<int>(
+          "trigger", value,
+          {{"tdc1-rising", 0xF}, {"tdc1-falling", 0xA}, {"tdc2-rising", 0xE}, {"tdc2-falling", 0xB}, {"none", -1}});
+      break;
+    case reorder: options.reorderWindow = to_ticks(parse_seconds("reorder-window", value, 10.0)); break;
+    case verbose: options.logLevel = parse_logLevel(value); break;
+    case charge: options.writeCharge = true; break;
+    case mask: options.maskFile = take_fileName("mask", value); break;
+    case timeWalk: options.timeWalkFile = take_fileName("time-walk", value); break;
+    case skipDamaged: options.damage = Damage_Policy::skip; break;
+    case follow: options.followSeconds = parse_seconds("follow", value, 86400.0); break;
+    case threads:
+      threadsGiven = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));
+      break;
+    default: break;
+  }
+}
+
+}  // namespace detail
+
+/// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
+inline Import_Options parse_importOptions(int argc, char* argv[]) {
   Import_Options options;
   std::optional<unsigned> threadsGiven;
-  optind = 0;
-  opterr = 0;
-  int c = 0;
-  while ((c = getopt_long(argc, argv, ":o:h", longOptions, nullptr)) != -1) {
-    const std::string value = optarg != nullptr ? optarg : "";
-    switch (c) {
-      case 'o':
-        options.outputFile = value;
-        break;
-      case layout:
-        if (value != "single" && value != "quad") {
-          throw std::invalid_argument("option --layout needs single or quad, not \"" + value + "\"");
-        }
-        options.layout = value == "quad" ? Frame_Layout::quad : Frame_Layout::single;
-        break;
-      case hitsAsPhotons:
-        options.hitsAsPhotons = true;
-        break;
-      case radius: {
-        unsigned r = 0;
-        const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), r);
-        if (error != std::errc() || ptr != value.data() + value.size() || value.empty() || r > 16) {
-          throw std::invalid_argument("option --radius needs a whole number of pixels from 0 to 16, not \"" + value +
-                                      "\"");
-        }
-        options.radius_px = r;
-        break;
-      }
-      case window:
-        options.window = detail::to_ticks(detail::parse_seconds("window", optarg, 1.0));
-        break;
-      case minTot: {
-        double ns = 0.0;
-        const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), ns);
-        if (error != std::errc() || ptr != value.data() + value.size() || value.empty() || !(ns >= 0.0) ||
-            !std::isfinite(ns)) {
-          throw std::invalid_argument("option --min-tot needs a number of nanoseconds, at least 0, not \"" + value +
-                                      "\"");
-        }
-        options.minTot_ns = ns;
-        break;
-      }
-      case photonTime:
-        if (value != "strongest" && value != "earliest") {
-          throw std::invalid_argument("option --photon-time needs strongest or earliest, not \"" + value + "\"");
-        }
-        options.photonTime = value == "earliest" ? Photon_Time::earliest : Photon_Time::strongest;
-        break;
-      case trigger: {
-        const std::vector<std::pair<std::string, int>> edges = {
-            {"tdc1-rising", 0xF}, {"tdc1-falling", 0xA}, {"tdc2-rising", 0xE}, {"tdc2-falling", 0xB}, {"none", -1}};
-        bool known = false;
-        for (const auto& [name, edge] : edges) {
-          if (value == name) {
-            options.triggerEdge = edge;
-            known = true;
-          }
-        }
-        if (!known) {
-          throw std::invalid_argument(
-              "option --trigger needs tdc1-rising, tdc1-falling, tdc2-rising, "
-              "tdc2-falling or none, not \"" +
-              value + "\"");
-        }
-        break;
-      }
-      case reorder:
-        options.reorderWindow = detail::to_ticks(detail::parse_seconds("reorder-window", optarg, 10.0));
-        break;
-      case verbose: {
-        const auto [ptr, error] = std::from_chars(value.data(), value.data() + value.size(), options.logLevel);
-        if (error != std::errc() || ptr != value.data() + value.size() || value.empty()) {
-          throw std::invalid_argument("option --verbose needs a whole number, not \"" + value + "\"");
-        }
-        break;
-      }
-      case charge:
-        options.writeCharge = true;
-        break;
-      case mask:
-        if (value.empty()) throw std::invalid_argument("option --mask needs a file name");
-        options.maskFile = value;
-        break;
-      case timeWalk:
-        if (value.empty()) throw std::invalid_argument("option --time-walk needs a file name");
-        options.timeWalkFile = value;
-        break;
-      case skipDamaged:
-        options.damage = Damage_Policy::skip;
-        break;
-      case follow:
-        options.followSeconds = detail::parse_seconds("follow", value.c_str(), 86400.0);
-        break;
-      case threads:
-        threadsGiven = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));
-        break;
-      case 'h':
-        options.helpRequested = true;
-        return options;
-      case kovra::tools::versionOption:
-        options.versionRequested = true;
-        return options;
-      default:
-        kovra::tools::throw_getoptError(c, argv);
-    }
+  const auto take = [&](int c, const std::string& value) {
+    detail::take_importOption(c, value, options, threadsGiven);
+  };
+  if (!kovra::tools::read_options(argc, argv, ":o:h", detail::get_importLongOptions(), options, take)) {
+    return options;
   }
   if (optind == argc) throw std::invalid_argument("no raw file given");
   options.inputFiles = list_rawInputs(std::vector<std::string>(argv + optind, argv + argc));
