@@ -61,7 +61,8 @@ struct Timed_Writer {
 
 int main(int argc, char* argv[]) {
   if (argc != 5 && argc != 8) {
-    std::fprintf(stderr, "Usage: parallel_phases_bench INPUT OUTPUT ALGORITHM THREADS [DSPACE_PX DTIME_S DURATIONMAX_S]\n");
+    std::fprintf(stderr,
+                 "Usage: parallel_phases_bench INPUT OUTPUT ALGORITHM THREADS [DSPACE_PX DTIME_S DURATIONMAX_S]\n");
     return 2;
   }
   const std::string input = argv[1], output = argv[2];
@@ -101,11 +102,11 @@ int main(int argc, char* argv[]) {
   // Alone after the last events: joining the threads, the trigger block, flushing and moving the file in place.
   const double before = pieceSeen ? seconds_since(start, firstPiece) : seconds_since(start, reconstructed);
   const double after = seconds_since(timed.lastEnd == Clock::time_point{} ? reconstructed : timed.lastEnd, finished);
-  std::printf("threads=%u photons=%llu events=%llu total=%.4f layout=%.4f reconstruction=%.4f finish=%.4f "
-              "alone_before=%.4f alone_after=%.4f writer_busy=%.4f processor=%.4f\n",
-              threads, static_cast<unsigned long long>(layout.records.count),
-              static_cast<unsigned long long>(events.size()), total, seconds_since(start, laidOut),
-              seconds_since(laidOut, reconstructed), seconds_since(reconstructed, finished), before, after, timed.busy,
-              processor_seconds());
+  std::printf(
+      "threads=%u photons=%llu events=%llu total=%.4f layout=%.4f reconstruction=%.4f finish=%.4f "
+      "alone_before=%.4f alone_after=%.4f writer_busy=%.4f processor=%.4f\n",
+      threads, static_cast<unsigned long long>(layout.records.count), static_cast<unsigned long long>(events.size()),
+      total, seconds_since(start, laidOut), seconds_since(laidOut, reconstructed),
+      seconds_since(reconstructed, finished), before, after, timed.busy, processor_seconds());
   return 0;
 }

@@ -135,11 +135,10 @@ void run_one(const Data_PhotonEvents& photons, const char* density, const char* 
     for (const auto& e : events.events) photonSum += e.nPhotons;
   }
   const double inputMB = static_cast<double>(photons.size() * sizeof(PhotonEvent)) / 1e6;
-  std::printf("%-8s %-33s %10zu %10zu %12llu %8.3f %8.1f %8.1f %9.1f %9.1f%s\n", density, algorithm,
-              photons.size(), nEvents, static_cast<unsigned long long>(photonSum), best,
+  std::printf("%-8s %-33s %10zu %10zu %12llu %8.3f %8.1f %8.1f %9.1f %9.1f%s\n", density, algorithm, photons.size(),
+              nEvents, static_cast<unsigned long long>(photonSum), best,
               static_cast<double>(photons.size()) / best / 1e6, static_cast<double>(photons.size()) / bestCpu / 1e6,
-              inputMB,
-              static_cast<double>(status_kB("VmHWM")) * 1024.0 / 1e6, peakReset ? "" : " (peak not reset)");
+              inputMB, static_cast<double>(status_kB("VmHWM")) * 1024.0 / 1e6, peakReset ? "" : " (peak not reset)");
   std::fflush(stdout);
 }
 

@@ -83,12 +83,24 @@ Parameters::Parameters(int argc, char** argv) {
         print_help(argv[0]);
         exit_requested = true;
         break;
-      case 'f': read_parameterSettings_file(optarg); break;
-      case 'i': input_file = optarg; break;
-      case 'o': output_file = optarg; break;
-      case 's': d_space_px = std::stod(optarg); break;
-      case 't': d_time_s = std::stod(optarg); break;
-      case 'D': duration_max_s = std::stod(optarg); break;
+      case 'f':
+        read_parameterSettings_file(optarg);
+        break;
+      case 'i':
+        input_file = optarg;
+        break;
+      case 'o':
+        output_file = optarg;
+        break;
+      case 's':
+        d_space_px = std::stod(optarg);
+        break;
+      case 't':
+        d_time_s = std::stod(optarg);
+        break;
+      case 'D':
+        duration_max_s = std::stod(optarg);
+        break;
       default:
         // getopt_long has already printed its diagnostic; an unknown option ends the run quietly.
         exit_requested = true;
@@ -122,9 +134,7 @@ void Parameters::print_help(const char* programName) const {
                programName, programName, duration_max_s);
 }
 
-void Parameters::print_license() const {
-  std::fprintf(stderr, "\n%s\n", licenseText);
-}
+void Parameters::print_license() const { std::fprintf(stderr, "\n%s\n", licenseText); }
 
 void Parameters::read_parameterSettings_file(const std::string& fileName) {
   // Neither the opening nor the parse is checked: a document that did not parse stays null, and the first

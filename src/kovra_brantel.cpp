@@ -70,11 +70,11 @@ int main(int argc, char** argv) {
   // On every core the run may use (KOVRA_THREADS sets how many), with the bytes of one thread.
   tpx::EventFile_Writer events(outputFile);
   const kovra::Algorithm algorithm = kovra::find_algorithm(parameters.algorithm);
-  const kovra::Parallel_Settings parallel{
-      kovra::get_threadCount(),
-      kovra::read_countVariable("KOVRA_PIECE_PHOTONS", 1, kovra::max_piecePhotons).value_or(kovra::default_piecePhotons)};
-  kovra::reconstruct_parallel(reconstruction, algorithm, kovra::make_photonList<tpx::PhotonEvent>(inputFile, layout.records),
-                              parallel, events);
+  const kovra::Parallel_Settings parallel{kovra::get_threadCount(),
+                                          kovra::read_countVariable("KOVRA_PIECE_PHOTONS", 1, kovra::max_piecePhotons)
+                                              .value_or(kovra::default_piecePhotons)};
+  kovra::reconstruct_parallel(reconstruction, algorithm,
+                              kovra::make_photonList<tpx::PhotonEvent>(inputFile, layout.records), parallel, events);
   events.finish(inputFile, layout.extTriggers);
 
   logging<LogLevel::info>(inputFile + ": Total number of reconstructed events = " + std::to_string(events.size()));

@@ -45,7 +45,7 @@ void logging(const std::string& message) {
   localtime_r(&seconds, &localTime);
 
   std::ostream& stream = level == LogLevel::error ? std::cerr : std::cout;
-  stream << kovra::logging_detail::get_logPrefix<level>() << std::put_time(&localTime, "%Y-%m-%d %X UTC%z") << ": " << message
-         << '\n'
+  stream << kovra::logging_detail::get_logPrefix<level>() << std::put_time(&localTime, "%Y-%m-%d %X UTC%z") << ": "
+         << message << '\n'
          << std::flush;
 }

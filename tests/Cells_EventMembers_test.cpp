@@ -63,7 +63,8 @@ TEST(CellsEventMembersTest, BothKindsAnswerAsTheWalkOverRecentMembers) {
     kovra::detail::Walk_EventMembers<PhotonEvent> walk(dSpace);
     std::uniform_int_distribution<std::int32_t> offset(-c.spread, c.spread);
     const auto photon = [&](std::int64_t t) {
-      return PhotonEvent{Length{wrapped(c.around + offset(random))}, Length{wrapped(c.around + offset(random))}, Time{t}};
+      return PhotonEvent{Length{wrapped(c.around + offset(random))}, Length{wrapped(c.around + offset(random))},
+                         Time{t}};
     };
     // Several events in a row: a new one must forget the slots of the one before.
     for (int event = 0; event < 6; ++event) {
@@ -105,7 +106,8 @@ TEST(CellsEventMembersTest, AMemberAtExactlyLoCountsInACrowdedEvent) {
     cells.restart(alone);
     // Many members far away, and a first question that walks through all of them in vain, so that the event
     // gets its cells and the second question goes through them.
-    for (std::int64_t t = 10; t < 70; ++t) cells.add(PhotonEvent{Length{1000 * 65536}, Length{wrapped(t * 65536)}, Time{t}});
+    for (std::int64_t t = 10; t < 70; ++t)
+      cells.add(PhotonEvent{Length{1000 * 65536}, Length{wrapped(t * 65536)}, Time{t}});
     ASSERT_FALSE(cells.any_within(PhotonEvent{Length{500 * 65536}, Length{35 * 65536}, Time{75}}, Time{lo}));
     EXPECT_EQ(cells.any_within(PhotonEvent{Length{3 * 65536}, Length{4 * 65536}, Time{80}}, Time{lo}), lo == 5) << lo;
   }
@@ -117,7 +119,9 @@ TEST(CellsEventMembersTest, ALongEventKeepsTheMembersItsNextQuestionsCanReach) {
   // list while the event goes on, but never one a question can still reach.
   const Length dSpace{5 * 65536};
   const std::int64_t dTime = 10;
-  const auto member = [](std::int64_t t) { return PhotonEvent{Length{wrapped(t % 1500 * 20 * 65536)}, Length{0}, Time{t}}; };
+  const auto member = [](std::int64_t t) {
+    return PhotonEvent{Length{wrapped(t % 1500 * 20 * 65536)}, Length{0}, Time{t}};
+  };
   const auto check = [&](auto& members) {
     members.restart(member(0));
     for (std::int64_t t = 1; t < 5000; ++t) {

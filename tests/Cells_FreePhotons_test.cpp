@@ -36,8 +36,9 @@ bool near(std::int32_t a, std::int32_t b, std::int32_t dSpace) {
 std::vector<std::int32_t> coordinates(int shift, std::mt19937& random) {
   std::vector<std::int32_t> values = {lowest, lowest + 1, -1, 0, 1, highest - 1, highest};
   const std::int64_t width = std::int64_t{1} << shift;
-  for (const std::int64_t border : {std::int64_t{lowest}, std::int64_t{-2} * width, -width, width, 2 * width,
-                                    std::int64_t{127} * width, std::int64_t{128} * width, std::int64_t{highest} + 1 - width}) {
+  for (const std::int64_t border :
+       {std::int64_t{lowest}, std::int64_t{-2} * width, -width, width, 2 * width, std::int64_t{127} * width,
+        std::int64_t{128} * width, std::int64_t{highest} + 1 - width}) {
     for (const std::int64_t offset : {std::int64_t{-1}, std::int64_t{0}, std::int64_t{1}}) {
       const std::int64_t v = border + offset;
       if (v >= lowest && v <= highest) values.push_back(static_cast<std::int32_t>(v));
@@ -65,8 +66,8 @@ TEST(CellsFreePhotonsTest, NoIsTrueAcrossTheWholeRangeAndAtCellBorders) {
       cells.add(counted);
       for (const std::int32_t qx : values) {
         for (const std::int64_t step : {std::int64_t{0}, std::int64_t{dSpace} - 1, -(std::int64_t{dSpace} - 1)}) {
-          const auto qy = static_cast<std::int32_t>(static_cast<std::uint32_t>(counted.y.value) +
-                                                    static_cast<std::uint32_t>(step));
+          const auto qy =
+              static_cast<std::int32_t>(static_cast<std::uint32_t>(counted.y.value) + static_cast<std::uint32_t>(step));
           const bool isNear = near(qx, counted.x.value, dSpace) && near(qy, counted.y.value, dSpace);
           const bool maybe = cells.any_near(Length{qx}, Length{qy});
           if (isNear) {
@@ -103,7 +104,9 @@ TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt)
   for (std::size_t i = 0; window.fetch(i); ++i) {
     window.release_before(i);
     // Taken up again every so often, listing or not, as the passes do when a stretch turns crowded.
-    if (uniform(0, 40) == 0) range.restart_at(i + 1, uniform(0, 1) == 1 ? kovra::detail::Kept_ByCell::lists : kovra::detail::Kept_ByCell::counts);
+    if (uniform(0, 40) == 0)
+      range.restart_at(i + 1,
+                       uniform(0, 1) == 1 ? kovra::detail::Kept_ByCell::lists : kovra::detail::Kept_ByCell::counts);
     range.drop_before(i + 1);
     const Time limit = window[i].toa + Time{60};
     range.extend_to(limit);
@@ -118,7 +121,9 @@ TEST(RangeFreePhotonsTest, ARangeTakenUpAgainAtASeedHoldsEveryFreePhotonAfterIt)
     }
     if (range.is_listed()) {
       const PhotonEvent seed = window[i];
-      EXPECT_EQ(range.first_free_near(seed.x, seed.y, i + 1, limit, [&](const PhotonEvent& p) { return nearBoth(p, seed); }), walk)
+      EXPECT_EQ(
+          range.first_free_near(seed.x, seed.y, i + 1, limit, [&](const PhotonEvent& p) { return nearBoth(p, seed); }),
+          walk)
           << "seed " << i;
     }
     // The seed takes a photon now and then, as a chain would.

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <span>
@@ -64,8 +64,8 @@ TEST(OutputFileAtomicTest, TargetChangesOnlyOnCommitAndNothingElseIsLeft) {
 TEST(OutputFileAtomicTest, TargetsThatCannotBeWrittenGiveABadStreamAndTheReason) {
   TempDir dir;
   std::filesystem::create_directory(dir.path() / "taken.kovraevent");
-  for (const auto& [target, error] : {std::pair{dir.file("missing/out.kovraevent"), ENOENT},
-                                      std::pair{dir.file("taken.kovraevent"), EISDIR}}) {
+  for (const auto& [target, error] :
+       {std::pair{dir.file("missing/out.kovraevent"), ENOENT}, std::pair{dir.file("taken.kovraevent"), EISDIR}}) {
     kovra::OutputFile_Atomic file(target);
     file.stream() << "x";
     EXPECT_FALSE(file.stream().good()) << target;

@@ -26,8 +26,8 @@ using random_photons::Disorder;
 using random_photons::Settings;
 using random_photons::unlimited;
 // With and without a cap and a factor; the last rows are crowded enough for the chains' free-photon counts.
-const Settings settingsTable[] = {{8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5},   {16, 3, 40, 1.0},
-                                  {12, 6, 0, std::nullopt},        {20, 8, 25, -0.3}, {64, 10, 60, 0.25},
+const Settings settingsTable[] = {{8, 5, unlimited, std::nullopt},  {8, 5, 12, 0.5},   {16, 3, 40, 1.0},
+                                  {12, 6, 0, std::nullopt},         {20, 8, 25, -0.3}, {64, 10, 60, 0.25},
                                   {8, 30, unlimited, std::nullopt}, {12, 40, 50, 0.5}, {64, 90, unlimited, 1.0}};
 
 using Members = std::vector<std::vector<std::uint64_t>>;
@@ -66,7 +66,8 @@ TEST(EventMembershipTest, MembersRebuildTheEventsBitForBit) {
   int ghostsSeen = 0;
   for (const bool outOfOrder : {false, true}) {
     for (unsigned seed = 1; seed <= 8; ++seed) {
-      const auto photons = random_photons::generate(seed, 400, outOfOrder ? Disorder::swapIsolated : Disorder::none, false);
+      const auto photons =
+          random_photons::generate(seed, 400, outOfOrder ? Disorder::swapIsolated : Disorder::none, false);
       const auto& p = photons.photonEvents;
       ASSERT_EQ(std::ranges::is_sorted(p, {}, &PhotonEvent::toa), !outOfOrder);
       for (const auto& s : settingsTable) {

@@ -28,7 +28,9 @@ class FileBytes {
     return *this;
   }
   /// A framed block: identifier, size of `content`, content.
-  FileBytes& block(const char* name, const FileBytes& content) { return id(name).u64(content.data.size()).raw(content.data); }
+  FileBytes& block(const char* name, const FileBytes& content) {
+    return id(name).u64(content.data.size()).raw(content.data);
+  }
 
   /// A whole file: "KOVRA" block around a build block (version, type) and `content`.
   static FileBytes file(std::uint64_t type, const FileBytes& content, std::uint64_t version = 0) {

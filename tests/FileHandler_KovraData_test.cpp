@@ -34,15 +34,19 @@ class ContainerFileTest : public testing::Test {
     write_bytes(file, bytes);
     return file;
   }
-  Data_PhotonEvents load_photons(const std::string& bytes) { return FileHandler_PhotonEvents().load_file(write(bytes)); }
+  Data_PhotonEvents load_photons(const std::string& bytes) {
+    return FileHandler_PhotonEvents().load_file(write(bytes));
+  }
   Data_Events load_events(const std::string& bytes) { return FileHandler_Events().load_file(write(bytes)); }
 
   TempDir dir;
 };
 
 TEST_F(ContainerFileTest, ReadsPhotonsAndTriggersFromLiteralBytes) {
-  const FileBytes content = photons_block({photon(1, -2, 3), photon(-65536, 7, std::numeric_limits<std::int64_t>::min())});
-  const auto data = load_photons(FileBytes::file(2, FileBytes(content).block("extTrigs", FileBytes().i64(-5).i64(9))).data);
+  const FileBytes content =
+      photons_block({photon(1, -2, 3), photon(-65536, 7, std::numeric_limits<std::int64_t>::min())});
+  const auto data =
+      load_photons(FileBytes::file(2, FileBytes(content).block("extTrigs", FileBytes().i64(-5).i64(9))).data);
   ASSERT_EQ(data.size(), 2u);
   EXPECT_EQ(data[0].x.value, 1);
   EXPECT_EQ(data[0].y.value, -2);
@@ -57,7 +61,8 @@ TEST_F(ContainerFileTest, ReadsPhotonsAndTriggersFromLiteralBytes) {
 
 TEST_F(ContainerFileTest, BlockOrderTriggerStatesAndReplacement) {
   // Triggers may come first; an empty trigger block is present-and-empty; no block is absent.
-  auto data = load_photons(FileBytes::file(2, FileBytes().block("extTrigs", FileBytes()).raw(photons_block({}).data)).data);
+  auto data =
+      load_photons(FileBytes::file(2, FileBytes().block("extTrigs", FileBytes()).raw(photons_block({}).data)).data);
   EXPECT_TRUE(data.photonEvents.empty());
   ASSERT_TRUE(data.extTriggers.has_value());
   EXPECT_TRUE(data.extTriggers->empty());
@@ -90,7 +95,8 @@ TEST_F(ContainerFileTest, RejectsMalformedFilesWithExactMessages) {
   const std::vector<Case> cases = {
       {"empty file", "", "Read Error!"},
       {"shorter than a header", "KOVRA", "Read Error!"},
-      {"wrong magic", FileBytes::file(2, FileBytes(photons_block({}))).data.replace(5, 1, "X"), "Not a valid KOVRA file!"},
+      {"wrong magic", FileBytes::file(2, FileBytes(photons_block({}))).data.replace(5, 1, "X"),
+       "Not a valid KOVRA file!"},
       {"outer size too large", file_with_sizes(1000, 16),
        "Block size is indicated as 1000 but only 48 bytes are left in the file!"},
       // The fit test adds position and size as signed 64-bit values: a sum of 2^63 or more is negative, passes,
@@ -126,9 +132,11 @@ TEST_F(ContainerFileTest, RejectsMalformedFilesWithExactMessages) {
        "Block identifier not recognized!"},
       {"partial photon", FileBytes::file(2, FileBytes().block("photons", FileBytes().u64(1).u64(2).u64(3))).data,
        "File contains partial photons!"},
-      {"partial trigger", FileBytes::file(2, FileBytes(photons_block({})).block("extTrigs", FileBytes().u64(1).i32(2))).data,
+      {"partial trigger",
+       FileBytes::file(2, FileBytes(photons_block({})).block("extTrigs", FileBytes().u64(1).i32(2))).data,
        "File contains partial external triggers!"},
-      {"content block past the end", FileBytes::file(2, FileBytes().id("photons").u64(32).raw(photon(1, 1, 1).data)).data,
+      {"content block past the end",
+       FileBytes::file(2, FileBytes().id("photons").u64(32).raw(photon(1, 1, 1).data)).data,
        "Block size is indicated as 32 but only 16 bytes are left in the file!"},
   };
   for (const auto& c : cases) {
@@ -141,19 +149,25 @@ TEST_F(ContainerFileTest, RejectsMalformedFilesWithExactMessages) {
         << name;
   }
   EXPECT_THAT([&] { FileHandler_PhotonEvents().load_file(dir.file("missing.kovraphot")); },
-              ThrowsMessage<std::invalid_argument>(StrEq("file \"" + dir.file("missing.kovraphot") + "\" could not be opened!")));
+              ThrowsMessage<std::invalid_argument>(
+                  StrEq("file \"" + dir.file("missing.kovraphot") + "\" could not be opened!")));
 }
 
 TEST_F(ContainerFileTest, RejectsMalformedEventFiles) {
-  EXPECT_THAT([&] { load_events(FileBytes::file(3, FileBytes().block("events", FileBytes().u64(0).u64(0).u64(0).u64(0).u64(0))).data); },
-              ThrowsMessage<std::invalid_argument>(StrEq("File contains partial events!")));
+  EXPECT_THAT(
+      [&] {
+    load_events(FileBytes::file(3, FileBytes().block("events", FileBytes().u64(0).u64(0).u64(0).u64(0).u64(0))).data);
+      },
+      ThrowsMessage<std::invalid_argument>(StrEq("File contains partial events!")));
   EXPECT_THAT([&] { load_events(FileBytes::file(3, FileBytes().block("extTrigs", FileBytes())).data); },
               ThrowsMessage<std::invalid_argument>(StrEq("File does not contain event data!")));
 }
 
 TEST_F(ContainerFileTest, EveryTruncationOfAValidFileIsRejected) {
   const std::string valid =
-      FileBytes::file(2, FileBytes(photons_block({photon(1, 2, 3), photon(4, 5, 6)})).block("extTrigs", FileBytes().i64(7))).data;
+      FileBytes::file(
+          2, FileBytes(photons_block({photon(1, 2, 3), photon(4, 5, 6)})).block("extTrigs", FileBytes().i64(7)))
+          .data;
   ASSERT_EQ(load_photons(valid).size(), 2u);
   for (std::size_t length = 0; length < valid.size(); ++length) {
     EXPECT_THROW(load_photons(valid.substr(0, length)), std::invalid_argument) << "length " << length;
@@ -174,8 +188,8 @@ TEST_F(ContainerFileTest, EventFilesMatchTheLayoutByteForByteBothWays) {
   const std::string expected =
       FileBytes::file(3, FileBytes().block("events", record).block("extTrigs", FileBytes().i64(10).i64(-20))).data;
   const std::string file = dir.file("e.kovraevent");
-  FileHandler_Events::save_file(file, Data_Events({Event{Length{-1}, Length{2}, Time{-3}, 4, 0.5}},
-                                                  std::vector<Time>{Time{10}, Time{-20}}));
+  FileHandler_Events::save_file(
+      file, Data_Events({Event{Length{-1}, Length{2}, Time{-3}, 4, 0.5}}, std::vector<Time>{Time{10}, Time{-20}}));
   EXPECT_EQ(read_bytes(file), expected);
 
   const auto data = load_events(expected);

@@ -54,7 +54,7 @@ TEST(TimeTest, SumsAndDifferencesWrapWithoutOverflow) {
 TEST(LengthTest, FromPixels) {
   EXPECT_EQ(Length::from_pixels(0.5).value, 32768);
   EXPECT_EQ(Length::from_pixels(10.0).value, 655360);
-  EXPECT_EQ(Length::from_pixels(-0.5 / 65536).value, -1);  // half a unit rounds away from zero
+  EXPECT_EQ(Length::from_pixels(-0.5 / 65536).value, -1);                          // half a unit rounds away from zero
   EXPECT_EQ(Length::from_pixels(32768.0).value, std::numeric_limits<int>::min());  // truncated to 32 bits
 }
 

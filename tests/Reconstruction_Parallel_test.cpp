@@ -44,9 +44,17 @@ std::string bytes_of(const std::vector<Event>& events) {
 /// hook or every other, a static cut searched among a few photons only.
 const kovra::detail::Piece_Tuning cutEverywhere{.takeOverUntaken = false};
 const kovra::detail::Piece_Tuning shrunk[] = {
-    {.zonePhotons = 3, .blockEvents = 2, .blocksHeld = 1, .staticSearchPhotons = 2, .hooksBetweenLooks = 1,
+    {.zonePhotons = 3,
+     .blockEvents = 2,
+     .blocksHeld = 1,
+     .staticSearchPhotons = 2,
+     .hooksBetweenLooks = 1,
      .takeOverUntaken = false},
-    {.zonePhotons = 40, .blockEvents = 1, .blocksHeld = 2, .staticSearchPhotons = 8, .hooksBetweenLooks = 2,
+    {.zonePhotons = 40,
+     .blockEvents = 1,
+     .blocksHeld = 2,
+     .staticSearchPhotons = 8,
+     .hooksBetweenLooks = 2,
      .takeOverUntaken = false},
     {.zonePhotons = 17, .blockEvents = 3, .blocksHeld = 1, .staticSearchPhotons = 1, .hooksBetweenLooks = 4}};
 
@@ -100,8 +108,9 @@ struct Dataset {
 };
 
 std::vector<Dataset> datasets() {
-  const std::vector<Settings> usual = {{8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5}, {12, 6, 0, std::nullopt},
-                                       {20, 8, 25, -0.3}, {8, 30, 40, 1.0}, {4, 3, unlimited, 2.0}};
+  const std::vector<Settings> usual = {
+      {8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5}, {12, 6, 0, std::nullopt}, {20, 8, 25, -0.3}, {8, 30, 40, 1.0},
+      {4, 3, unlimited, 2.0}};
   std::vector<Dataset> sets;
   sets.push_back({"sparse flashes", flashes(1, 600, 0.05), usual});
   sets.push_back({"bursts", flashes(2, 600, 3.0), usual});
@@ -111,19 +120,22 @@ std::vector<Dataset> datasets() {
     turns.insert(turns.end(), part.begin(), part.end());
   }
   sets.push_back({"sparse and crowded in turn", turns, usual});
-  sets.push_back({"random with ties", random_photons::generate(3, 500, random_photons::Disorder::none, false).photonEvents,
-                  usual});
+  sets.push_back({"random with ties",
+                  random_photons::generate(3, 500, random_photons::Disorder::none, false).photonEvents, usual});
   // Gaps exactly at each setting's static bound and one above (min(dTime, durationMax) = 5 here; with the
   // factor 1.0 and durationMax 12 the widened bound is (5 + 12) / 2 = 8.5, so 9 and 10).
-  sets.push_back({"gaps at the bound", gaps_around(5, 300),
+  sets.push_back({"gaps at the bound",
+                  gaps_around(5, 300),
                   {{1, 5, unlimited, std::nullopt}, {1, 9, 5, std::nullopt}, {1, 5, 12, 0.0}}});
   sets.push_back({"gaps at the widened bound", gaps_around(9, 300), {{1, 5, 12, 1.0}, {1, 9, 9, std::nullopt}}});
   // A hot pixel firing every 2 ticks with dTime 3 among other photons: no cut at all without a durationMax.
   std::vector<PhotonEvent> hot = flashes(4, 300, 0.5);
   for (long t = 1000; t < 1600; t += 2) hot.push_back(photon(100, 100, t));
   std::ranges::stable_sort(hot, {}, [](const PhotonEvent& p) { return p.toa.value; });
-  sets.push_back({"hot pixel faster than dTime", hot, {{2, 3, unlimited, std::nullopt}, {2, 3, 40, std::nullopt},
-                                                       {2, 3, unlimited, 0.5}, {2, 3, 40, 0.5}}});
+  sets.push_back(
+      {"hot pixel faster than dTime",
+       hot,
+       {{2, 3, unlimited, std::nullopt}, {2, 3, 40, std::nullopt}, {2, 3, unlimited, 0.5}, {2, 3, 40, 0.5}}});
   sets.push_back({"fewer photons than workers", flashes(5, 3, 1.0), usual});
   sets.push_back({"no photon", {}, usual});
   return sets;
@@ -153,8 +165,8 @@ TEST(ReconstructionParallelTest, EveryThreadCountAndPieceSizeGivesTheBytesOfOneT
           const auto& run = runs[k];
           EXPECT_EQ(bytes_of(run_parallel(r, algorithm, set.photons, run.threads, run.piece, run.tuning)), expected)
               << set.name << ", " << name << ", dSpace " << s.dSpace << ", dTime " << s.dTime << ", durationMax "
-              << s.durationMax << ", factor " << s.factor.value_or(-99) << ", " << run.threads
-              << " threads, pieces of " << run.piece << ", run " << k;
+              << s.durationMax << ", factor " << s.factor.value_or(-99) << ", " << run.threads << " threads, pieces of "
+              << run.piece << ", run " << k;
           ++compared;
         }
       }
@@ -213,9 +225,16 @@ bool crosses(const plain_reconstruction::Groups& groups, std::size_t c) {
 
 TEST(PieceCutsTest, NoEventOfThePlainFormulationsCrossesAStaticCut) {
   using namespace plain_reconstruction;
-  const Settings table[] = {{8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5}, {16, 3, 40, 1.0}, {12, 6, 0, std::nullopt},
-                            {4, 0, unlimited, 2.5}, {20, 8, 25, -0.3}, {8, 5, 12, 0.0}, {64, 10, 60, 0.25},
-                            {8, 4, 30, 3.0}, {8, 30, 50, 0.1}};
+  const Settings table[] = {{8, 5, unlimited, std::nullopt},
+                            {8, 5, 12, 0.5},
+                            {16, 3, 40, 1.0},
+                            {12, 6, 0, std::nullopt},
+                            {4, 0, unlimited, 2.5},
+                            {20, 8, 25, -0.3},
+                            {8, 5, 12, 0.0},
+                            {64, 10, 60, 0.25},
+                            {8, 4, 30, 3.0},
+                            {8, 30, 50, 0.1}};
   const std::pair<Plain, Algorithm> plains[] = {{&plainFullChain, Algorithm::fullChain},
                                                 {&plainForwardChain, Algorithm::forwardChain},
                                                 {&plainNoBranchChain<false>, Algorithm::noBranch},
@@ -261,10 +280,10 @@ TEST(PieceCutsTest, BoundsInTicks) {
       {{8, 5, 12, std::nullopt}, Algorithm::noBranch, 5},
       {{8, 5, 12, 0.0}, Algorithm::ghostPhoton, 5},
       {{8, 5, 12, -0.5}, Algorithm::ghostPhoton, 5},
-      {{8, 5, 12, 0.19}, Algorithm::noBranch, 5},  // 5 * 0.19 < 1: every increment truncates to 0
-      {{8, 5, 12, 0.2}, Algorithm::noBranch, 7},   // (5 + 2.4) / 1.2 = 6.17
-      {{8, 5, 12, 1.0}, Algorithm::ghostPhoton, 9},  // (5 + 12) / 2 = 8.5
-      {{8, 5, 7, 9.0}, Algorithm::ghostPhoton, 7},   // min(7, 6.8): durationMax itself
+      {{8, 5, 12, 0.19}, Algorithm::noBranch, 5},                      // 5 * 0.19 < 1: every increment truncates to 0
+      {{8, 5, 12, 0.2}, Algorithm::noBranch, 7},                       // (5 + 2.4) / 1.2 = 6.17
+      {{8, 5, 12, 1.0}, Algorithm::ghostPhoton, 9},                    // (5 + 12) / 2 = 8.5
+      {{8, 5, 7, 9.0}, Algorithm::ghostPhoton, 7},                     // min(7, 6.8): durationMax itself
       {{8, 5, unlimited, 0.5}, Algorithm::ghostPhoton, std::nullopt},  // widens without end
       {{8, 0, 12, 1.0}, Algorithm::noBranch, 0},
       {{8, -4, 12, std::nullopt}, Algorithm::fullChain, 0},

@@ -31,15 +31,26 @@ using random_photons::Disorder;
 using random_photons::Settings;
 using random_photons::unlimited;
 const Settings settingsTable[] = {
-    {8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5},   {16, 3, 40, 1.0}, {12, 6, 0, std::nullopt},
-    {4, 0, unlimited, 2.5},          {20, 8, 25, -0.3}, {8, 5, 12, 0.0},  {64, 10, 60, 0.25},
+    {8, 5, unlimited, std::nullopt},
+    {8, 5, 12, 0.5},
+    {16, 3, 40, 1.0},
+    {12, 6, 0, std::nullopt},
+    {4, 0, unlimited, 2.5},
+    {20, 8, 25, -0.3},
+    {8, 5, 12, 0.0},
+    {64, 10, 60, 0.25},
     // Crowded windows (a dozen to forty photons), where the ghost-photon chains count free photons by cell and the
     // full chain keeps its members' box and cells.
-    {8, 30, unlimited, std::nullopt}, {12, 40, 50, 0.5}, {8, 90, 120, 0.1}, {1, 60, unlimited, 1.0},
+    {8, 30, unlimited, std::nullopt},
+    {12, 40, 50, 0.5},
+    {8, 90, 120, 0.1},
+    {1, 60, unlimited, 1.0},
     {64, 90, unlimited, std::nullopt},
     // Pile-up (about a hundred photons per window), where the no-branch chains count free photons by cell too and
     // the ghost-photon chains look for their next photon in the cells' lists.
-    {8, 240, unlimited, std::nullopt}, {12, 200, 260, 0.5}, {4, 300, 400, -0.3}};
+    {8, 240, unlimited, std::nullopt},
+    {12, 200, 260, 0.5},
+    {4, 300, 400, -0.3}};
 
 using Summary = std::tuple<int, int, long, std::uint64_t, double>;
 std::vector<Summary> summary(const std::vector<Event>& events) {
@@ -67,7 +78,8 @@ TEST(ReconstructionPropertiesTest, AlgorithmsByNameMatchPlainFormulations) {
   int compared = 0;
   for (const bool swapped : {false, true}) {
     for (unsigned seed = 1; seed <= 16; ++seed) {
-      const auto photons = random_photons::generate(seed, swapped ? 150 : 500, swapped ? Disorder::swapNeighbours : Disorder::none, true);
+      const auto photons = random_photons::generate(seed, swapped ? 150 : 500,
+                                                    swapped ? Disorder::swapNeighbours : Disorder::none, true);
       const auto& p = photons.photonEvents;
       for (const auto& s : settingsTable) {
         const Reconstruction_Events r{Length{s.dSpace}, Time{s.dTime}, s.factor, Time{s.durationMax}, warn};
@@ -79,9 +91,11 @@ TEST(ReconstructionPropertiesTest, AlgorithmsByNameMatchPlainFormulations) {
           // and the forward chain also where a chain would start earlier than the one before.
           const auto groups = plain(p, s);
           const auto firstTime = [&](const std::vector<std::size_t>& g) { return t(p[g[0]]); };
-          if (std::ranges::any_of(groups, [&](const auto& g) {
-                return std::ranges::any_of(g, [&](std::size_t m) { return t(p[m]) < firstTime(g); });
-              }) ||
+          if (std::ranges::any_of(
+                  groups,
+                  [&](const auto& g) {
+            return std::ranges::any_of(g, [&](std::size_t m) { return t(p[m]) < firstTime(g); });
+                  }) ||
               (plain == &plainForwardChain && !std::ranges::is_sorted(groups, {}, firstTime))) {
             continue;
           }

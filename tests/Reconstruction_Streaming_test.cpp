@@ -75,7 +75,8 @@ std::vector<PhotonEvent> flashes(unsigned seed, std::size_t n, double perTick, s
                          Time{static_cast<std::int64_t>(t) + dt}});
     }
   }
-  std::stable_sort(photons.begin(), photons.end(), [](const PhotonEvent& a, const PhotonEvent& b) { return a.toa < b.toa; });
+  std::stable_sort(photons.begin(), photons.end(),
+                   [](const PhotonEvent& a, const PhotonEvent& b) { return a.toa < b.toa; });
   return photons;
 }
 
@@ -105,7 +106,8 @@ std::vector<Dataset> datasets() {
   // In order, but spanning more than 2^63 ticks: differences wrap, so no shortcut applies.
   auto wide = flashes(5, 400, 0.5);
   for (std::size_t i = 0; i < wide.size(); ++i) {
-    wide[i].toa = Time{wide[i].toa.value + (i < 200 ? -(std::int64_t{1} << 62) - (std::int64_t{1} << 40) : std::int64_t{1} << 62)};
+    wide[i].toa = Time{wide[i].toa.value +
+                       (i < 200 ? -(std::int64_t{1} << 62) - (std::int64_t{1} << 40) : std::int64_t{1} << 62)};
   }
   sets.push_back({"wider than 2^63 ticks", wide, false, true});
   return sets;
@@ -118,9 +120,12 @@ struct Setting {
   std::int64_t durationMax;
 };
 
-const Setting settings[] = {
-    {1.5, 4, std::nullopt, Time::max_ticks}, {3, 20, 0.5, Time::max_ticks}, {3, 20, std::nullopt, 0},
-    {2, 8, 0.0, 30},                         {0.5, 1, 2.0, 5},               {6, 200, 1.0, Time::max_ticks}};
+const Setting settings[] = {{1.5, 4, std::nullopt, Time::max_ticks},
+                            {3, 20, 0.5, Time::max_ticks},
+                            {3, 20, std::nullopt, 0},
+                            {2, 8, 0.0, 30},
+                            {0.5, 1, 2.0, 5},
+                            {6, 200, 1.0, Time::max_ticks}};
 
 const char* const algorithms[] = {"default", "noBranchChain_direct", "forwardChain_photonBuildup", "fullChain_direct"};
 
@@ -146,8 +151,8 @@ TEST(ReconstructionStreamingTest, SmallWindowsGiveTheEventsOfTheWholeList) {
         // order before the pass, a source only during it.
         told.clear();
         const auto expected = reconstructEvents_switchAlgorithm(r, whole, algorithm);
-        EXPECT_EQ(told, set.startsOver ? std::vector<std::string>{kovra::inputOrder_notOrdered}
-                                       : std::vector<std::string>{});
+        EXPECT_EQ(told,
+                  set.startsOver ? std::vector<std::string>{kovra::inputOrder_notOrdered} : std::vector<std::string>{});
         told.clear();
         Trickle_Source source(set.photons);
         kovra::EventList<Event> out;
@@ -165,7 +170,8 @@ TEST(ReconstructionStreamingTest, SmallWindowsGiveTheEventsOfTheWholeList) {
 
 TEST(ReconstructionStreamingTest, OneEventLongerThanTheWindowStaysExact) {
   std::vector<PhotonEvent> photons;
-  for (std::int64_t t = 0; t < 5000; ++t) photons.push_back({Length{px(5)}, Length{px(5) + static_cast<std::int32_t>(t % 2) * px(1)}, Time{3 * t}});
+  for (std::int64_t t = 0; t < 5000; ++t)
+    photons.push_back({Length{px(5)}, Length{px(5) + static_cast<std::int32_t>(t % 2) * px(1)}, Time{3 * t}});
   const Reconstruction_Events r{Length::from_pixels(2), Time{3}, std::nullopt, Time{Time::max_ticks}};
   for (const char* algorithm : algorithms) {
     Trickle_Source source(photons);
@@ -173,7 +179,8 @@ TEST(ReconstructionStreamingTest, OneEventLongerThanTheWindowStaysExact) {
     reconstructEvents_switchAlgorithm(r, source, algorithm, out);
     ASSERT_EQ(out.events.size(), 1u) << algorithm;
     EXPECT_EQ(out.events[0].nPhotons, 5000u) << algorithm;
-    EXPECT_EQ(bytes_of(out.events), bytes_of(reconstructEvents_switchAlgorithm(r, Data_PhotonEvents{photons, {}}, algorithm).events))
+    EXPECT_EQ(bytes_of(out.events),
+              bytes_of(reconstructEvents_switchAlgorithm(r, Data_PhotonEvents{photons, {}}, algorithm).events))
         << algorithm;
   }
 }

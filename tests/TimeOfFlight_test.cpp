@@ -19,11 +19,11 @@
 namespace {
 
 using namespace kovra;
+using testing::StrEq;
+using testing::ThrowsMessage;
 using tpx3spidr::Event;
 using tpx3spidr::Length;
 using tpx3spidr::Time;
-using testing::StrEq;
-using testing::ThrowsMessage;
 using Tof = std::optional<TimeOfFlight_Ticks>;
 using L64 = std::numeric_limits<std::int64_t>;
 constexpr std::int32_t px = 65536;
@@ -46,13 +46,11 @@ Tof plain_timeOfFlight(const std::vector<Time>& triggers, Time t) {
 TEST(TimeOfFlightTest, TriggerEdges) {
   const std::vector<Time> triggers = times({100, 200, 200, 350});
   const std::tuple<std::int64_t, Tof> cases[] = {
-      {99, std::nullopt},  // before the first trigger
-      {100, 0},            // exactly at a trigger
-      {199, 99},           // one tick before the next
-      {200, 0},            // at two equal triggers
-      {349, 149},
-      {350, 0},
-      {10'000, 9650},      // after the last trigger
+      {99, std::nullopt},                            // before the first trigger
+      {100, 0},                                      // exactly at a trigger
+      {199, 99},                                     // one tick before the next
+      {200, 0},                                      // at two equal triggers
+      {349, 149},         {350, 0}, {10'000, 9650},  // after the last trigger
   };
   TimeOfFlight_Clock<Time> clock(triggers);
   for (const auto& [t, expected] : cases) EXPECT_EQ(clock.get(Time{t}), expected) << t;
@@ -148,8 +146,8 @@ TEST(RecordSelectionTest, Bounds) {
       {{{0}, {px}, {0}, 2, std::numeric_limits<double>::quiet_NaN()}, false},
   };
   for (const auto& [event, accepted] : cases) {
-    EXPECT_EQ(s.accepts(event), accepted) << event.x.value << ' ' << event.y.value << ' ' << event.nPhotons << ' '
-                                          << event.psd;
+    EXPECT_EQ(s.accepts(event), accepted)
+        << event.x.value << ' ' << event.y.value << ' ' << event.nPhotons << ' ' << event.psd;
   }
   EXPECT_TRUE(s.accepts_timeOfFlight(std::nullopt));  // no time-of-flight bound
   s.tofMax = 10;

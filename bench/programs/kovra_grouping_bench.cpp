@@ -80,23 +80,23 @@ std::vector<Timed_Item> read_hits(const Settings& s) {
   };
   reader.read_all([&](unsigned chip, std::uint64_t) { place = placements[s.quad ? chip & 3 : 3]; },
                   [&](const std::uint64_t* words, std::size_t n) {
-                    for (std::size_t i = 0; i < n; ++i) {
-                      const std::uint64_t p = words[i];
-                      if (is_hit(p)) {
-                        const Ticks t = clock.place_hitClock(get_hitTicks(p));
-                        const int c = static_cast<int>(get_hitColumn(p));
-                        const int r = static_cast<int>(get_hitRow(p));
-                        const Timed_Item item{t, static_cast<std::uint16_t>(place[0] + place[1] * c),
-                                              static_cast<std::uint16_t>(place[2] + place[3] * r),
-                                              static_cast<std::uint16_t>(get_hitTot(p)), 0};
-                        window.push(item, clock.get_latest(), keep);
-                      } else if (get_packetKind(p) == Packet_Kind::heartbeat) {
-                        clock.place_hitClock(get_heartbeatTicks(p));
-                      } else if (get_packetKind(p) == Packet_Kind::tdc) {
-                        clock.place_tdc(get_tdcTicks(p));
-                      }
-                    }
-                  },
+    for (std::size_t i = 0; i < n; ++i) {
+      const std::uint64_t p = words[i];
+      if (is_hit(p)) {
+        const Ticks t = clock.place_hitClock(get_hitTicks(p));
+        const int c = static_cast<int>(get_hitColumn(p));
+        const int r = static_cast<int>(get_hitRow(p));
+        const Timed_Item item{t, static_cast<std::uint16_t>(place[0] + place[1] * c),
+                              static_cast<std::uint16_t>(place[2] + place[3] * r),
+                              static_cast<std::uint16_t>(get_hitTot(p)), 0};
+        window.push(item, clock.get_latest(), keep);
+      } else if (get_packetKind(p) == Packet_Kind::heartbeat) {
+        clock.place_hitClock(get_heartbeatTicks(p));
+      } else if (get_packetKind(p) == Packet_Kind::tdc) {
+        clock.place_tdc(get_tdcTicks(p));
+      }
+    }
+  },
                   [](std::uint64_t, std::uint64_t) {}, [](const Skipped_Stretch&) {});
   window.finish(keep);
   return hits;

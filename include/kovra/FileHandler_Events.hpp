@@ -17,8 +17,8 @@
 namespace kovra {
 
 /// Reads and writes event files; the width arguments are the on-disk bytes of one length and one time value.
-template <typename Length_Type, typename Time_Type, typename PSD_Type, std::size_t length_bytes,
-          std::size_t time_bytes, std::uint64_t file_type_index>
+template <typename Length_Type, typename Time_Type, typename PSD_Type, std::size_t length_bytes, std::size_t time_bytes,
+          std::uint64_t file_type_index>
 class FileHandler_Events
     : public FileHandler_KovraData<file_type_index, Data_Events<Event<Length_Type, Time_Type, PSD_Type>>> {
   using Base = FileHandler_KovraData<file_type_index, Data_Events<Event<Length_Type, Time_Type, PSD_Type>>>;
@@ -30,8 +30,8 @@ class FileHandler_Events
   using IO_ExtTriggers = typename Base::template IO_Records<Time_Type, Base::extTrigs_identifier>;
 
   static File_Layout read_layout_at(std::istream& stream, std::streampos end) {
-    return Base::template read_layout<Event_Type, Time_Type>(stream, end, IO_Events::identifier, "File contains partial events!",
-                                                          "File does not contain event data!");
+    return Base::template read_layout<Event_Type, Time_Type>(
+        stream, end, IO_Events::identifier, "File contains partial events!", "File does not contain event data!");
   }
 
   static_assert(sizeof(Length_Type) == length_bytes && sizeof(Time_Type) == time_bytes);

@@ -29,8 +29,8 @@ class FileHandler_PhotonEvents
   using IO_ExtTriggers = typename Base::template IO_Records<Time_Type, Base::extTrigs_identifier>;
 
   static File_Layout read_layout_at(std::istream& stream, std::streampos end) {
-    return Base::template read_layout<PhotonEvent_Type, Time_Type>(stream, end, IO_Photons::identifier, "File contains partial photons!",
-                                                          "File does not contain photon data!");
+    return Base::template read_layout<PhotonEvent_Type, Time_Type>(
+        stream, end, IO_Photons::identifier, "File contains partial photons!", "File does not contain photon data!");
   }
 
   static_assert(sizeof(Length_Type) == length_bytes && sizeof(Time_Type) == time_bytes);

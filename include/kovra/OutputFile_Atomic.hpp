@@ -87,7 +87,9 @@ class FileDescriptor_Buffer : public std::streambuf {
 
   pos_type seekoff(off_type offset, std::ios_base::seekdir direction, std::ios_base::openmode) override {
     if (!flush_buffer()) return pos_type(off_type(-1));
-    const int whence = direction == std::ios_base::beg ? SEEK_SET : direction == std::ios_base::cur ? SEEK_CUR : SEEK_END;
+    const int whence = direction == std::ios_base::beg   ? SEEK_SET
+                       : direction == std::ios_base::cur ? SEEK_CUR
+                                                         : SEEK_END;
     const off_t at = lseek(fd, static_cast<off_t>(offset), whence);
     return at < 0 ? pos_type(off_type(-1)) : pos_type(off_type(at));
   }
@@ -140,7 +142,8 @@ class FileDescriptor_Buffer : public std::streambuf {
 /// A file written in full under a temporary identity and moved into place by `commit`.
 class OutputFile_Atomic {
  public:
-  explicit OutputFile_Atomic(std::string path_) : path(std::move(path_)), fd(open_temporary()), buffer(fd), out(&buffer) {
+  explicit OutputFile_Atomic(std::string path_)
+      : path(std::move(path_)), fd(open_temporary()), buffer(fd), out(&buffer) {
     if (fd < 0) out.setstate(std::ios::badbit);
   }
 

@@ -26,8 +26,9 @@ struct Position_Binning {
     const double units = std::round(binning_px * perPixel);
     const double sizeUnits = std::round(size_px * perPixel);
     if (!(sizeUnits >= perPixel) || !(sizeUnits <= 1e15) || !(units >= 1.0) || !(units <= 1e15)) {
-      throw std::invalid_argument("a position grid needs a size of at least one pixel and cells of at least one "
-                                  "raw unit");
+      throw std::invalid_argument(
+          "a position grid needs a size of at least one pixel and cells of at least one "
+          "raw unit");
     }
     const auto cell = static_cast<std::int64_t>(units);
     const auto size = static_cast<std::int64_t>(sizeUnits);

@@ -1,9 +1,10 @@
 #pragma once
 
 // Event reconstruction: the search settings and the four algorithms that group a photon list into events
-// (input in time order takes a faster path; see Reconstruction_Pass.hpp). Each algorithm lives in its own header under kovra/reconstruction/ and runs over a photon source
-// (a file read a chunk at a time, or a list in memory) through a sliding window, handing each event to an
-// output as soon as it is complete; the functions here run them over a list in memory or over any source.
+// (input in time order takes a faster path; see Reconstruction_Pass.hpp). Each algorithm lives in its own header under
+// kovra/reconstruction/ and runs over a photon source (a file read a chunk at a time, or a list in memory) through a
+// sliding window, handing each event to an output as soon as it is complete; the functions here run them over a list in
+// memory or over any source.
 
 #include <cstddef>
 #include <functional>
@@ -63,7 +64,8 @@ struct Reconstruction_Events {
     return reconstruct_fullChain_direct(photons, none);
   }
   template <typename Membership_Type>
-  Data_Events_Type reconstruct_fullChain_direct(const Data_PhotonEvents_Type& photons, Membership_Type& membership) const {
+  Data_Events_Type reconstruct_fullChain_direct(const Data_PhotonEvents_Type& photons,
+                                                Membership_Type& membership) const {
     return in_memory(photons, membership, [&](auto& source, auto& out, auto& m) {
       run_fullChain_direct<PhotonEventChain_Type>(*this, source, out, m);
     });

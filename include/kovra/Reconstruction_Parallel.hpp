@@ -19,8 +19,8 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <string>
 #include <stdexcept>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -72,8 +72,8 @@ Photon_List<PhotonEvent_Type> make_photonList(const std::string& fileName, Block
   return {photons.count,
           [fileName, photons] { return std::make_unique<PhotonSource_File<PhotonEvent_Type>>(fileName, photons); },
           [fileName, photons](std::uint64_t first, std::size_t windowCapacity) {
-            const Block_Location part{photons.offset + first * sizeof(PhotonEvent_Type), photons.count - first};
-            return std::make_unique<PhotonSource_File<PhotonEvent_Type>>(fileName, part, windowCapacity);
+    const Block_Location part{photons.offset + first * sizeof(PhotonEvent_Type), photons.count - first};
+    return std::make_unique<PhotonSource_File<PhotonEvent_Type>>(fileName, part, windowCapacity);
           }};
 }
 
@@ -82,8 +82,8 @@ template <typename PhotonEvent_Type>
 Photon_List<PhotonEvent_Type> make_photonList(std::span<const PhotonEvent_Type> photons) {
   return {photons.size(), [photons] { return std::make_unique<PhotonSource_Memory<PhotonEvent_Type>>(photons); },
           [photons](std::uint64_t first, std::size_t windowCapacity) {
-            return std::make_unique<PhotonSource_Memory<PhotonEvent_Type>>(
-                photons.subspan(static_cast<std::size_t>(first)), windowCapacity, Order_Known::whenRead);
+    return std::make_unique<PhotonSource_Memory<PhotonEvent_Type>>(photons.subspan(static_cast<std::size_t>(first)),
+                                                                   windowCapacity, Order_Known::whenRead);
           }};
 }
 
@@ -123,7 +123,8 @@ bool may_beOrdered(const Photon_List<PhotonEvent_Type>& photons) {
   const auto first = read_photons(photons, 0, 1);
   const auto last = read_photons(photons, photons.size - 1, 1);
   TimeOrder_Check<Time_Type> check;
-  return check.accept(std::span<const PhotonEvent_Type>(first)) && check.accept(std::span<const PhotonEvent_Type>(last));
+  return check.accept(std::span<const PhotonEvent_Type>(first)) &&
+         check.accept(std::span<const PhotonEvent_Type>(last));
 }
 
 /// Where the run of `piece` starts: at the first static cut among the photons after the piece's start (within its
@@ -156,20 +157,20 @@ void run_pieces(const Reconstruction_Type& part, Algorithm algorithm, const Phot
   Worker_Pool pool(
       parallel.threads,
       [&](unsigned) {
-        while (auto* run = schedule.take_piece()) {
-          const auto [begin, atCut] =
-              find_pieceBegin(photons, plan, run->firstPiece, bound, parallel.tuning.staticSearchPhotons);
-          schedule.start(*run, begin, atCut);
-          try {
-            Piece_Output<Event_Type, Time_Type> runOut(schedule, *run, part.dTime);
-            auto source = photons.open_from(begin, piece_windowCapacity);
-            run_algorithm(part, algorithm, *source, runOut);
-            runOut.finish(!runOut.has_stopped());
-          } catch (const Part_GivenUp&) {
-            // Taken over, or the whole run stops: nothing of this run is used.
-          }
-          schedule.release(*run);
-        }
+    while (auto* run = schedule.take_piece()) {
+      const auto [begin, atCut] =
+          find_pieceBegin(photons, plan, run->firstPiece, bound, parallel.tuning.staticSearchPhotons);
+      schedule.start(*run, begin, atCut);
+      try {
+        Piece_Output<Event_Type, Time_Type> runOut(schedule, *run, part.dTime);
+        auto source = photons.open_from(begin, piece_windowCapacity);
+        run_algorithm(part, algorithm, *source, runOut);
+        runOut.finish(!runOut.has_stopped());
+      } catch (const Part_GivenUp&) {
+        // Taken over, or the whole run stops: nothing of this run is used.
+      }
+      schedule.release(*run);
+    }
       },
       [&] { schedule.stop(); });
   // The calling thread only writes: it may as well start the file's way to the disk as it goes, which leaves the
@@ -194,13 +195,14 @@ void reconstruct_parallel(const Reconstruction_Type& reconstruction, Algorithm a
     auto source = photons.open_whole();
     run_algorithm(settings, algorithm, *source, out);
   };
-  const detail::Piece_Plan plan{photons.size, std::clamp<std::uint64_t>(parallel.piecePhotons, 1,
-                                                                         std::max<std::uint64_t>(photons.size, 1))};
+  const detail::Piece_Plan plan{
+      photons.size, std::clamp<std::uint64_t>(parallel.piecePhotons, 1, std::max<std::uint64_t>(photons.size, 1))};
   if (parallel.threads <= 1 || plan.count() <= 1 || !detail::may_beOrdered(photons)) return run_alone(reconstruction);
 
   // The warning about a setting the algorithm ignores is given once, here, for the whole run.
   const bool ignoresFactor = algorithm == Algorithm::fullChain || algorithm == Algorithm::forwardChain;
-  if (reconstruction.dTime_ext && ignoresFactor && reconstruction.warn) reconstruction.warn(extensionFactor_notSupported);
+  if (reconstruction.dTime_ext && ignoresFactor && reconstruction.warn)
+    reconstruction.warn(extensionFactor_notSupported);
   Reconstruction_Type quiet = reconstruction;
   quiet.warn = {};
   Reconstruction_Type part = quiet;

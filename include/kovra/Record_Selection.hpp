@@ -42,7 +42,10 @@ struct Record_Selection {
   template <typename Record_Type>
   bool accepts(const Record_Type& record) const {
     if (region && !region->contains(record.x, record.y)) return false;
-    if constexpr (requires { record.nPhotons; record.psd; }) {
+    if constexpr (requires {
+                    record.nPhotons;
+                    record.psd;
+                  }) {
       if (photonsMin && record.nPhotons < *photonsMin) return false;
       if (photonsMax && record.nPhotons > *photonsMax) return false;
       if (psdMin && !(record.psd >= *psdMin)) return false;

@@ -11,11 +11,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <limits>
-#include <span>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -216,11 +216,12 @@ py::tuple reconstruct(const py::buffer& photons, double d_space_px, double d_tim
       const kovra::Algorithm chosen = kovra::find_algorithm(algorithm);
       const kovra::Parallel_Settings parallel{
           threads ? *threads : kovra::get_threadCount(),
-          kovra::read_countVariable("KOVRA_PIECE_PHOTONS", 1, kovra::max_piecePhotons).value_or(kovra::default_piecePhotons)};
+          kovra::read_countVariable("KOVRA_PIECE_PHOTONS", 1, kovra::max_piecePhotons)
+              .value_or(kovra::default_piecePhotons)};
       kovra::EventList<tpx::Event> events;
       events.reserve(list.size());
-      kovra::reconstruct_parallel(reconstruction, chosen, kovra::make_photonList(std::span<const tpx::PhotonEvent>(list)),
-                                  parallel, events);
+      kovra::reconstruct_parallel(reconstruction, chosen,
+                                  kovra::make_photonList(std::span<const tpx::PhotonEvent>(list)), parallel, events);
       std::optional<std::vector<tpx::Time>> extTriggers(input.extTriggers);
       output.emplace(std::move(events.events), std::move(extTriggers));
     }
@@ -311,15 +312,16 @@ py::tuple tof_histogram(const py::buffer& records, const py::buffer& triggers, c
   const kovra::TriggerList_Check<tpx::Time> check = check_triggers(list);
   const kovra::TimeOfFlight_Ticks longest = check.get_longestInterval();
   if (!selection.tofMax && longest == 0) {
-    throw std::invalid_argument("no time-of-flight range: the triggers give no interval between two of them; give "
-                                "tof_max_s");
+    throw std::invalid_argument(
+        "no time-of-flight range: the triggers give no interval between two of them; give "
+        "tof_max_s");
   }
   if (!selection.tofMax && *selection.tofMin >= longest) {
     throw std::invalid_argument("tof_min_s is not below the longest interval between triggers, the default tof_max_s");
   }
-  const kovra::TimeOfFlight_Bins bins(s.logarithmic ? kovra::TimeOfFlight_Bins::Spacing::logarithmic
-                                                    : kovra::TimeOfFlight_Bins::Spacing::linear,
-                                      *selection.tofMin, selection.tofMax.value_or(longest), s.bins);
+  const kovra::TimeOfFlight_Bins bins(
+      s.logarithmic ? kovra::TimeOfFlight_Bins::Spacing::logarithmic : kovra::TimeOfFlight_Bins::Spacing::linear,
+      *selection.tofMin, selection.tofMax.value_or(longest), s.bins);
   std::optional<kovra::Position_Binning<tpx::Length>> grid;
   if (s.stack) grid = kovra::Position_Binning<tpx::Length>::make(s.stack->first, s.stack->second);
   kovra::Histogram_TimeOfFlight<tpx::Length> histogram(bins, selection, grid);
@@ -358,8 +360,8 @@ PYBIND11_MODULE(_kovra, m) {
   m.def("write_photons", &write_photons, py::arg("path"), py::arg("photons"), py::arg("triggers"));
   m.def("write_events", &write_events, py::arg("path"), py::arg("events"), py::arg("triggers"));
   m.def("reconstruct", &reconstruct, py::arg("photons"), py::arg("d_space_px"), py::arg("d_time_s"),
-        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"), py::arg("membership"),
-        py::arg("threads"));
+        py::arg("d_time_ext"), py::arg("duration_max_s"), py::arg("algorithm"), py::arg("triggers"),
+        py::arg("membership"), py::arg("threads"));
 
   m.def("time_of_flight", &time_of_flight, py::arg("times"), py::arg("triggers"));
   py::class_<TimeOfFlight_Settings>(m, "TimeOfFlightSettings")
@@ -374,8 +376,6 @@ PYBIND11_MODULE(_kovra, m) {
   // The library's own conversions, element by element: rounding halves away from zero, unlike numpy.round.
   m.def("from_pixels", py::vectorize([](double pixels) { return tpx::Length::from_pixels(pixels).value; }),
         py::arg("pixels"));
-  m.def("from_seconds", py::vectorize([](double seconds) {
-          return tpx::Time::make_from_seconds<true>(seconds).value;
-        }),
+  m.def("from_seconds", py::vectorize([](double seconds) { return tpx::Time::make_from_seconds<true>(seconds).value; }),
         py::arg("seconds"));
 }

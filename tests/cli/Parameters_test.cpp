@@ -49,11 +49,13 @@ TEST(ParametersTest, CommandLineAndParametersFilesInTheirOrder) {
     const char* expected;
   } cases[] = {
       {{}, "", "0 - - - - - inf default 4"},
-      {{"--inputFile", "in", "--outputFile", "out", "--dSpace=2.5", "--dTime", "1e-6", "--dur", "7", "--algorithm",
-        "x", "--verbose", "3trace"},
-       "", "0 in out 2.5 1e-06 - 7 x 3"},
+      {{"--inputFile", "in", "--outputFile", "out", "--dSpace=2.5", "--dTime", "1e-6", "--dur", "7", "--algorithm", "x",
+        "--verbose", "3trace"},
+       "",
+       "0 in out 2.5 1e-06 - 7 x 3"},
       // std::stod and std::stoi read a leading number and ignore the rest
-      {{"-i", "a", "-o", "b", "-s", "10px", "-t", "  7", "--dTime_ext", "0x10", "-D", "-INF"}, "",
+      {{"-i", "a", "-o", "b", "-s", "10px", "-t", "  7", "--dTime_ext", "0x10", "-D", "-INF"},
+       "",
        "0 a b 10 7 16 -inf default 4"},
       // Long names match case-sensitively; "--dT" is an ambiguous prefix. Parsing goes on after a rejection.
       {{"--dspace=1", "-s", "4"}, "", "1 - - 4 - - inf default 4"},

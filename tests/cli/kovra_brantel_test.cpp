@@ -33,8 +33,12 @@ std::string unstamp(const std::string& text) {
 
 std::string help(const std::string& durationMax) {
   return "kovra_brantel - event reconstruction for Timepix3 photon-counting cameras\n"
-         "Usage: " + program + " [OPTIONS]\n"
-         "Example: " + program + " -s 10 -t 1e-6 -i filename.kovraphot -o filename.kovraevent\n\n"
+         "Usage: " +
+         program +
+         " [OPTIONS]\n"
+         "Example: " +
+         program +
+         " -s 10 -t 1e-6 -i filename.kovraphot -o filename.kovraevent\n\n"
          "OPTIONS\n"
          "  -h, --help         Print out this help\n"
          "      --license      License information\n"
@@ -44,7 +48,8 @@ std::string help(const std::string& durationMax) {
          "  -f, --paramsFile   Path to a .json file where processing parameters are defined\n"
          "  -s, --dspace       Distance in space for photon search [px]\n"
          "  -t, --dtime        Distance in time for photon search [s]\n"
-         "  -D, --durationMax  Maximum duration to look for photons [s] (default: " + durationMax + ")\n\n";
+         "  -D, --durationMax  Maximum duration to look for photons [s] (default: " +
+         durationMax + ")\n\n";
 }
 
 // The log of a run on in.kovraphot, line by line.
@@ -114,7 +119,8 @@ TEST_F(KovraBrantelTest, RunsThatWriteNoFile) {
       {{"-t", "1e-6", "-s", "10", "-o", "y"}, 1, error("No file supplied!")},
       {{"-t", "1", "-s", "1", "-i", "a.kovraphot.bak", "-o", "y"}, 1, error("Input file must be a .kovraphot file!")},
       {{"-t", "1e-6", "-s", "10", "-i", ".kovraphot"}, 1, error("No output destination specified!")},
-      {{"-t", "1", "-s", "1", "-i", "a.kovraphot", "-o", "dir/b.KOVRAEVENT"}, 1,
+      {{"-t", "1", "-s", "1", "-i", "a.kovraphot", "-o", "dir/b.KOVRAEVENT"},
+       1,
        error("Output file must be a .kovraevent file!")},
       {{"--verbose", "-1"}, 1, error(noTime)},
       {{"--verbose", "-2"}, 1, StrEq("")},
@@ -161,9 +167,11 @@ TEST_F(KovraBrantelTest, RunsLogByLevelAndWriteTheEventFile) {
   write_photons("none.kovraphot", {});
   write_photons("noTrigs.kovraphot", {}, std::vector<Time>{});
   write_photons("t.kovraphot", {}, std::vector<Time>{Time{5}, Time{-7}});
-  write_photons("late.kovraphot", {photon(10, 10, 0), photon(11, 10, 100), photon(100, 100, 100000), photon(10, 11, 200)});
-  const std::string late = "info:    @late.kovraphot: Total number of photons in file = 4\n"
-                           "info:    @late.kovraphot: Total number of reconstructed events = 3\n";
+  write_photons("late.kovraphot",
+                {photon(10, 10, 0), photon(11, 10, 100), photon(100, 100, 100000), photon(10, 11, 200)});
+  const std::string late =
+      "info:    @late.kovraphot: Total number of photons in file = 4\n"
+      "info:    @late.kovraphot: Total number of reconstructed events = 3\n";
   const FileBytes empty = FileBytes().block("events", FileBytes());  // 64 bytes in all without triggers
   const std::string warning = "WARNING: Extension factor is not supported for the chosen algorithm!\n";
   const struct {
@@ -194,6 +202,8 @@ TEST_F(KovraBrantelTest, RunsLogByLevelAndWriteTheEventFile) {
     EXPECT_EQ(result.status, 0) << args.back();
     EXPECT_EQ(result.out, out) << args.back();
     EXPECT_EQ(result.err, "") << args.back();
-    if (content) { EXPECT_EQ(read_bytes(work.file("out.kovraevent")), FileBytes::file(3, *content).data); }
+    if (content) {
+      EXPECT_EQ(read_bytes(work.file("out.kovraevent")), FileBytes::file(3, *content).data);
+    }
   }
 }

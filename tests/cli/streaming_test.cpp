@@ -6,11 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
 #include <cstdint>
 #include <cstdlib>
 #include <random>
 #include <string>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <regex>
@@ -24,7 +24,7 @@ using namespace kovra::tpx3spidr;
 
 namespace {
 
-constexpr std::uint64_t photonCount = 5'000'000;                   // an 80 MB photon file
+constexpr std::uint64_t photonCount = 5'000'000;  // an 80 MB photon file
 // The data limit (heap and thread stacks included): 24 MiB on one thread, a quarter of the file; each further
 // thread may add 12 MiB (its stack reserves 8, its window and the events of its piece the rest), so that three
 // threads run under 48 MiB, still well below the file.
@@ -73,15 +73,17 @@ TEST(MemoryBoundTest, EveryAlgorithmRunsUnderALimitFarBelowTheFileSize) {
 
   const Reconstruction_Events settings{Length::from_pixels(5), Time::make_from_seconds<true>(5e-7), std::nullopt,
                                        Time::make_from_seconds<true>(2e-6)};
-  for (const std::string algorithm : {"default", "noBranchChain_direct", "forwardChain_photonBuildup", "fullChain_direct"}) {
+  for (const std::string algorithm :
+       {"default", "noBranchChain_direct", "forwardChain_photonBuildup", "fullChain_direct"}) {
     FileHandler_Events::save_file(dir.file("memory.kovraevent"),
                                   reconstructEvents_switchAlgorithm(settings, photons, algorithm));
     for (const std::uint64_t threads : {1U, 3U}) {
       const std::string output = dir.file(algorithm + ".kovraevent");
-      const std::string command = "KOVRA_THREADS=" + std::to_string(threads) + " prlimit --data=" +
-                                  std::to_string(dataLimitBytes + (threads - 1) * dataPerThreadBytes) +
-                                  " " KOVRA_BRANTEL_PATH " -s 5 -t 5e-7 -D 2e-6 --verbose -1 --algorithm " + algorithm +
-                                  " -i " + input + " -o " + output;
+      const std::string command =
+          "KOVRA_THREADS=" + std::to_string(threads) +
+          " prlimit --data=" + std::to_string(dataLimitBytes + (threads - 1) * dataPerThreadBytes) +
+          " " KOVRA_BRANTEL_PATH " -s 5 -t 5e-7 -D 2e-6 --verbose -1 --algorithm " + algorithm + " -i " + input +
+          " -o " + output;
       const int status = std::system(command.c_str());
       ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
       EXPECT_TRUE(read_bytes(output) == read_bytes(dir.file("memory.kovraevent"))) << algorithm << " " << threads;
@@ -107,7 +109,8 @@ FileBytes photonList(unsigned seed, std::size_t n) {
     t += (i / 5000) % 2 == 0 ? 8 : 700;
     const std::int32_t x = where(random), y = where(random);
     std::vector<std::pair<std::int64_t, std::pair<std::int32_t, std::int32_t>>> flash;
-    for (int k = 0; k < 5 && i < n; ++k, ++i) flash.push_back({t + delay(random), {x + spread(random), y + spread(random)}});
+    for (int k = 0; k < 5 && i < n; ++k, ++i)
+      flash.push_back({t + delay(random), {x + spread(random), y + spread(random)}});
     std::ranges::sort(flash);
     for (const auto& [time, position] : flash) list.i32(position.first).i32(position.second).i64(time);
     t = flash.back().first;
@@ -122,12 +125,14 @@ TEST(ThreadsTest, EveryThreadCountAndPieceSizeWritesTheSameFileAndSaysTheSame) {
     std::string bytes;
   };
   const Input inputs[] = {
-      {"triggers", FileBytes::file(2, FileBytes().block("photons", list).block("extTrigs", FileBytes().i64(3).i64(9))).data},
+      {"triggers",
+       FileBytes::file(2, FileBytes().block("photons", list).block("extTrigs", FileBytes().i64(3).i64(9))).data},
       {"no triggers", FileBytes::file(2, FileBytes().block("photons", list)).data},
       // The last photon block counts; an empty trigger list stays an empty one.
       {"two photon blocks, empty triggers",
-       FileBytes::file(2, FileBytes().block("photons", photonList(4, 100)).block("extTrigs", FileBytes())
-                              .block("photons", list)).data}};
+       FileBytes::file(
+           2, FileBytes().block("photons", photonList(4, 100)).block("extTrigs", FileBytes()).block("photons", list))
+           .data}};
   const char* const runs[] = {"-s 3 -t 1e-7", "-s 2 -t 5e-8 -D 3e-7 --dTime_ext 0.5",
                               "-s 2 -t 5e-8 --dTime_ext 0.5 --algorithm noBranchChain_direct",
                               "-s 3 -t 1e-7 -D 2e-7 --dTime_ext 1 --algorithm forwardChain_photonBuildup",
@@ -161,7 +166,8 @@ TEST(ThreadsTest, CountsThatAreNotWholeNumbersEndTheRun) {
   for (const auto& [environment, message] : std::vector<std::pair<std::string, std::string>>{
            {"KOVRA_THREADS=0", "KOVRA_THREADS must be a whole number from 1 to 1024, not \"0\""},
            {"KOVRA_THREADS=two", "KOVRA_THREADS must be a whole number from 1 to 1024, not \"two\""},
-           {"KOVRA_PIECE_PHOTONS=-5", "KOVRA_PIECE_PHOTONS must be a whole number from 1 to 4611686018427387904, not \"-5\""}}) {
+           {"KOVRA_PIECE_PHOTONS=-5",
+            "KOVRA_PIECE_PHOTONS must be a whole number from 1 to 4611686018427387904, not \"-5\""}}) {
     const auto outcome =
         run_program(dir, "env", environment + " " KOVRA_BRANTEL_PATH " -s 1 -t 1e-7 -i in.kovraphot -o out.kovraevent");
     EXPECT_EQ(outcome.status, 128 + SIGABRT) << environment;
@@ -176,10 +182,9 @@ int run_over_existingOutput(const TempDir& dir, const std::string& photons, cons
                             const std::string& shell) {
   write_bytes(dir.file("in.kovraphot"), photons);
   write_bytes(dir.file("out.kovraevent"), "previous run");
-  const std::string command = "bash -c '" + shell + " exec " + KOVRA_BRANTEL_PATH +
-                              " -s 1 -t 1e-7 --verbose -1 --algorithm " + algorithm + " -i " +
-                              dir.file("in.kovraphot") + " -o " + dir.file("out.kovraevent") + "' 2>" +
-                              dir.file("stderr.txt");
+  const std::string command =
+      "bash -c '" + shell + " exec " + KOVRA_BRANTEL_PATH + " -s 1 -t 1e-7 --verbose -1 --algorithm " + algorithm +
+      " -i " + dir.file("in.kovraphot") + " -o " + dir.file("out.kovraevent") + "' 2>" + dir.file("stderr.txt");
   return std::system(command.c_str());
 }
 
@@ -208,8 +213,7 @@ TEST(StreamingFailureTest, AFailedRunLeavesTheOutputAsItWasAndNothingBeside) {
        FileBytes::file(2, FileBytes().block("photons", FileBytes(photonList).raw(photon(100 * 65536, 500).data))).data,
        "forwardChain_photonBuildup", "chains.empty() || chains.back().get_t_first() <= newChain.get_t_first()"},
       // A full disk (here a file-size limit, its signal ignored) fails the writes; the size check stops the run.
-      {"write error",
-       FileBytes::file(2, FileBytes().block("photons", photonList)).data, "default",
+      {"write error", FileBytes::file(2, FileBytes().block("photons", photonList)).data, "default",
        "end_content - begin_content == size_content", "trap \"\" XFSZ; ulimit -f 8;"},
   };
   for (const char* threads : {"", "export KOVRA_THREADS=4 KOVRA_PIECE_PHOTONS=7;"}) {

@@ -13,12 +13,12 @@
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
-#include <type_traits>
-#include <utility>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "common/CommandLine.hpp"
@@ -27,12 +27,12 @@ namespace kovra::tools {
 
 /// The range a number given to an option must lie in, and how the messages name its kind.
 struct Number_Range {
-  const char* kind;        ///< "a number of seconds", "a whole number of pixels", ...
+  const char* kind;  ///< "a number of seconds", "a whole number of pixels", ...
   double low;
   double high = std::numeric_limits<double>::infinity();
-  bool lowOpen = false;    ///< greater than `low`, not at least
-  bool whole = false;      ///< a whole number (written without a fraction or exponent)
-  bool infinity = false;   ///< "inf" stands for +infinity, beyond `high`
+  bool lowOpen = false;   ///< greater than `low`, not at least
+  bool whole = false;     ///< a whole number (written without a fraction or exponent)
+  bool infinity = false;  ///< "inf" stands for +infinity, beyond `high`
 };
 
 /// A bound as the messages show it: whole numbers in full ("1000000"), others in the shortest exact form.
@@ -137,8 +137,8 @@ void take_commonOption(int c, char* const argv[], Options_Type& options) {
 /// when help or version ended the parse; a complaint throws the bad-usage line. getopt's state is reset first, so
 /// a process may parse more than once (the tests do).
 template <typename Options_Type, typename Take_Type>
-bool read_options(int argc, char* const argv[], const char* shortOptions, const option* longOptions, Options_Type& options,
-                  Take_Type&& take) {
+bool read_options(int argc, char* const argv[], const char* shortOptions, const option* longOptions,
+                  Options_Type& options, Take_Type&& take) {
   optind = 0;
   opterr = 0;
   for (int c = 0; (c = getopt_long(argc, argv, shortOptions, longOptions, nullptr)) != -1;) {

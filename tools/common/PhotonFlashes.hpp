@@ -163,7 +163,8 @@ inline Photon_Flashes read_photonFlashes(const std::string& path,
   if (bytes.size() < photonFlashes_headerBytes || bytes.compare(0, 8, photonFlashes_magic, 8) != 0) {
     throw std::invalid_argument(where + "not a photon flash file");
   }
-  if (flashes_detail::get_le(data + 8, 4) != photonFlashes_version) throw std::invalid_argument(where + "unknown version");
+  if (flashes_detail::get_le(data + 8, 4) != photonFlashes_version)
+    throw std::invalid_argument(where + "unknown version");
   const auto width = static_cast<int>(flashes_detail::get_le(data + 12, 4));
   if (width != 4 && width != 8) throw std::invalid_argument(where + "bad entry width");
   const std::uint64_t nPhotons = flashes_detail::get_le(data + 16, 8);
@@ -182,11 +183,11 @@ inline Photon_Flashes read_photonFlashes(const std::string& path,
   }
   result.flashOfPhoton.resize(nPhotons);
   for (std::size_t i = 0; i < nPhotons; ++i) {
-    const std::uint64_t raw = flashes_detail::get_le(data + photonFlashes_headerBytes + i * static_cast<std::size_t>(width),
-                                             width);
+    const std::uint64_t raw =
+        flashes_detail::get_le(data + photonFlashes_headerBytes + i * static_cast<std::size_t>(width), width);
     // Sign-extend the 4-byte entries.
-    const std::int64_t f = width == 4 ? static_cast<std::int32_t>(static_cast<std::uint32_t>(raw))
-                                      : static_cast<std::int64_t>(raw);
+    const std::int64_t f =
+        width == 4 ? static_cast<std::int32_t>(static_cast<std::uint32_t>(raw)) : static_cast<std::int64_t>(raw);
     if (f < -1 || (f >= 0 && static_cast<std::uint64_t>(f) >= result.nFlashes)) {
       throw std::invalid_argument(where + "photon " + std::to_string(i) + " names flash " + std::to_string(f) +
                                   ", not one of the " + std::to_string(result.nFlashes));

@@ -25,9 +25,8 @@ namespace kovra::evaluate {
 
 /// The algorithm names kovra_brantel accepts.
 inline const std::vector<std::string>& get_algorithmNames() {
-  static const std::vector<std::string> names = {"default", "noBranchChain_ghostPhoton_direct",
-                                                 "noBranchChain_direct", "forwardChain_photonBuildup",
-                                                 "fullChain_direct"};
+  static const std::vector<std::string> names = {"default", "noBranchChain_ghostPhoton_direct", "noBranchChain_direct",
+                                                 "forwardChain_photonBuildup", "fullChain_direct"};
   return names;
 }
 
@@ -56,10 +55,10 @@ struct Evaluate_Options {
   /// The flash list, whose flash file is found beside it; for a raw file, its hit file (.truth.kovrahit).
   std::string truthFile;
   Settings_Grid grid;
-  bool rawInput = false;       ///< a simulated raw file: its grouping into photons is scored, not a reconstruction
-  Grouping_Grid groupingGrid;  ///< for a raw file
-  std::string simulatedFile;   ///< for a raw file: the photon file simulated with it, whose photons are the truth
-  std::string timeWalkFile;    ///< for a raw file: hit times are corrected by this table, as kovra_import does
+  bool rawInput = false;        ///< a simulated raw file: its grouping into photons is scored, not a reconstruction
+  Grouping_Grid groupingGrid;   ///< for a raw file
+  std::string simulatedFile;    ///< for a raw file: the photon file simulated with it, whose photons are the truth
+  std::string timeWalkFile;     ///< for a raw file: hit times are corrected by this table, as kovra_import does
   std::string fitTimeWalkFile;  ///< for a raw file: where a fitted time-walk table goes
   bool fitFromData = false;     ///< fit against the strongest hit of each photon instead of the truth
   std::uint64_t fomMinPhotons = 10;
@@ -122,9 +121,28 @@ inline std::string get_evaluateHelp() {
 namespace options_detail {
 
 enum : int {
-  dTimeExt = 256, algorithm, dSpaceGrid, dTimeGrid, algorithmGrid, durationMaxGrid, truth, fomPhotons, mergeMax,
-  csv, plots, threads, simulated, radius, radiusGrid, window, windowGrid, photonTime, photonTimeGrid, timeWalk,
-  fitTimeWalk, fitFrom
+  dTimeExt = 256,
+  algorithm,
+  dSpaceGrid,
+  dTimeGrid,
+  algorithmGrid,
+  durationMaxGrid,
+  truth,
+  fomPhotons,
+  mergeMax,
+  csv,
+  plots,
+  threads,
+  simulated,
+  radius,
+  radiusGrid,
+  window,
+  windowGrid,
+  photonTime,
+  photonTimeGrid,
+  timeWalk,
+  fitTimeWalk,
+  fitFrom
 };
 
 /// A distance or duration: a number, at least 0 (a duration may be inf, unlimited).
@@ -132,7 +150,8 @@ inline tools::Number_Range settingRange(bool duration) { return {"a number", 0, 
 
 inline std::vector<double> parse_grid(const char* option, const std::string& text, bool duration) {
   std::vector<double> values;
-  for (const auto& item : tools::split_list(option, text)) values.push_back(tools::parse_number(option, item, settingRange(duration)));
+  for (const auto& item : tools::split_list(option, text))
+    values.push_back(tools::parse_number(option, item, settingRange(duration)));
   return values;
 }
 
@@ -180,8 +199,9 @@ inline bool take_gridOption(int c, const std::string& value, Settings_Grid& grid
     if (c != number.single && c != number.gridded) continue;
     const std::string option = std::string(number.name) + (c == number.gridded ? "-grid" : "");
     Given_Once::note(given.*number.given, option);
-    grid.*number.target = c == number.gridded ? parse_grid(option.c_str(), value, number.duration)
-                                              : std::vector{tools::parse_number(option, value, settingRange(number.duration))};
+    grid.*number.target = c == number.gridded
+                              ? parse_grid(option.c_str(), value, number.duration)
+                              : std::vector{tools::parse_number(option, value, settingRange(number.duration))};
     return true;
   }
   if (c == algorithm || c == algorithmGrid) {
@@ -244,7 +264,8 @@ inline void take_evaluateOption(int c, const std::string& value, Evaluate_Option
       options.truthFile = value;
       break;
     case fomPhotons:
-      options.fomMinPhotons = tools::parse_number<std::uint64_t>("fom-photons", value, {"a whole number", 1, 1e9, false, true});
+      options.fomMinPhotons =
+          tools::parse_number<std::uint64_t>("fom-photons", value, {"a whole number", 1, 1e9, false, true});
       break;
     case mergeMax:
       options.mergeMax = tools::parse_number("merge-max", value, {"a share", 0, 1});
@@ -269,7 +290,8 @@ inline void take_evaluateOption(int c, const std::string& value, Evaluate_Option
       options.fitFromData = value == "data";
       break;
     case threads:
-      options.threads = tools::parse_number<unsigned>("threads", value, {"a whole number", 1, kovra::max_threads, false, true});
+      options.threads =
+          tools::parse_number<unsigned>("threads", value, {"a whole number", 1, kovra::max_threads, false, true});
       break;
   }
 }
@@ -283,8 +305,9 @@ inline void check_evaluateOptions(Evaluate_Options& options, const Given_Once& g
                              !options.fitTimeWalkFile.empty();
   if (options.rawInput) {
     if (!grid.dSpace_px.empty() || !grid.dTime_s.empty() || !given.algorithm.empty() || !given.duration.empty()) {
-      throw std::invalid_argument("a raw file is scored by its grouping into photons (--radius, --window, "
-                                  "--photon-time), not by the settings of a reconstruction");
+      throw std::invalid_argument(
+          "a raw file is scored by its grouping into photons (--radius, --window, "
+          "--photon-time), not by the settings of a reconstruction");
     }
     if (!options.fitTimeWalkFile.empty() && !options.timeWalkFile.empty()) {
       throw std::invalid_argument("--fit-time-walk fits the hits as read, which --time-walk would correct first");
@@ -304,8 +327,9 @@ inline void check_evaluateOptions(Evaluate_Options& options, const Given_Once& g
     return;
   }
   if (groupingGiven) {
-    throw std::invalid_argument("--simulated, --radius, --window, --photon-time and the time-walk options are "
-                                "for a raw file (.tpx3), not a photon file");
+    throw std::invalid_argument(
+        "--simulated, --radius, --window, --photon-time and the time-walk options are "
+        "for a raw file (.tpx3), not a photon file");
   }
   if (!options.inputFile.ends_with(".kovraphot")) {
     throw std::invalid_argument("input file \"" + options.inputFile + "\" must end in .kovraphot or .tpx3");

@@ -16,12 +16,12 @@
 #include <vector>
 
 #include "common/Progress.hpp"
+#include "common/import/HitGrouping.hpp"
+#include "common/import/ImportOptions.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/GroupingTruth.hpp"
 #include "evaluate/Metrics.hpp"
 #include "evaluate/Scan.hpp"
-#include "common/import/HitGrouping.hpp"
-#include "common/import/ImportOptions.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::evaluate {

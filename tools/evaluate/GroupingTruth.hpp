@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "common/HitPhotons.hpp"
-#include "evaluate/Truth.hpp"
 #include "common/import/Import.hpp"
 #include "common/import/TimeWalk.hpp"
+#include "evaluate/Truth.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace kovra::evaluate {

@@ -317,7 +317,7 @@ class Evaluator {
 
   const Truth& truth;
   const Found_Rule foundRule;
-  std::vector<std::size_t> flashBegin;    ///< photons of flash f: flashPhotons[flashBegin[f] .. flashBegin[f + 1])
+  std::vector<std::size_t> flashBegin;  ///< photons of flash f: flashPhotons[flashBegin[f] .. flashBegin[f + 1])
   std::vector<std::size_t> flashPhotons;
   std::array<int, 2> fomClasses{-1, -1};
 };

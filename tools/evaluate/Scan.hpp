@@ -18,9 +18,9 @@
 
 #include "common/Counts.hpp"
 #include "common/OutputFile_Checked.hpp"
+#include "common/Progress.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/Metrics.hpp"
-#include "common/Progress.hpp"
 #include "kovra/Worker_Pool.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -63,13 +63,14 @@ inline std::vector<Setting> get_settings(const Settings_Grid& grid) {
 }
 
 /// Runs one setting and scores it; `eventClasses` as for Evaluator::evaluate.
-inline Reconstruction_Metrics evaluate_setting(const Setting& setting, const kovra::tpx3spidr::Data_PhotonEvents& photons,
+inline Reconstruction_Metrics evaluate_setting(const Setting& setting,
+                                               const kovra::tpx3spidr::Data_PhotonEvents& photons,
                                                const Evaluator& evaluator, Photon_Memberships& memberships,
                                                std::uint64_t fomMinPhotons,
                                                std::vector<Event_Class>* eventClasses = nullptr) {
   memberships.reset();
-  const auto events = reconstructEvents_switchAlgorithm(setting.get_reconstruction(), photons,
-                                                                       setting.algorithm, memberships);
+  const auto events =
+      reconstructEvents_switchAlgorithm(setting.get_reconstruction(), photons, setting.algorithm, memberships);
   return evaluator.evaluate(events.events, memberships, fomMinPhotons, eventClasses);
 }
 
@@ -150,13 +151,12 @@ inline void write_csvRow(std::ostream& out, const Scan_Row& row, bool best) {
   const auto& s = row.setting;
   const auto& m = row.metrics;
   out << format_number(s.dSpace_px) << ',' << format_number(s.dTime_s) << ',' << s.algorithm << ','
-      << format_number(s.durationMax_s) << ',' << (s.dTime_ext ? format_number(*s.dTime_ext) : "") << ','
-      << m.nFlashes << ',' << m.nEvents << ',' << format_number(m.efficiency) << ',' << format_number(m.split_rate)
-      << ',' << format_number(m.merge_rate) << ',' << format_number(m.fake_rate) << ',' << format_number(m.purity)
-      << ',' << format_number(m.completeness) << ',' << format_number(m.iou) << ','
-      << format_number(m.centroid_rms_px) << ',' << format_number(m.centroid_p95_px) << ','
-      << format_number(m.time_rms_ns) << ',' << format_number(m.time_p95_ns) << ',' << format_number(m.fom) << ','
-      << m.fomEvents << ',' << (best ? 1 : 0) << '\n';
+      << format_number(s.durationMax_s) << ',' << (s.dTime_ext ? format_number(*s.dTime_ext) : "") << ',' << m.nFlashes
+      << ',' << m.nEvents << ',' << format_number(m.efficiency) << ',' << format_number(m.split_rate) << ','
+      << format_number(m.merge_rate) << ',' << format_number(m.fake_rate) << ',' << format_number(m.purity) << ','
+      << format_number(m.completeness) << ',' << format_number(m.iou) << ',' << format_number(m.centroid_rms_px) << ','
+      << format_number(m.centroid_p95_px) << ',' << format_number(m.time_rms_ns) << ',' << format_number(m.time_p95_ns)
+      << ',' << format_number(m.fom) << ',' << m.fomEvents << ',' << (best ? 1 : 0) << '\n';
 }
 
 /// Writes `write(stream)` to `path`, which appears whole or not at all; throws std::runtime_error with the
@@ -206,8 +206,8 @@ inline void print_report(std::ostream& out, const Scan_Row& row, const std::arra
       << "\npurity:         " << percent(m.purity) << "; completeness: " << percent(m.completeness)
       << "; mean IoU: " << format_number(m.iou) << "\ncentroid error: RMS " << format_number(m.centroid_rms_px)
       << " px, 95 % below " << format_number(m.centroid_p95_px) << " px"
-      << "\ntime error:     RMS " << format_number(m.time_rms_ns) << " ns, 95 % below "
-      << format_number(m.time_p95_ns) << " ns"
+      << "\ntime error:     RMS " << format_number(m.time_rms_ns) << " ns, 95 % below " << format_number(m.time_p95_ns)
+      << " ns"
       << "\nFoM:            " << format_number(m.fom) << " (" << fomClasses[0] << " vs " << fomClasses[1] << ", "
       << tools::format_count(m.fomEvents, "event") << " with at least " << tools::format_count(fomMinPhotons, "photon")
       << ")\n";

@@ -1,7 +1,7 @@
 #pragma once
 
-// Fitting a time-walk table (common/import/TimeWalk.hpp) to a raw file: for every ToT step, the median delay of its hits
-// against a reference time. Against the truth, the reference is the hit's true photon, and the table gives the
+// Fitting a time-walk table (common/import/TimeWalk.hpp) to a raw file: for every ToT step, the median delay of its
+// hits against a reference time. Against the truth, the reference is the hit's true photon, and the table gives the
 // absolute delay. From the data alone, the reference is the strongest hit of the photon the import's grouping put
 // the hit in (the one with the least walk), and the table gives the delay relative to the strongest hits: it
 // gathers a photon's hits in time, and leaves the small common delay of strong hits in the photon times (its
@@ -19,9 +19,9 @@
 #include <string>
 #include <vector>
 
-#include "evaluate/GroupingTruth.hpp"
 #include "common/import/HitGrouping.hpp"
 #include "common/import/TimeWalk.hpp"
+#include "evaluate/GroupingTruth.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
 
 namespace kovra::evaluate {

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "common/Counts.hpp"
-#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "common/PhotonFlashes.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace kovra::evaluate {
 
@@ -47,8 +47,7 @@ inline std::string get_truthCsvPath(const std::string& photonPath) {
 /// The flash file that goes with a truth CSV: run.truth.csv gives run.truth.kovraflash.
 inline std::string get_flashPath(const std::string& truthCsvPath) {
   const std::string suffix = ".csv";
-  return (truthCsvPath.ends_with(suffix) ? truthCsvPath.substr(0, truthCsvPath.size() - suffix.size())
-                                         : truthCsvPath) +
+  return (truthCsvPath.ends_with(suffix) ? truthCsvPath.substr(0, truthCsvPath.size() - suffix.size()) : truthCsvPath) +
          ".kovraflash";
 }
 
@@ -70,8 +69,7 @@ inline Truth read_truth(const std::string& csvPath, const std::vector<kovra::tpx
   Truth truth;
   std::string line;
   if (!std::getline(csv, line) || line != "t_s,x_px,y_px,nPhotons,class") {
-    throw std::invalid_argument("truth file '" + csvPath +
-                                "': the first line must be t_s,x_px,y_px,nPhotons,class");
+    throw std::invalid_argument("truth file '" + csvPath + "': the first line must be t_s,x_px,y_px,nPhotons,class");
   }
   for (std::size_t lineNumber = 2; std::getline(csv, line); ++lineNumber) {
     std::vector<std::string_view> fields;

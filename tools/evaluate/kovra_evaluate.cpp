@@ -16,6 +16,7 @@
 
 #include "common/CommandLine.hpp"
 #include "common/OutputFolders.hpp"
+#include "common/Progress.hpp"
 #include "common/PythonScript.hpp"
 #include "evaluate/EvaluateOptions.hpp"
 #include "evaluate/GroupingScan.hpp"
@@ -23,7 +24,6 @@
 #include "evaluate/Scan.hpp"
 #include "evaluate/TimeWalkFit.hpp"
 #include "evaluate/Truth.hpp"
-#include "common/Progress.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 namespace {
@@ -32,15 +32,15 @@ using namespace kovra::evaluate;
 
 void print_table(std::ostream& out, const std::vector<Scan_Row>& rows, std::size_t best) {
   char line[256];
-  std::snprintf(line, sizeof line, "%9s %10s %-33s %10s %8s %8s %8s %8s %9s %7s\n", "dSpace_px", "dTime_s",
-                "algorithm", "durMax_s", "effic.", "split", "merge", "fake", "centr_px", "FoM");
+  std::snprintf(line, sizeof line, "%9s %10s %-33s %10s %8s %8s %8s %8s %9s %7s\n", "dSpace_px", "dTime_s", "algorithm",
+                "durMax_s", "effic.", "split", "merge", "fake", "centr_px", "FoM");
   out << line;
   for (std::size_t r = 0; r < rows.size(); ++r) {
     const auto& s = rows[r].setting;
     const auto& m = rows[r].metrics;
-    std::snprintf(line, sizeof line, "%9.4g %10.4g %-33s %10.4g %8.4f %8.4f %8.4f %8.4f %9.4f %7.3f%s\n",
-                  s.dSpace_px, s.dTime_s, s.algorithm.c_str(), s.durationMax_s, m.efficiency, m.split_rate,
-                  m.merge_rate, m.fake_rate, m.centroid_rms_px, m.fom, r == best ? "  <- best" : "");
+    std::snprintf(line, sizeof line, "%9.4g %10.4g %-33s %10.4g %8.4f %8.4f %8.4f %8.4f %9.4f %7.3f%s\n", s.dSpace_px,
+                  s.dTime_s, s.algorithm.c_str(), s.durationMax_s, m.efficiency, m.split_rate, m.merge_rate,
+                  m.fake_rate, m.centroid_rms_px, m.fom, r == best ? "  <- best" : "");
     out << line;
   }
 }
@@ -93,12 +93,10 @@ void run_groupingEvaluate(const Evaluate_Options& options, kovra::tools::Progres
     const auto rows = run_groupingScan(options.groupingGrid, data, evaluator, progress, threads);
     // Among equally efficient settings, the one whose photon times lie closest to the truth.
     const double mergeMax = options.mergeMax.value_or(1.0);
-    const std::size_t best =
-        find_best(rows, mergeMax, [](const Reconstruction_Metrics& m) { return -m.time_rms_ns; });
+    const std::size_t best = find_best(rows, mergeMax, [](const Reconstruction_Metrics& m) { return -m.time_rms_ns; });
     if (rows.size() > 1) {
       print_groupingTable(std::cout, rows, best);
-      std::cout << "\nbest setting (highest efficiency with a merge rate at most " << format_number(mergeMax)
-                << "):\n";
+      std::cout << "\nbest setting (highest efficiency with a merge rate at most " << format_number(mergeMax) << "):\n";
     }
     print_groupingReport(std::cout, rows[best], data);
     if (options.csvFile) write_groupingCsv(*options.csvFile, rows, best);
@@ -130,8 +128,7 @@ void run_evaluate(const Evaluate_Options& options, kovra::tools::Progress& progr
   const std::size_t best = find_best(rows, mergeMax);
   if (rows.size() > 1) {
     print_table(std::cout, rows, best);
-    std::cout << "\nbest setting (highest efficiency with a merge rate at most "
-              << format_number(mergeMax) << "):\n";
+    std::cout << "\nbest setting (highest efficiency with a merge rate at most " << format_number(mergeMax) << "):\n";
   }
   print_report(std::cout, rows[best], fomClasses, options.fomMinPhotons);
 
@@ -149,7 +146,6 @@ void run_evaluate(const Evaluate_Options& options, kovra::tools::Progress& progr
 }
 
 int run(const Evaluate_Options& options) {
-
   kovra::tools::Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   try {
     run_evaluate(options, progress);

@@ -16,10 +16,10 @@
 
 #include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
+#include "common/Progress.hpp"
 #include "common/import/Import.hpp"
 #include "common/import/ImportOptions.hpp"
 #include "common/import/PhotonFileOutput.hpp"
-#include "common/Progress.hpp"
 
 namespace {
 
@@ -116,14 +116,15 @@ class Import_Messages : public Import_Observer {
     if (fileBytes != lastFileBytes) lastFileBytes = fileBytes, lastGrowth = now;
     if (now - lastShown < std::chrono::milliseconds(500)) return;
     lastShown = now;
-    progress.show_text(get_followLine(bytesRead, hits, Seconds(now - start).count(), Seconds(now - lastGrowth).count()));
+    progress.show_text(
+        get_followLine(bytesRead, hits, Seconds(now - start).count(), Seconds(now - lastGrowth).count()));
   }
 
   void on_skipped(const Skipped_Stretch& stretch) override {
     if (options.logLevel < 0) return;
     progress.finish();
-    std::cerr << "warning: skipped " << format_count(stretch.bytes, "damaged byte") << " at byte offset "
-              << stretch.at << ": " << stretch.cause << '\n';
+    std::cerr << "warning: skipped " << format_count(stretch.bytes, "damaged byte") << " at byte offset " << stretch.at
+              << ": " << stretch.cause << '\n';
   }
 
  private:

@@ -13,9 +13,9 @@
 #include <string>
 #include <type_traits>
 
-#include "inspect/Format.hpp"
 #include "common/OutputFile_Checked.hpp"
 #include "common/Progress.hpp"
+#include "inspect/Format.hpp"
 #include "inspect/RecordFile.hpp"
 
 namespace kovra::inspect {
@@ -48,10 +48,10 @@ void write_csv(std::ostream& out, const RecordFile<Record_Type>& file, Check_Typ
   std::string text;
   file.for_each_chunk(
       [&](std::span<const Record_Type> chunk) {
-        text.clear();
-        for (const Record_Type& record : chunk) append_csvRow(text, record);
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-        check();
+    text.clear();
+    for (const Record_Type& record : chunk) append_csvRow(text, record);
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+    check();
       },
       progress);
 }
@@ -73,7 +73,8 @@ template <typename Record_Type>
 void write_csvFile(const std::string& fileName, const RecordFile<Record_Type>& file,
                    tools::Progress* progress = nullptr) {
   tools::OutputFile_Checked output(fileName, "cannot write CSV file \"" + fileName + "\"");
-  write_csv(output.stream(), file, [&output] { output.check(); }, progress);
+  write_csv(
+      output.stream(), file, [&output] { output.check(); }, progress);
   output.commit();
 }
 

@@ -25,8 +25,8 @@
 #include <utility>
 #include <vector>
 
-#include "inspect/OutputPath_Atomic.hpp"
 #include "common/Progress.hpp"
+#include "inspect/OutputPath_Atomic.hpp"
 #include "inspect/RecordFile.hpp"
 
 namespace kovra::inspect {
@@ -212,8 +212,8 @@ void write_hdf5Content(const std::string& temporary, const std::string& fileName
   std::uint64_t done = 0;
   file.for_each_chunk(
       [&](std::span<const Record_Type> chunk) {
-        writer.write_entries(records.get(), recordType.get(), done, chunk);
-        done += chunk.size();
+    writer.write_entries(records.get(), recordType.get(), done, chunk);
+    done += chunk.size();
       },
       progress);
 

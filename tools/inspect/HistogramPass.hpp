@@ -23,10 +23,10 @@
 #include <type_traits>
 
 #include "common/Counts.hpp"
+#include "common/Progress.hpp"
 #include "inspect/Format.hpp"
 #include "inspect/InspectOptions.hpp"
 #include "inspect/PlotExport.hpp"
-#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 #include "inspect/StackExport.hpp"
 #include "inspect/TriggerFile.hpp"
@@ -55,7 +55,7 @@ class Histogram_Outputs {
     progress.set_label("time of flight");
     file.for_each_chunk(
         [&](std::span<const Record_Type> chunk) {
-          for (const Record_Type& record : chunk) add(record);
+      for (const Record_Type& record : chunk) add(record);
         },
         &progress);
     const std::string recordName = Record_Traits<Record_Type>::name;

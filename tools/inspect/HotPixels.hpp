@@ -41,18 +41,18 @@ inline Pixel_Counts count_rawPixels(const std::string& path) {
   kovra::import::Raw_Reader reader(path);
   reader.read_all(
       [&](unsigned c, std::uint64_t offset) {
-        if (c > 3) {
-          throw std::invalid_argument("chunk at byte offset " + std::to_string(offset) + " is of chip " +
-                                      std::to_string(c) + ", but a frame has chips 0 to 3");
-        }
-        chip = c;
+    if (c > 3) {
+      throw std::invalid_argument("chunk at byte offset " + std::to_string(offset) + " is of chip " +
+                                  std::to_string(c) + ", but a frame has chips 0 to 3");
+    }
+    chip = c;
       },
       [&](const std::uint64_t* words, std::size_t count) {
-        for (std::size_t i = 0; i < count; ++i) {
-          if (!is_hit(words[i])) continue;
-          ++perChip[std::size_t{chip} << 16 | get_hitColumn(words[i]) << 8 | get_hitRow(words[i])];
-        }
-      },
+    for (std::size_t i = 0; i < count; ++i) {
+      if (!is_hit(words[i])) continue;
+      ++perChip[std::size_t{chip} << 16 | get_hitColumn(words[i]) << 8 | get_hitRow(words[i])];
+    }
+  },
       [](std::uint64_t, std::uint64_t) {}, [](const kovra::import::Skipped_Stretch&) {});
   const bool quad = std::any_of(perChip.begin() + 65536, perChip.end(), [](std::uint64_t n) { return n != 0; });
   Pixel_Counts counts;
@@ -73,13 +73,11 @@ inline Pixel_Counts count_photonPixels(const RecordFile<kovra::tpx3spidr::Photon
   Pixel_Counts counts;
   file.for_each_chunk(
       [&](std::span<const kovra::tpx3spidr::PhotonEvent> photons) {
-        for (const auto& p : photons) {
-          // Floor division: a position of -0.5 pixel lies in pixel -1.
-          const auto pixel = [](std::int64_t units) {
-            return units >= 0 ? units / 65536 : -((-units + 65535) / 65536);
-          };
-          ++counts[pack_pixel(pixel(p.x.value), pixel(p.y.value))];
-        }
+    for (const auto& p : photons) {
+      // Floor division: a position of -0.5 pixel lies in pixel -1.
+      const auto pixel = [](std::int64_t units) { return units >= 0 ? units / 65536 : -((-units + 65535) / 65536); };
+      ++counts[pack_pixel(pixel(p.x.value), pixel(p.y.value))];
+    }
       },
       progress);
   return counts;

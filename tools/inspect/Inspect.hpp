@@ -16,13 +16,13 @@
 
 #include "common/Counts.hpp"
 #include "common/OutputFolders.hpp"
+#include "common/Progress.hpp"
 #include "inspect/CsvExport.hpp"
 #include "inspect/Hdf5Export.hpp"
-#include "inspect/HotPixels.hpp"
 #include "inspect/HistogramPass.hpp"
+#include "inspect/HotPixels.hpp"
 #include "inspect/InspectOptions.hpp"
 #include "inspect/PngExport.hpp"
-#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 #include "inspect/Summary.hpp"
 #include "inspect/TriggerFile.hpp"
@@ -42,19 +42,17 @@ std::uint64_t write_selectedImage(const Inspect_Options& options, const RecordFi
   if (selection.uses_timeOfFlight()) clock.emplace(file);
   return write_positionImage(*options.imageFile, file, options.size_px, options.binning, &progress,
                              [&](const Record_Type& record) {
-                               return selection.accepts(record) &&
-                                      (!clock || selection.accepts_timeOfFlight(clock->get(get_recordTime(record))));
-                             });
+    return selection.accepts(record) && (!clock || selection.accepts_timeOfFlight(clock->get(get_recordTime(record))));
+  });
 }
 
 /// Makes the missing folders of every output file asked for; throws std::runtime_error naming the first output
 /// whose folder cannot be made, with the reason.
 inline void create_exportFolders(const Inspect_Options& options) {
   const std::pair<const std::optional<std::string>&, const char*> outputs[] = {
-      {options.csvFile, "CSV file"},          {options.hdf5File, "HDF5 file"},
-      {options.imageFile, "PNG file"},        {options.spectrumFile, "CSV file"},
-      {options.stackHdf5File, "HDF5 file"},   {options.stackTiffFile, "TIFF file"},
-      {options.plotFile, "PNG file"},         {options.hotPixelsFile, "mask file"}};
+      {options.csvFile, "CSV file"},      {options.hdf5File, "HDF5 file"},      {options.imageFile, "PNG file"},
+      {options.spectrumFile, "CSV file"}, {options.stackHdf5File, "HDF5 file"}, {options.stackTiffFile, "TIFF file"},
+      {options.plotFile, "PNG file"},     {options.hotPixelsFile, "mask file"}};
   for (const auto& [path, what] : outputs) {
     if (!path || *path == "-") continue;
     if (const std::error_code error = tools::create_outputFolders(*path)) {
@@ -132,7 +130,8 @@ void run_inspect(const Inspect_Options& options, const RecordFile<Record_Type>& 
 }
 
 /// Picks the reader by the file's extension and runs; the library reader's exceptions pass through.
-inline void run_inspect(const Inspect_Options& options, std::ostream& out, std::ostream& notes, tools::Progress& progress) {
+inline void run_inspect(const Inspect_Options& options, std::ostream& out, std::ostream& notes,
+                        tools::Progress& progress) {
   if (options.inputFile.ends_with(".tpx3")) {
     create_exportFolders(options);
     write_hotPixelsOutput(options, count_rawPixels(options.inputFile), out, "hits");

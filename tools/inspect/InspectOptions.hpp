@@ -30,7 +30,7 @@ struct Selection_Options {
   std::optional<std::uint64_t> photonsMin, photonsMax;
   std::optional<double> tofMin_s, tofMax_s;
   std::optional<std::array<double, 4>> region_px;  ///< x0, y0, x1, y1
-  std::string text;                               ///< the options as given, for the outputs to name them
+  std::string text;                                ///< the options as given, for the outputs to name them
 
   bool uses_eventFields() const { return psdMin_s || psdMax_s || photonsMin || photonsMax; }
 
@@ -64,7 +64,7 @@ struct Inspect_Options {
   std::optional<std::string> imageFile;
   int size_px = 256;
   double binning = 1.0;
-  bool binningGiven = false;  ///< the figure's map chooses its own cells otherwise
+  bool binningGiven = false;                ///< the figure's map chooses its own cells otherwise
   std::optional<std::string> spectrumFile;  ///< "-" for standard output
   std::optional<std::string> stackHdf5File;
   std::optional<std::string> stackTiffFile;
@@ -84,33 +84,50 @@ struct Inspect_Options {
 
 /// Values getopt_long returns for the long options without a short form.
 enum Inspect_LongOption : int {
-  spectrum = 0x100, stackHdf5, stackTiff, plot, tofBins, tofLog, tofMin, tofMax, psdMin, psdMax, photonsMin,
-  photonsMax, region, stackMemory, hotPixels, hotFactor
+  spectrum = 0x100,
+  stackHdf5,
+  stackTiff,
+  plot,
+  tofBins,
+  tofLog,
+  tofMin,
+  tofMax,
+  psdMin,
+  psdMax,
+  photonsMin,
+  photonsMax,
+  region,
+  stackMemory,
+  hotPixels,
+  hotFactor
 };
 
 inline const std::vector<option>& get_inspectLongOptions() {
-  static const std::vector<option> options = {
-      {"summary", no_argument, nullptr, 's'},       {"csv", required_argument, nullptr, 'c'},
-      {"hdf5", required_argument, nullptr, 'H'},    {"image", required_argument, nullptr, 'i'},
-      {"binning", required_argument, nullptr, 'b'}, {"size", required_argument, nullptr, 'S'},
-      {"spectrum", required_argument, nullptr, spectrum},
-      {"stack-hdf5", required_argument, nullptr, stackHdf5},
-      {"stack-tiff", required_argument, nullptr, stackTiff},
-      {"plot", required_argument, nullptr, plot},
-      {"tof-bins", required_argument, nullptr, tofBins},
-      {"tof-log", no_argument, nullptr, tofLog},
-      {"tof-min", required_argument, nullptr, tofMin},
-      {"tof-max", required_argument, nullptr, tofMax},
-      {"psd-min", required_argument, nullptr, psdMin},
-      {"psd-max", required_argument, nullptr, psdMax},
-      {"photons-min", required_argument, nullptr, photonsMin},
-      {"photons-max", required_argument, nullptr, photonsMax},
-      {"region", required_argument, nullptr, region},
-      {"stack-memory", required_argument, nullptr, stackMemory},
-      {"hot-pixels", required_argument, nullptr, hotPixels},
-      {"hot-factor", required_argument, nullptr, hotFactor},
-      {"help", no_argument, nullptr, 'h'},          tools::versionLongOption,
-      {nullptr, 0, nullptr, 0}};
+  static const std::vector<option> options = {{"summary", no_argument, nullptr, 's'},
+                                              {"csv", required_argument, nullptr, 'c'},
+                                              {"hdf5", required_argument, nullptr, 'H'},
+                                              {"image", required_argument, nullptr, 'i'},
+                                              {"binning", required_argument, nullptr, 'b'},
+                                              {"size", required_argument, nullptr, 'S'},
+                                              {"spectrum", required_argument, nullptr, spectrum},
+                                              {"stack-hdf5", required_argument, nullptr, stackHdf5},
+                                              {"stack-tiff", required_argument, nullptr, stackTiff},
+                                              {"plot", required_argument, nullptr, plot},
+                                              {"tof-bins", required_argument, nullptr, tofBins},
+                                              {"tof-log", no_argument, nullptr, tofLog},
+                                              {"tof-min", required_argument, nullptr, tofMin},
+                                              {"tof-max", required_argument, nullptr, tofMax},
+                                              {"psd-min", required_argument, nullptr, psdMin},
+                                              {"psd-max", required_argument, nullptr, psdMax},
+                                              {"photons-min", required_argument, nullptr, photonsMin},
+                                              {"photons-max", required_argument, nullptr, photonsMax},
+                                              {"region", required_argument, nullptr, region},
+                                              {"stack-memory", required_argument, nullptr, stackMemory},
+                                              {"hot-pixels", required_argument, nullptr, hotPixels},
+                                              {"hot-factor", required_argument, nullptr, hotFactor},
+                                              {"help", no_argument, nullptr, 'h'},
+                                              tools::versionLongOption,
+                                              {nullptr, 0, nullptr, 0}};
   return options;
 }
 
@@ -195,30 +212,56 @@ inline bool parse_timeOfFlightOption(int c, const std::string& value, Inspect_Op
   const tools::Number_Range wholeCount{"a whole number", 0, INFINITY, false, true};
   Selection_Options& s = options.selection;
   switch (c) {
-    case spectrum: options.spectrumFile = value; return true;
-    case stackHdf5: options.stackHdf5File = value; return true;
-    case stackTiff: options.stackTiffFile = value; return true;
-    case plot: options.plotFile = take_pngName("plot", value); return true;
+    case spectrum:
+      options.spectrumFile = value;
+      return true;
+    case stackHdf5:
+      options.stackHdf5File = value;
+      return true;
+    case stackTiff:
+      options.stackTiffFile = value;
+      return true;
+    case plot:
+      options.plotFile = take_pngName("plot", value);
+      return true;
     case tofBins:
       options.tofBins = tools::parse_number<std::size_t>("tof-bins", value, {"a whole number", 1, 1e6, false, true});
       return true;
-    case tofLog: options.tofSpacing = kovra::TimeOfFlight_Bins::Spacing::logarithmic; return true;
+    case tofLog:
+      options.tofSpacing = kovra::TimeOfFlight_Bins::Spacing::logarithmic;
+      return true;
     case stackMemory:
       options.stackMemory_MiB =
           tools::parse_number<std::uint64_t>("stack-memory", value, {"a whole number of MiB", 1, 0x1p30, false, true});
       return true;
-    default: break;
+    default:
+      break;
   }
   // The selection: its text is kept as given, for the outputs to say what they hold.
   switch (c) {
-    case tofMin: s.tofMin_s = tools::parse_number("tof-min", value, {"a number of seconds", 0, Time::max_seconds}); break;
-    case tofMax: s.tofMax_s = tools::parse_number("tof-max", value, {"a number of seconds", 0, Time::max_seconds}); break;
-    case psdMin: s.psdMin_s = tools::parse_number("psd-min", value, {"a number of seconds", 0, 1e6}); break;
-    case psdMax: s.psdMax_s = tools::parse_number("psd-max", value, {"a number of seconds", 0, 1e6}); break;
-    case photonsMin: s.photonsMin = tools::parse_number<std::uint64_t>("photons-min", value, wholeCount); break;
-    case photonsMax: s.photonsMax = tools::parse_number<std::uint64_t>("photons-max", value, wholeCount); break;
-    case region: s.region_px = parse_region(value); break;
-    default: return false;
+    case tofMin:
+      s.tofMin_s = tools::parse_number("tof-min", value, {"a number of seconds", 0, Time::max_seconds});
+      break;
+    case tofMax:
+      s.tofMax_s = tools::parse_number("tof-max", value, {"a number of seconds", 0, Time::max_seconds});
+      break;
+    case psdMin:
+      s.psdMin_s = tools::parse_number("psd-min", value, {"a number of seconds", 0, 1e6});
+      break;
+    case psdMax:
+      s.psdMax_s = tools::parse_number("psd-max", value, {"a number of seconds", 0, 1e6});
+      break;
+    case photonsMin:
+      s.photonsMin = tools::parse_number<std::uint64_t>("photons-min", value, wholeCount);
+      break;
+    case photonsMax:
+      s.photonsMax = tools::parse_number<std::uint64_t>("photons-max", value, wholeCount);
+      break;
+    case region:
+      s.region_px = parse_region(value);
+      break;
+    default:
+      return false;
   }
   const option& named = *std::find_if(get_inspectLongOptions().begin(), get_inspectLongOptions().end(),
                                       [c](const option& o) { return o.val == c; });
@@ -243,9 +286,8 @@ inline void check_inspectOptions(const Inspect_Options& options) {
   }
   const bool events = options.inputFile.ends_with(".kovraevent");
   const bool raw = options.inputFile.ends_with(".tpx3");
-  if (raw && (!options.hotPixelsFile || options.summary || options.csvFile || options.hdf5File ||
-              options.imageFile || options.wants_histogramPass() || options.wants_timeOfFlight() ||
-              !s.text.empty())) {
+  if (raw && (!options.hotPixelsFile || options.summary || options.csvFile || options.hdf5File || options.imageFile ||
+              options.wants_histogramPass() || options.wants_timeOfFlight() || !s.text.empty())) {
     throw std::invalid_argument("a raw file (.tpx3) takes only --hot-pixels and --hot-factor");
   }
   if (events && options.hotPixelsFile) {

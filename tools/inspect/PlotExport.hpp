@@ -91,9 +91,9 @@ class Plot_Data {
       std::vector<double> tofEdges;
       for (const TimeOfFlight_Ticks edge : spectrum->get_bins().get_edges()) tofEdges.push_back(get_edgeSeconds(edge));
       const H5_Handle edges = write_array(writer, file.get(), "tof_edges_s", tofEdges);
-      writer.write_stringAttribute(edges.get(), "spacing",
-                                   spectrum->get_bins().get_spacing() == TimeOfFlight_Bins::Spacing::linear ? "linear"
-                                                                                                            : "log");
+      writer.write_stringAttribute(
+          edges.get(), "spacing",
+          spectrum->get_bins().get_spacing() == TimeOfFlight_Bins::Spacing::linear ? "linear" : "log");
       write_array(writer, file.get(), "tof_counts", spectrum->get_spectrum());
     }
     writer.write_stringAttribute(file.get(), "title", title);

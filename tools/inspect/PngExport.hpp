@@ -158,15 +158,15 @@ inline void write_png(const std::string& fileName, const Position_Histogram2D& h
 /// Bins the positions of every record of the file that `accepts` (by default all) and writes the image; returns
 /// the number of those that fell outside it.
 template <typename Record_Type, typename Accept_Type = bool (*)(const Record_Type&)>
-std::uint64_t write_positionImage(const std::string& fileName, const RecordFile<Record_Type>& file, int size_px,
-                                  double binning, tools::Progress* progress = nullptr,
-                                  Accept_Type&& accepts = [](const Record_Type&) { return true; }) {
+std::uint64_t write_positionImage(
+    const std::string& fileName, const RecordFile<Record_Type>& file, int size_px, double binning,
+    tools::Progress* progress = nullptr, Accept_Type&& accepts = [](const Record_Type&) { return true; }) {
   Position_Histogram2D histogram(size_px, binning);
   file.for_each_chunk(
       [&](std::span<const Record_Type> chunk) {
-        for (const Record_Type& record : chunk) {
-          if (accepts(record)) histogram.add(record.x, record.y);
-        }
+    for (const Record_Type& record : chunk) {
+      if (accepts(record)) histogram.add(record.x, record.y);
+    }
       },
       progress);
   write_png(fileName, histogram);

@@ -90,13 +90,12 @@ inline void write_stackHdf5(const std::string& fileName, const Histogram_Tof& hi
                                  static_cast<double>(grid.binUnits) / static_cast<double>(Length::units_per_pixel));
     writer.write_stringAttribute(stack.get(), "selection", selectionText);
     const TimeOfFlight_Tally& tally = histogram.get_tally();
-    const std::pair<const char*, std::uint64_t> counts[] = {
-        {"seen", tally.seen},
-        {"counted", tally.counted},
-        {"deselected", tally.deselected},
-        {"before_first_trigger", tally.beforeFirstTrigger},
-        {"outside_tof_range", tally.outsideRange},
-        {"outside_stack", tally.outsideStack}};
+    const std::pair<const char*, std::uint64_t> counts[] = {{"seen", tally.seen},
+                                                            {"counted", tally.counted},
+                                                            {"deselected", tally.deselected},
+                                                            {"before_first_trigger", tally.beforeFirstTrigger},
+                                                            {"outside_tof_range", tally.outsideRange},
+                                                            {"outside_stack", tally.outsideStack}};
     for (const auto& [name, count] : counts) {
       writer.write_countAttribute(stack.get(), std::string("records_") + name, count);
     }

@@ -14,9 +14,9 @@
 #include <utility>
 
 #include "common/Counts.hpp"
+#include "common/Progress.hpp"
 #include "inspect/Format.hpp"
 #include "inspect/Histogram.hpp"
-#include "common/Progress.hpp"
 #include "inspect/RecordFile.hpp"
 
 namespace kovra::inspect {
@@ -98,26 +98,26 @@ File_Summary summarize_file(const RecordFile<Record_Type>& file, tools::Progress
   std::optional<Time> previous;
   file.for_each_chunk(
       [&](std::span<const Record_Type> chunk) {
-        for (const Record_Type& record : chunk) {
-          const Time t = Traits::get_time(record);
-          if (previous && t.value < previous->value && summary.stepsBack++ == 0) summary.firstStepBack = index;
-          previous = t;
-          ++index;
-          summary.time.add(t);
-          summary.x.add(record.x);
-          summary.y.add(record.y);
-          if constexpr (std::is_same_v<Record_Type, Event>) {
-            events.nPhotons.add(record.nPhotons);
-            if (record.nPhotons == 1) ++events.onePhoton;
-            if (record.nPhotons > 1) {
-              if (std::isfinite(record.psd)) {
-                psdRange.add(record.psd);
-              } else {
-                ++events.psdNonFinite;
-              }
-            }
+    for (const Record_Type& record : chunk) {
+      const Time t = Traits::get_time(record);
+      if (previous && t.value < previous->value && summary.stepsBack++ == 0) summary.firstStepBack = index;
+      previous = t;
+      ++index;
+      summary.time.add(t);
+      summary.x.add(record.x);
+      summary.y.add(record.y);
+      if constexpr (std::is_same_v<Record_Type, Event>) {
+        events.nPhotons.add(record.nPhotons);
+        if (record.nPhotons == 1) ++events.onePhoton;
+        if (record.nPhotons > 1) {
+          if (std::isfinite(record.psd)) {
+            psdRange.add(record.psd);
+          } else {
+            ++events.psdNonFinite;
           }
         }
+      }
+    }
       },
       progress);
 
@@ -126,9 +126,9 @@ File_Summary summarize_file(const RecordFile<Record_Type>& file, tools::Progress
       events.psd.emplace(*psdRange.min, *psdRange.max, psd_bins);
       file.for_each_chunk(
           [&](std::span<const Event> chunk) {
-            for (const Event& event : chunk) {
-              if (event.nPhotons > 1 && std::isfinite(event.psd)) events.psd->add(event.psd);
-            }
+        for (const Event& event : chunk) {
+          if (event.nPhotons > 1 && std::isfinite(event.psd)) events.psd->add(event.psd);
+        }
           },
           progress);
     }
@@ -160,8 +160,7 @@ inline void print_summary(std::ostream& out, const File_Summary& s) {
         out << "non-decreasing\n";
       } else {
         out << tools::format_count(s.stepsBack, "record") << " earlier than the one before, the first is record "
-            << s.firstStepBack
-            << " (kovra_brantel takes its slower step-by-step path)\n";
+            << s.firstStepBack << " (kovra_brantel takes its slower step-by-step path)\n";
       }
     }
   }

@@ -28,8 +28,7 @@ class TriggerFile_Clock {
  public:
   static constexpr std::uint64_t default_chunkTriggers = 4096;
 
-  explicit TriggerFile_Clock(const RecordFile<Record_Type>& file_,
-                             std::uint64_t chunkTriggers_ = default_chunkTriggers)
+  explicit TriggerFile_Clock(const RecordFile<Record_Type>& file_, std::uint64_t chunkTriggers_ = default_chunkTriggers)
       : file(file_), chunkTriggers(std::max<std::uint64_t>(1, chunkTriggers_)) {
     if (!file.has_extTriggers() || file.get_extTriggerCount() == 0) {
       throw std::invalid_argument(std::string("no time of flight: the file's trigger list is ") +

@@ -8,16 +8,15 @@
 #include <stdexcept>
 
 #include "common/CommandLine.hpp"
+#include "common/Progress.hpp"
 #include "inspect/Inspect.hpp"
 #include "inspect/InspectOptions.hpp"
-#include "common/Progress.hpp"
 
 namespace {
 
 using namespace kovra::inspect;
 
 int run(const Inspect_Options& options) {
-
   kovra::tools::Progress progress(isatty(STDERR_FILENO) ? &std::cerr : nullptr);
   try {
     run_inspect(options, std::cout, std::cerr, progress);

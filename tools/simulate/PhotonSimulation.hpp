@@ -58,7 +58,7 @@ struct Simulation_Settings {
   std::vector<Particle_Class> classes = {{"gamma", 0.7, 0.10}, {"neutron", 0.3, 0.35}};
   double flashesFrom_s = 0.0;  ///< no flash before this time: a dark start, the beam switched on later
   double darkRate_Hz = 1.0e3;
-  int hotPixels = 0;            ///< pixels firing on their own, each at hotPixelRate_Hz
+  int hotPixels = 0;  ///< pixels firing on their own, each at hotPixelRate_Hz
   double hotPixelRate_Hz = 0.0;
   Trigger_Mode triggerMode = Trigger_Mode::absent;
   double triggerFrequency_Hz = 0.0;
@@ -369,8 +369,8 @@ Simulation_Result simulate_photonEvents_withFlashes(const Simulation_Settings& s
   static_cast<Simulation_Counts&>(result) = simulate_photonSlices(
       settings, std::forward<OnEvent_Type>(onEvent),
       [&](std::span<const PhotonEvent> photons, std::span<const std::int64_t> flashes) {
-        output.insert(output.end(), photons.begin(), photons.end());
-        if constexpr (keepFlashes) onPhotonFlashes(flashes);
+    output.insert(output.end(), photons.begin(), photons.end());
+    if constexpr (keepFlashes) onPhotonFlashes(flashes);
       },
       sliceTicks);
   Trigger_Times triggers(settings);

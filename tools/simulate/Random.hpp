@@ -56,7 +56,7 @@ class Random_Generator {
       const auto iz = static_cast<std::size_t>((bits >> 32) & 127);
       const double x = hz * z.w[iz];
       if (std::abs(static_cast<std::int64_t>(hz)) < z.k[iz]) return x;  // inside the layer's rectangle: most draws
-      if (iz == 0) {  // the tail beyond r
+      if (iz == 0) {                                                    // the tail beyond r
         double tx = 0.0;
         double ty = 0.0;
         do {
@@ -91,7 +91,7 @@ class Random_Generator {
   /// The layers of the normal ziggurat for 32-bit signed draws: k, the draw below which a value is accepted at
   /// once; w, the scale from draw to value; f, the density at the layer's edge.
   struct Ziggurat {
-    static constexpr double r = 3.442619855899;     // edge of the base layer
+    static constexpr double r = 3.442619855899;       // edge of the base layer
     static constexpr double v = 9.91256303526217e-3;  // area of each layer
     std::int64_t k[128];
     double w[128];

@@ -138,7 +138,7 @@ class Raw_Writer {
     const long end = begin + slice;
     for (; hasTrigger && trigger.value < end; pull_trigger(), ++nTriggers) {
       const std::uint64_t word = kovra::tpx3spidr::raw::make_tdcPacket(0xF, static_cast<unsigned>(nTriggers % 4096),
-                                                               static_cast<std::uint64_t>(trigger.value));
+                                                                       static_cast<std::uint64_t>(trigger.value));
       for (auto& packets : chips) packets.push_back({word, {}, false});
     }
     bool any = begin == 0;
@@ -163,7 +163,8 @@ class Raw_Writer {
       do {
         payload.clear();
         payload.push_back(std::uint64_t{0x50} << 56 | chip);  // the readout's own record
-        if (done == 0) payload.push_back(kovra::tpx3spidr::raw::make_heartbeatPacket(static_cast<std::uint64_t>(begin)));
+        if (done == 0)
+          payload.push_back(kovra::tpx3spidr::raw::make_heartbeatPacket(static_cast<std::uint64_t>(begin)));
         for (; done < packets.size() && payload.size() < chunkPackets; ++done) {
           payload.push_back(packets[done].word);
           if (packets[done].isHit) onHit(packets[done].hit);
@@ -203,13 +204,13 @@ void write_raw(const kovra::tpx3spidr::Data_PhotonEvents& data, int width, int h
   Raw_Writer<OnHit_Type&> writer(
       width, height, seed,
       [out](const std::uint64_t* words, std::size_t n) {
-        if (std::fwrite(words, 8, n, out) != n) throw std::invalid_argument("cannot write the raw file");
+    if (std::fwrite(words, 8, n, out) != n) throw std::invalid_argument("cannot write the raw file");
       },
       [&](kovra::tpx3spidr::Time& t) {
-        if (!data.extTriggers || nextTrigger == data.extTriggers->size()) return false;
-        t = (*data.extTriggers)[nextTrigger++];
-        return true;
-      },
+    if (!data.extTriggers || nextTrigger == data.extTriggers->size()) return false;
+    t = (*data.extTriggers)[nextTrigger++];
+    return true;
+  },
       onHit);
   for (const auto& p : data.photonEvents) writer.add_photon(p);
   writer.finish();

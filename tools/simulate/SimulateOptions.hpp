@@ -5,8 +5,8 @@
 #include <getopt.h>
 
 #include <charconv>
-#include <cstdint>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -108,8 +108,10 @@ inline const std::vector<Number_Option>& get_numberOptions() {
 /// --class NAME:WEIGHT:SLOW.
 inline Particle_Class parse_class(const std::string& text) {
   const auto bad = [&] {
-    return tools::bad_value("class", "NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a weight greater than 0 "
-                                     "and a slow fraction from 0 to 1", text);
+    return tools::bad_value("class",
+                            "NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a weight greater than 0 "
+                            "and a slow fraction from 0 to 1",
+                            text);
   };
   const auto colon1 = text.find(':');
   const auto colon2 = colon1 == std::string::npos ? colon1 : text.find(':', colon1 + 1);
@@ -134,8 +136,10 @@ inline void parse_hotPixels(const std::string& text, Simulation_Settings& s) {
     s.hotPixels = tools::parse_number<int>("hot-pixels", text.substr(0, colon), {"", 0, 1e6, false, true});
     s.hotPixelRate_Hz = tools::parse_number("hot-pixels", text.substr(colon + 1), {"", 0, INFINITY, true});
   } catch (const std::invalid_argument&) {
-    throw tools::bad_value("hot-pixels", "N:RATE with a whole number of pixels from 0 to 1000000 and a rate in hertz "
-                                         "greater than 0", text);
+    throw tools::bad_value("hot-pixels",
+                           "N:RATE with a whole number of pixels from 0 to 1000000 and a rate in hertz "
+                           "greater than 0",
+                           text);
   }
 }
 
@@ -170,8 +174,8 @@ inline void take_simulateOption(int c, const std::string& value, Simulate_Option
       break;
     case width:
     case height:
-      (c == width ? s.width_px : s.height_px) =
-          tools::parse_number<int>(c == width ? "width" : "height", value, {"a whole number of pixels", 1, 32767, false, true});
+      (c == width ? s.width_px : s.height_px) = tools::parse_number<int>(
+          c == width ? "width" : "height", value, {"a whole number of pixels", 1, 32767, false, true});
       break;
     case snap:
       s.snapToPixels = true;
@@ -189,7 +193,8 @@ inline void take_simulateOption(int c, const std::string& value, Simulate_Option
       break;
     case seed: {
       const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), s.seed);
-      if (value.empty() || value[0] == '-' || value[0] == '+' || error != std::errc() || end != value.data() + value.size()) {
+      if (value.empty() || value[0] == '-' || value[0] == '+' || error != std::errc() ||
+          end != value.data() + value.size()) {
         throw tools::bad_value("seed", "a whole number from 0 to 18446744073709551615", value);
       }
       break;
@@ -230,18 +235,27 @@ inline void check_simulateOptions(const Simulate_Options& options) {
 /// Reads the command line; throws std::invalid_argument with one line saying what is wrong with it.
 inline Simulate_Options parse_simulateOptions(int argc, char* const argv[]) {
   using namespace options_detail;
-  static const option longOptions[] = {
-      {"output", required_argument, nullptr, 'o'},        {"duration", required_argument, nullptr, 'd'},
-      {"event-rate", required_argument, nullptr, 'r'},    {"photons", required_argument, nullptr, 'n'},
-      {"sigma", required_argument, nullptr, sigma},       {"width", required_argument, nullptr, width},
-      {"height", required_argument, nullptr, height},     {"snap", no_argument, nullptr, snap},
-      {"tau-fast", required_argument, nullptr, tauFast},  {"tau-slow", required_argument, nullptr, tauSlow},
-      {"class", required_argument, nullptr, particleClass}, {"dark-rate", required_argument, nullptr, darkRate},
-      {"triggers", required_argument, nullptr, triggers}, {"seed", required_argument, nullptr, seed},
-      {"truth", no_argument, nullptr, truth},             {"help", no_argument, nullptr, 'h'},
-      {"raw", required_argument, nullptr, raw},           {"hot-pixels", required_argument, nullptr, hotPixels},
-      {"flashes-from", required_argument, nullptr, flashesFrom},
-      tools::versionLongOption,                           {nullptr, 0, nullptr, 0}};
+  static const option longOptions[] = {{"output", required_argument, nullptr, 'o'},
+                                       {"duration", required_argument, nullptr, 'd'},
+                                       {"event-rate", required_argument, nullptr, 'r'},
+                                       {"photons", required_argument, nullptr, 'n'},
+                                       {"sigma", required_argument, nullptr, sigma},
+                                       {"width", required_argument, nullptr, width},
+                                       {"height", required_argument, nullptr, height},
+                                       {"snap", no_argument, nullptr, snap},
+                                       {"tau-fast", required_argument, nullptr, tauFast},
+                                       {"tau-slow", required_argument, nullptr, tauSlow},
+                                       {"class", required_argument, nullptr, particleClass},
+                                       {"dark-rate", required_argument, nullptr, darkRate},
+                                       {"triggers", required_argument, nullptr, triggers},
+                                       {"seed", required_argument, nullptr, seed},
+                                       {"truth", no_argument, nullptr, truth},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"raw", required_argument, nullptr, raw},
+                                       {"hot-pixels", required_argument, nullptr, hotPixels},
+                                       {"flashes-from", required_argument, nullptr, flashesFrom},
+                                       tools::versionLongOption,
+                                       {nullptr, 0, nullptr, 0}};
   Simulate_Options options;
   bool classesGiven = false;
   const auto take = [&](int c, const std::string& value) { take_simulateOption(c, value, options, classesGiven); };

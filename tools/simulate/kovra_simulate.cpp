@@ -6,13 +6,13 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <string>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "common/CommandLine.hpp"
-#include "common/HitPhotons.hpp"
 #include "common/Counts.hpp"
+#include "common/HitPhotons.hpp"
 #include "common/OutputFolders.hpp"
 #include "common/PhotonFlashes.hpp"
 #include "kovra/ContainerFile_Writer.hpp"
@@ -174,7 +174,7 @@ class Simulation_Outputs {
     raw.emplace(
         options.settings.width_px, options.settings.height_px, options.settings.seed,
         [this](const std::uint64_t* words, std::size_t n) {
-          rawFile->stream().write(reinterpret_cast<const char*>(words), static_cast<std::streamsize>(8 * n));
+      rawFile->stream().write(reinterpret_cast<const char*>(words), static_cast<std::streamsize>(8 * n));
         },
         [triggers = Trigger_Times(options.settings)](Time& t) mutable { return triggers.next(t); },
         Hit_Tally{&nHits, &hitPhotons});
@@ -216,7 +216,7 @@ void write_simulation(const Simulate_Options& options) {
   const Simulation_Counts counts = simulate_photonSlices(
       options.settings, [&](const True_Event& e) { outputs.add_flash(e); },
       [&](std::span<const Simulation_Outputs::PhotonEvent> photons, std::span<const std::int64_t> flashOf) {
-        outputs.add_photons(photons, flashOf);
+    outputs.add_photons(photons, flashOf);
       });
   outputs.end_photons();
   outputs.write_triggers();

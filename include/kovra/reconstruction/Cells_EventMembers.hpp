@@ -258,14 +258,14 @@ class Cells_EventMembers {
   bool useCells;
   std::vector<Slot> heads;
   std::vector<Member> members;
-  Box low{0, 0};   // the least coordinates of all members
-  Box high{0, 0};  // the largest
-  Box nearLow{0, 0};   // the box widened by |dSpace| (see widen_box)
+  Box low{0, 0};      // the least coordinates of all members
+  Box high{0, 0};     // the largest
+  Box nearLow{0, 0};  // the box widened by |dSpace| (see widen_box)
   Box nearHigh{0, 0};
   std::uint64_t dropped = 0;      // members before this one are no longer in `members`
   std::uint64_t firstRecent = 0;  // the first member not earlier than the latest lo
-  std::uint32_t event = 0;  // the current event's number; slots of no event hold 0
-  bool indexed = false;     // the current event's members are filed in the cells
+  std::uint32_t event = 0;        // the current event's number; slots of no event hold 0
+  bool indexed = false;           // the current event's members are filed in the cells
 };
 
 }  // namespace kovra::detail

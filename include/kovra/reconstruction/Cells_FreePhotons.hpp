@@ -102,8 +102,8 @@ class Range_FreePhotons {
 
   bool is_listed() const { return listed; }
 
-  /// Starts over as an empty range at `index`, keeping counts or also lists: for a pass that takes up the counts (again) at
-  /// a seed, after running without them.
+  /// Starts over as an empty range at `index`, keeping counts or also lists: for a pass that takes up the counts
+  /// (again) at a seed, after running without them.
   void restart_at(std::size_t index, Kept_ByCell kept) {
     cells.clear();
     listed = kept == Kept_ByCell::lists;
@@ -157,7 +157,8 @@ class Range_FreePhotons {
     cells.for_slots_near(x, y, [&](std::size_t slot) {
       if (cells.count_at(slot) == 0) return;
       const auto& list = lists[slot];
-      for (auto k = std::lower_bound(list.indices.begin() + static_cast<std::ptrdiff_t>(list.head), list.indices.end(), from);
+      for (auto k = std::lower_bound(list.indices.begin() + static_cast<std::ptrdiff_t>(list.head), list.indices.end(),
+                                     from);
            k != list.indices.end() && *k < best; ++k) {
         const auto& p = window[*k];
         if (p.toa > limit) break;  // and so are the photons listed after it
@@ -177,7 +178,10 @@ class Range_FreePhotons {
     std::size_t hi = std::min(end, from + span);
     while (lo < hi) {
       const std::size_t mid = lo + (hi - lo) / 2;
-      if (window[mid].toa <= limit) lo = mid + 1; else hi = mid;
+      if (window[mid].toa <= limit)
+        lo = mid + 1;
+      else
+        hi = mid;
     }
     return lo;
   }

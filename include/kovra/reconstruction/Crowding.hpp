@@ -30,7 +30,9 @@ template <typename Window_Type, typename Time_Type>
 class Crowding_Judge {
  public:
   Crowding_Judge(Window_Type& window_, Time_Type span_)
-      : window(window_), span(span_), stride(std::clamp<std::size_t>(window_.get_capacity() / 4, 16, crowding_stride)) {}
+      : window(window_),
+        span(span_),
+        stride(std::clamp<std::size_t>(window_.get_capacity() / 4, 16, crowding_stride)) {}
 
   /// Whether a new judgement is made at seed i (the first at the first seed asked about, then every stride): the
   /// caller then looks at at_least() again. The window may read further photons, so the caller must hold no

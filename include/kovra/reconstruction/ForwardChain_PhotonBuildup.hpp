@@ -47,12 +47,13 @@ void run_forwardChain_photonBuildup(const Settings_Type& settings, PhotonSource<
     std::size_t lastPhoton;
   };
 
-  detail::run_pass<std::uint64_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
+  detail::run_pass<std::uint64_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform,
+                                  [&]<bool ordered>(auto& window) {
     std::deque<Open_Chain> chains;  // the chains not yet written, oldest first
     std::uint64_t firstKept = 0;    // number of the oldest chain kept
     std::size_t stop = 0;           // the latest photon more than dTime before the current one, once there is one
     bool haveStop = false;
-    std::size_t next = 0;           // the first photon not known to be that far back
+    std::size_t next = 0;  // the first photon not known to be that far back
 
     const auto write_complete = [&](bool all) {
       while (!chains.empty() && (all || (haveStop && chains.front().lastPhoton <= stop))) {

@@ -138,8 +138,16 @@ struct NoBranchChain_Rule {
                                              Resume_Marks marks) const {
     const auto& seed = window[start.seed];
     const Time_Type limit = limit_of(seed.toa, dTime, start.tEnd);
-    return {PhotonEventChain_Type(seed), start.seed, seed.x,         seed.y, seed.toa, dTime, limit,
-            start.tEnd,                  start.eventIndex, marks};
+    return {PhotonEventChain_Type(seed),
+            start.seed,
+            seed.x,
+            seed.y,
+            seed.toa,
+            dTime,
+            limit,
+            start.tEnd,
+            start.eventIndex,
+            marks};
   }
 
   /// The resume mark of photon `from`, the chain's last one while it looked up to `to` (see grow()).
@@ -220,10 +228,12 @@ struct NoBranchChain_Rule {
   /// would stop at (Range_FreePhotons::first_free_near), or none, where the walk would reach the limit with no
   /// photon joined. The resume marks are those of the walk.
   template <typename PhotonEventChain_Type, typename Window_Type, typename Range_Type, typename Listeners_Type>
-  [[gnu::noinline]] void grow_listed(Growing<PhotonEventChain_Type>& g, Window_Type& window,
-                                     std::size_t firstCandidate, Range_Type& range, Listeners_Type told) const {
+  [[gnu::noinline]] void grow_listed(Growing<PhotonEventChain_Type>& g, Window_Type& window, std::size_t firstCandidate,
+                                     Range_Type& range, Listeners_Type told) const {
     const auto near = near_test();
-    const auto nearLast = [&](const auto& candidate) { return near(g.lastX, candidate.x) & near(g.lastY, candidate.y); };
+    const auto nearLast = [&](const auto& candidate) {
+      return near(g.lastX, candidate.x) & near(g.lastY, candidate.y);
+    };
 
     for (std::size_t j = firstCandidate;; ++j) {
       bool found = false;
@@ -255,7 +265,7 @@ auto make_noBranchChain_rule(const Settings_Type& settings) {
   using Length_Type = decltype(settings.dSpace);
   using Time_Type = decltype(settings.dTime);
   return NoBranchChain_Rule<Length_Type, Time_Type>{settings.dSpace, settings.dTime, settings.dTime_ext.value_or(0.0),
-                                                     settings.durationMax};
+                                                    settings.durationMax};
 }
 
 /// In time order, chains of this algorithm ask the cell counts only where windows of dTime hold on average at
@@ -279,7 +289,8 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
   const auto rule = detail::make_noBranchChain_rule(settings);
   using Listeners = typename decltype(rule)::template Listeners<Membership_Type, Out_Type>;
 
-  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
+  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform,
+                                 [&]<bool ordered>(auto& window) {
     using Window_Type = std::remove_reference_t<decltype(window)>;
     // In crowded stretches of ordered input the free photons from i + 1 on are counted by cell (taken up at a
     // seed as an empty range at i + 1). Chains of this algorithm do not look into listed cells
@@ -288,7 +299,7 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
     detail::Crowding_Judge judge(window, settings.dTime);
     Free_Photons freeFound = Free_Photons::walked;
     detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace,
-                                                                                   detail::Kept_ByCell::counts);
+                                                                               detail::Kept_ByCell::counts);
     for (std::size_t i = 0; window.fetch(i); ++i) {
       window.release_before(i);
       if (ordered && judge.due(i)) {
@@ -307,9 +318,9 @@ void run_noBranchChain_direct(const Settings_Type& settings, PhotonSource<Photon
       const Time_Type tEnd = seed.toa + settings.durationMax;
       const std::size_t first = ordered ? window.find_free(i + 1) : i + 1;
       if (window.fetch(first) && window[first].toa <= rule.limit_of(seed.toa, settings.dTime, tEnd)) {
-        const auto grown = rule.template grow<PhotonEventChain_Type>(freeFound, window, {i, first, tEnd, out.size()},
-                                                                     freePhotons, Listeners{membership, out},
-                                                                     detail::Resume_Marks::skipped);
+        const auto grown =
+            rule.template grow<PhotonEventChain_Type>(freeFound, window, {i, first, tEnd, out.size()}, freePhotons,
+                                                      Listeners{membership, out}, detail::Resume_Marks::skipped);
         out.append(grown.chain.to_event());
         detail::note_chainEnd<Time_Type>(out, grown.last);
       } else {

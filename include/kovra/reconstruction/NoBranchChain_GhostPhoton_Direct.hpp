@@ -43,7 +43,8 @@ inline constexpr std::size_t ghostPhoton_listedFrom = 48;
 /// stretch of seeds, and kept out of line: inlined, it cost the seed loop about 1 % more instructions (callgrind,
 /// nominal golden file).
 template <typename Judge_Type, typename Range_Type>
-[[gnu::noinline]] Free_Photons rejudge_freePhotons(const Judge_Type& judge, Free_Photons was, Range_Type& freePhotons, std::size_t i) {
+[[gnu::noinline]] Free_Photons rejudge_freePhotons(const Judge_Type& judge, Free_Photons was, Range_Type& freePhotons,
+                                                   std::size_t i) {
   const Free_Photons judged = !judge.at_least(ghostPhoton_crowdedFrom)  ? Free_Photons::walked
                               : !judge.at_least(ghostPhoton_listedFrom) ? Free_Photons::counted
                                                                         : Free_Photons::listed;
@@ -85,7 +86,8 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
   // The window mark of a photon: how far past it its own chain looked while the photon was its last one; see
   // grow(). Every taken photon was its chain's last one for a while, so its mark is written before it is read
   // as a seed.
-  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform, [&]<bool ordered>(auto& window) {
+  detail::run_pass<std::uint8_t>(source, out, detail::wants_membership<Membership_Type>, settings.inform,
+                                 [&]<bool ordered>(auto& window) {
     using Window_Type = std::remove_reference_t<decltype(window)>;
     // In time order and crowded stretches, the free photons from i + 1 on are counted by cell: a taken seed
     // with no free photon near it in its window has no partner and gives no event, without a look at its
@@ -95,7 +97,7 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
     detail::Crowding_Judge judge(window, settings.dTime);
     Free_Photons freeFound = Free_Photons::walked;
     detail::Range_FreePhotons<Window_Type, Length_Type, Time_Type> freePhotons(window, settings.dSpace,
-                                                                                   detail::Kept_ByCell::counts);
+                                                                               detail::Kept_ByCell::counts);
     const auto marks = ordered ? detail::Resume_Marks::noted : detail::Resume_Marks::skipped;
 
     for (std::size_t i = 0; window.fetch(i); ++i) {

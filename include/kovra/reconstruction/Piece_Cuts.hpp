@@ -48,13 +48,15 @@ std::optional<std::int64_t> find_staticCutBound(const Settings_Type& settings, A
   const std::int64_t dTime = settings.dTime.value;
   const std::int64_t durationMax = settings.durationMax.value;
   const std::int64_t plain = std::min(dTime, durationMax);
-  if (algorithm == Algorithm::fullChain || algorithm == Algorithm::forwardChain) return std::max<std::int64_t>(plain, 0);
+  if (algorithm == Algorithm::fullChain || algorithm == Algorithm::forwardChain)
+    return std::max<std::int64_t>(plain, 0);
   const double factor = settings.dTime_ext.value_or(0.0);
   if (std::isnan(factor)) return std::nullopt;
   const bool widens = factor > 0 && dTime > 0 && static_cast<double>(dTime) * factor >= 1;
   if (!widens) return std::max<std::int64_t>(plain, 0);
-  const double bound = std::min(static_cast<double>(durationMax),
-                                (static_cast<double>(dTime) + factor * static_cast<double>(durationMax)) / (1 + factor));
+  const double bound =
+      std::min(static_cast<double>(durationMax),
+               (static_cast<double>(dTime) + factor * static_cast<double>(durationMax)) / (1 + factor));
   if (!(bound <= staticCut_largestBound)) return std::nullopt;
   return std::max<std::int64_t>(static_cast<std::int64_t>(std::ceil(bound)), 0);
 }

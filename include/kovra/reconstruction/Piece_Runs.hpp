@@ -77,7 +77,9 @@ class Own_Cut_List {
   }
 
   std::uint64_t get_published() const { return count.load(std::memory_order_acquire); }
-  const Own_Cut& operator[](std::uint64_t k) const { return chunks[static_cast<std::size_t>(k / chunkSize)][k % chunkSize]; }
+  const Own_Cut& operator[](std::uint64_t k) const {
+    return chunks[static_cast<std::size_t>(k / chunkSize)][k % chunkSize];
+  }
 
  private:
   static constexpr std::uint64_t chunkSize = 4096;
@@ -132,21 +134,21 @@ struct Piece_Run {
   const std::uint64_t firstPieceEnd;
 
   // Set once, under the schedule's lock, before `started`.
-  std::uint64_t begin = 0;   // the first photon it reads
-  bool beginsAtCut = false;  // begin is a static cut: the run before stops exactly there
+  std::uint64_t begin = 0;    // the first photon it reads
+  bool beginsAtCut = false;   // begin is a static cut: the run before stops exactly there
   std::uint64_t zoneEnd = 0;  // its own cuts before this photon are published (see Piece_Tuning::zonePhotons)
   bool started = false;
 
   // Published by the run's own thread.
   std::atomic<std::uint64_t> progress{0};  // its own cuts before this index are all in `cuts`
   Own_Cut_List cuts;
-  std::atomic<bool> abandoned{false};      // taken over by the run before: its events are not used
+  std::atomic<bool> abandoned{false};  // taken over by the run before: its events are not used
 
   // Under the schedule's lock.
-  std::uint64_t coveredEnd;   // the end of the last piece it covers; only its own thread changes it
-  bool agreed = false;        // its end is known: events before endEvents, then `next` from nextSkips on
-  bool finished = false;      // its thread has handed over its last events
-  bool done = false;          // its thread has let go of it
+  std::uint64_t coveredEnd;  // the end of the last piece it covers; only its own thread changes it
+  bool agreed = false;       // its end is known: events before endEvents, then `next` from nextSkips on
+  bool finished = false;     // its thread has handed over its last events
+  bool done = false;         // its thread has let go of it
   std::uint64_t endEvents = notYet;
   std::uint64_t safeEvents = 0;  // events before this count are the output's whatever the end
   Piece_Run* next = nullptr;
@@ -364,7 +366,7 @@ class Piece_Schedule {
     if (stopping) return false;
     writing = runs.front().get();
     assert(writing->firstPiece == 0);
-    changed.notify_all();  // a run waiting for room may be this one
+    changed.notify_all();        // a run waiting for room may be this one
     std::uint64_t skip = 0;      // events of the current run that belong to the run before
     std::uint64_t position = 0;  // events of the current run seen so far
     // Whether the first block not yet written may be written: all of it belongs to the output, or the run's end

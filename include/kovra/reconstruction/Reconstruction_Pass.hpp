@@ -47,7 +47,8 @@ class EventList {
 };
 
 /// The line reported, once per call, by the algorithms that have no use for a window extension factor.
-inline constexpr const char* extensionFactor_notSupported = "Extension factor is not supported for the chosen algorithm!";
+inline constexpr const char* extensionFactor_notSupported =
+    "Extension factor is not supported for the chosen algorithm!";
 /// The lines told, at most once per call, when the input is not in time order: found so during the pass (which
 /// then starts over), or known so before it.
 inline constexpr const char* inputOrder_brokenDuringPass =
@@ -137,7 +138,8 @@ void run_pass(PhotonSource<PhotonEvent_Type>& source, Out_Type& out, bool report
   assert(!reportsMembers || knownOrder.has_value());
   if (!knownOrder || *knownOrder) {
     try {
-      PhotonWindow<PhotonEvent_Type, Mark_Type> window(source, knownOrder ? Order_Check::skipped : Order_Check::required);
+      PhotonWindow<PhotonEvent_Type, Mark_Type> window(source,
+                                                       knownOrder ? Order_Check::skipped : Order_Check::required);
       pass.template operator()<true>(window);
       return;
     } catch (const PhotonWindow_OrderBroken&) {

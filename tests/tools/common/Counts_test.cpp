@@ -17,7 +17,8 @@ TEST(ToolCountsTest, ACountOfOneTakesTheSingular) {
   const std::string source = " -d 1e-5 -r 1e5 -n 1 --dark-rate 1e5 --triggers 5e4 --seed ";
   const std::string stackTooLarge =
       "one.kovraphot: the time-of-flight stack needs 4096 MiB (1 bin x 32768 x 32768 cells x 4 bytes)";
-  const std::tuple<const char*, std::string, std::string> runs[] = {  // program, arguments, part of what it says
+  const std::tuple<const char*, std::string, std::string> runs[] = {
+      // program, arguments, part of what it says
       {KOVRA_SIMULATE_PATH, "-o dark.kovraphot" + source + "1",
        "kovra_simulate: wrote 1 photon (0 from 0 flashes, 1 dark count, 1 trigger) to dark.kovraphot\n"},
       {KOVRA_SIMULATE_PATH, "-o one.kovraphot --truth --raw one.tpx3" + source + "28",

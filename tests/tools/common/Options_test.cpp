@@ -31,9 +31,10 @@ TEST(ToolOptionsTest, NumbersWithinTheirRange) {
     const char* text;
     double value;
   };
-  const Good good[] = {{seconds, "1e-9", 1e-9},  {seconds, "1000000", 1e6}, {rate, "0", 0},     {rate, "2.5e7", 2.5e7},
-                       {pixels, "1", 1},          {pixels, "32767", 32767},  {pixels, "007", 7}, {duration, "inf", INFINITY},
-                       {share, "-0.5", -0.5},     {share, "0.25", 0.25}};
+  const Good good[] = {
+      {seconds, "1e-9", 1e-9}, {seconds, "1000000", 1e6}, {rate, "0", 0},     {rate, "2.5e7", 2.5e7},
+      {pixels, "1", 1},        {pixels, "32767", 32767},  {pixels, "007", 7}, {duration, "inf", INFINITY},
+      {share, "-0.5", -0.5},   {share, "0.25", 0.25}};
   for (const auto& g : good) EXPECT_EQ(parse_number("x", g.text, g.range), g.value) << g.text;
   EXPECT_EQ(parse_number<std::uint64_t>("x", "18446744073709551615", {"n", 0, INFINITY, false, true}),
             std::uint64_t{18446744073709551615U});
@@ -65,26 +66,35 @@ TEST(ToolOptionsTest, EverythingElseGetsTheOneGrammar) {
     EXPECT_THAT([&] { parse_number("x", b.text, b.range); }, ThrowsMessage<std::invalid_argument>(StrEq(b.message)))
         << b.text;
   }
-  EXPECT_THAT([] { parse_number<std::uint64_t>("x", "18446744073709551616", {"n", 0, INFINITY, false, true}); },
-              ThrowsMessage<std::invalid_argument>(StrEq("option --x needs n, at least 0, not \"18446744073709551616\"")));
+  EXPECT_THAT(
+      [] {
+    parse_number<std::uint64_t>("x", "18446744073709551616", {"n", 0, INFINITY, false, true});
+      },
+      ThrowsMessage<std::invalid_argument>(StrEq("option --x needs n, at least 0, not \"18446744073709551616\"")));
 }
 
 TEST(ToolOptionsTest, ListsHaveNoEmptyEntries) {
   EXPECT_EQ(kovra::tools::split_list("grid", "1,2.5,inf"), (std::vector<std::string>{"1", "2.5", "inf"}));
   for (const char* text : {"", ",1", "1,", "1,,2"}) {
-    EXPECT_THAT([&] { kovra::tools::split_list("grid", text); },
-                ThrowsMessage<std::invalid_argument>(StrEq(
-                    std::string("option --grid needs a comma-separated list without empty entries, not \"") + text +
-                    "\"")));
+    EXPECT_THAT(
+        [&] { kovra::tools::split_list("grid", text); },
+        ThrowsMessage<std::invalid_argument>(StrEq(
+            std::string("option --grid needs a comma-separated list without empty entries, not \"") + text + "\"")));
   }
 }
 
 TEST(ToolOptionsTest, ChoicesAreNamedInTheMessage) {
   EXPECT_EQ(kovra::tools::parse_choice<int>("edge", "b", {{"a", 1}, {"b", 2}, {"c", 3}}), 2);
-  EXPECT_THAT([] { kovra::tools::parse_choice<int>("edge", "B", {{"a", 1}, {"b", 2}, {"c", 3}}); },
-              ThrowsMessage<std::invalid_argument>(StrEq("option --edge needs a, b or c, not \"B\"")));
-  EXPECT_THAT([] { kovra::tools::parse_choice<int>("layout", "", {{"single", 1}, {"quad", 4}}); },
-              ThrowsMessage<std::invalid_argument>(StrEq("option --layout needs single or quad, not \"\"")));
+  EXPECT_THAT(
+      [] {
+    kovra::tools::parse_choice<int>("edge", "B", {{"a", 1}, {"b", 2}, {"c", 3}});
+      },
+      ThrowsMessage<std::invalid_argument>(StrEq("option --edge needs a, b or c, not \"B\"")));
+  EXPECT_THAT(
+      [] {
+    kovra::tools::parse_choice<int>("layout", "", {{"single", 1}, {"quad", 4}});
+      },
+      ThrowsMessage<std::invalid_argument>(StrEq("option --layout needs single or quad, not \"\"")));
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // The file that carries the flash of every simulated photon: literal bytes, a table of bad files with their
 // messages, and the writer read back. (What the model hands out: PhotonSimulationTest.)
 
-#include <filesystem>
 #include <cstdint>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -36,9 +36,8 @@ std::string header(std::uint64_t version, std::uint64_t width, std::uint64_t nPh
 
 TEST(PhotonFlashesTest, FileIsWrittenWholeAndReadBack) {
   TempDir dir;
-  const std::vector<kovra::tpx3spidr::PhotonEvent> photons = {{Length{1}, Length{2}, Time{3}},
-                                                               {Length{4}, Length{5}, Time{6}},
-                                                               {Length{7}, Length{8}, Time{9}}};
+  const std::vector<kovra::tpx3spidr::PhotonEvent> photons = {
+      {Length{1}, Length{2}, Time{3}}, {Length{4}, Length{5}, Time{6}}, {Length{7}, Length{8}, Time{9}}};
   const std::string path = get_photonFlashesPath(dir.file("run.kovraphot"));
   {
     PhotonFlashes_Writer writer(path, 10);
@@ -57,7 +56,7 @@ TEST(PhotonFlashesTest, FileIsWrittenWholeAndReadBack) {
 TEST(PhotonFlashesTest, BadFilesAreRefusedWithOneMessage) {
   TempDir dir;
   const std::vector<kovra::tpx3spidr::PhotonEvent> photons = {{Length{1}, Length{2}, Time{3}},
-                                                               {Length{4}, Length{5}, Time{6}}};
+                                                              {Length{4}, Length{5}, Time{6}}};
   std::vector<kovra::tpx3spidr::PhotonEvent> shifted = photons;
   shifted[1].toa = Time{7};
   const std::uint64_t fp = fingerprint_photons(photons);

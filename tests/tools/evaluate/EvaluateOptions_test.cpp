@@ -32,8 +32,9 @@ Evaluate_Options parse(const std::string& line) {
 }  // namespace
 
 TEST(EvaluateOptionsTest, GridsSettingsAndTheTruthBesideThePhotons) {
-  const auto o = parse("dir/run.kovraphot --dSpace-grid 1,2.5,8 -t 5e-7 --durationMax-grid 2e-6,inf "
-                       "--algorithm-grid default,fullChain_direct --dTime_ext -0.5");
+  const auto o = parse(
+      "dir/run.kovraphot --dSpace-grid 1,2.5,8 -t 5e-7 --durationMax-grid 2e-6,inf "
+      "--algorithm-grid default,fullChain_direct --dTime_ext -0.5");
   EXPECT_EQ(o.inputFile, "dir/run.kovraphot");
   EXPECT_EQ(o.truthFile, "dir/run.truth.csv");
   EXPECT_EQ(o.grid.dSpace_px, (std::vector<double>{1, 2.5, 8}));
@@ -52,8 +53,9 @@ TEST(EvaluateOptionsTest, GridsSettingsAndTheTruthBesideThePhotons) {
 }
 
 TEST(EvaluateOptionsTest, ARawFileScansTheGroupingWithTheHitFileBesideIt) {
-  const auto o = parse("d/run.tpx3 --simulated sim.kovraphot --radius-grid 0,2 --window 5e-8 "
-                       "--photon-time-grid earliest,strongest");
+  const auto o = parse(
+      "d/run.tpx3 --simulated sim.kovraphot --radius-grid 0,2 --window 5e-8 "
+      "--photon-time-grid earliest,strongest");
   EXPECT_TRUE(o.rawInput);
   EXPECT_EQ(o.truthFile, "d/run.truth.kovrahit");
   EXPECT_EQ(o.simulatedFile, "sim.kovraphot");
@@ -83,7 +85,8 @@ TEST(EvaluateOptionsTest, BadCommandLinesGetOneMessage) {
       {"run.kovraphot --dSpace-grid 1,,2 -t 1",
        "option --dSpace-grid needs a comma-separated list without empty entries, not \"1,,2\""},
       {"run.kovraphot -s 1 --dTime-grid 1e-7,-2e-7", "option --dTime-grid needs a number, at least 0, not \"-2e-7\""},
-      {"run.kovraphot -s 1 --dTime-grid 1e-7;2e-7", "option --dTime-grid needs a number, at least 0, not \"1e-7;2e-7\""},
+      {"run.kovraphot -s 1 --dTime-grid 1e-7;2e-7",
+       "option --dTime-grid needs a number, at least 0, not \"1e-7;2e-7\""},
       {"run.kovraphot -s 1 --dTime-grid inf", "option --dTime-grid needs a number, at least 0, not \"inf\""},
       {"run.kovraphot -s 1 -t 1 -D -1", "option --durationMax needs a number, at least 0 (or inf), not \"-1\""},
       {"run.kovraphot -s 1 -t 1 --algorithm-grid default,fast",

@@ -2,8 +2,8 @@
 // does not belong to the photons, and the plots. (Bad usage: EvaluateOptionsTest and ToolCommandLineTest.)
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <sstream>
@@ -25,9 +25,10 @@ Program_Outcome evaluate(const TempDir& dir, const std::string& args) {
 
 /// A quiet source: few flashes of many photons, far apart.
 void simulate(const TempDir& dir, const std::string& name, const std::string& seed, const std::string& more = "") {
-  const auto r = run_program(dir, KOVRA_SIMULATE_PATH,
-                     "-o " + name + " -d 0.01 -r 2e4 -n 40 --dark-rate 5e3 --width 20000 --height 20000 --seed " +
-                         seed + " --truth " + more);
+  const auto r =
+      run_program(dir, KOVRA_SIMULATE_PATH,
+                  "-o " + name + " -d 0.01 -r 2e4 -n 40 --dark-rate 5e3 --width 20000 --height 20000 --seed " + seed +
+                      " --truth " + more);
   ASSERT_EQ(r.status, 0) << r.err;
 }
 
@@ -45,17 +46,19 @@ TEST(EvaluateProgramTest, ReportsAScanWritesItsTableAndPlots) {
   EXPECT_NE(one.out.find("merge rate:     0 %"), std::string::npos) << one.out;
 
   // The plots come from Debian's python3-matplotlib, which scripts/setup.sh installs.
-  const auto scan = evaluate(dir, "run.kovraphot --dSpace-grid 0.5,5 --dTime-grid 1e-8,5e-7 --algorithm-grid "
-                                  "default,fullChain_direct --csv scan.csv --plots out");
+  const auto scan = evaluate(dir,
+                             "run.kovraphot --dSpace-grid 0.5,5 --dTime-grid 1e-8,5e-7 --algorithm-grid "
+                             "default,fullChain_direct --csv scan.csv --plots out");
   ASSERT_EQ(scan.status, 0) << scan.err;
   for (const char* name : {"heatmaps.png", "psd_best.png"}) {
     const std::string png = read_bytes(dir.file(std::string("out/") + name));
     EXPECT_TRUE(png.size() > 10000 && png.starts_with("\x89PNG")) << name << " " << png.size();
   }
   const std::string csv = read_bytes(dir.file("scan.csv"));
-  EXPECT_TRUE(csv.starts_with("dSpace_px,dTime_s,algorithm,durationMax_s,dTime_ext,flashes,events,efficiency,"
-                              "split_rate,merge_rate,fake_rate,purity,completeness,iou,centroid_rms_px,"
-                              "centroid_p95_px,time_rms_ns,time_p95_ns,fom,fom_events,best\n"))
+  EXPECT_TRUE(
+      csv.starts_with("dSpace_px,dTime_s,algorithm,durationMax_s,dTime_ext,flashes,events,efficiency,"
+                      "split_rate,merge_rate,fake_rate,purity,completeness,iou,centroid_rms_px,"
+                      "centroid_p95_px,time_rms_ns,time_p95_ns,fom,fom_events,best\n"))
       << csv;
   EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 9);
   // Exactly one best row, and not the smallest setting: half a pixel finds no neighbour.
@@ -69,9 +72,10 @@ TEST(EvaluateProgramTest, ReportsAScanWritesItsTableAndPlots) {
   EXPECT_FALSE(std::filesystem::exists(dir.file("scan.csv.part")));
   // Settings scanned at once on several threads: the same table.
   for (const char* threads : {"1", "3"}) {
-    const auto again = evaluate(dir, std::string("run.kovraphot --dSpace-grid 0.5,5 --dTime-grid 1e-8,5e-7 "
-                                                 "--algorithm-grid default,fullChain_direct --csv again.csv --threads ") +
-                                         threads);
+    const auto again =
+        evaluate(dir, std::string("run.kovraphot --dSpace-grid 0.5,5 --dTime-grid 1e-8,5e-7 "
+                                  "--algorithm-grid default,fullChain_direct --csv again.csv --threads ") +
+                          threads);
     ASSERT_EQ(again.status, 0) << again.err;
     EXPECT_EQ(read_bytes(dir.file("again.csv")), csv) << threads;
     EXPECT_EQ(again.out, scan.out.substr(0, scan.out.find("plots: "))) << threads;
@@ -87,7 +91,8 @@ TEST(EvaluateProgramTest, TruthOfOtherPhotonsIsRefused) {
   const std::string csv = read_bytes(dir.file("run.truth.csv"));
   write_bytes(dir.file("cut.truth.csv"), csv.substr(0, csv.rfind('\n', csv.size() - 2) + 1));
   std::filesystem::copy_file(dir.file("run.truth.kovraflash"), dir.file("cut.truth.kovraflash"));
-  const std::pair<std::string, std::string> cases[] = {  // truth file, message
+  const std::pair<std::string, std::string> cases[] = {
+      // truth file, message
       {"wide", "photon flash file 'wide.truth.kovraflash': made for other photons (another seed or other settings)"},
       {"missing", "cannot read the truth file 'missing.truth.csv'"},
       {"cut", "flashes, its photon flash file"},
@@ -120,8 +125,7 @@ TEST(EvaluateGroupingTest, ScoresTheImportsOwnPhotonsOnAnyThreadCount) {
   }
   // The photons it scores are the import's own: as many as kovra_import writes with the same settings.
   for (const char* setting : {"", "--radius 0 --window 2e-8", "--radius 2 --window 1e-7 --photon-time earliest"}) {
-    const auto imported =
-        run_program(dir, KOVRA_IMPORT_PATH, std::string("dense.tpx3 -o i.kovraphot ") + setting);
+    const auto imported = run_program(dir, KOVRA_IMPORT_PATH, std::string("dense.tpx3 -o i.kovraphot ") + setting);
     ASSERT_EQ(imported.status, 0) << imported.err;
     const auto at = imported.out.find("photons: ");
     const std::string count = imported.out.substr(at + 9, imported.out.find(' ', at + 9) - at - 9);
@@ -136,8 +140,9 @@ TEST(EvaluateGroupingTest, ScoresTheImportsOwnPhotonsOnAnyThreadCount) {
   const auto torn = evaluate(dir, "sparse.tpx3 --simulated sparse.kovraphot --window 2e-9");
   EXPECT_EQ(torn.out.find("split rate:     0 %"), std::string::npos) << torn.out;
 
-  const std::string scan = "dense.tpx3 --simulated dense.kovraphot --radius-grid 0,1 --window-grid 1e-8,1e-7 "
-                           "--photon-time-grid strongest,earliest ";
+  const std::string scan =
+      "dense.tpx3 --simulated dense.kovraphot --radius-grid 0,1 --window-grid 1e-8,1e-7 "
+      "--photon-time-grid strongest,earliest ";
   const auto plotted = evaluate(dir, scan + "--plots out --csv scan.csv");
   ASSERT_EQ(plotted.status, 0) << plotted.err;
   const std::string csv = read_bytes(dir.file("scan.csv"));
@@ -210,9 +215,9 @@ TEST(EvaluateGroupingTest, FittedTimeWalkFollowsTheModelAndNarrowsPhotonTimes) {
   const auto imported = run_program(dir, KOVRA_IMPORT_PATH, "run.tpx3 -o i.kovraphot --time-walk truth.txt" + setting);
   const auto at = imported.out.find("photons: ");
   ASSERT_NE(at, std::string::npos) << imported.err;
-  EXPECT_NE(after.out.find("photons made: " + imported.out.substr(at + 9, imported.out.find(' ', at + 9) - at - 9) +
-                           "\n"),
-            std::string::npos)
+  EXPECT_NE(
+      after.out.find("photons made: " + imported.out.substr(at + 9, imported.out.find(' ', at + 9) - at - 9) + "\n"),
+      std::string::npos)
       << after.out;
 }
 
@@ -222,11 +227,17 @@ TEST(EvaluateProgramTest, AWriteRefusedOnTheWayEndsWithItsReasonAndLeavesEarlier
   const std::string grid = "run.kovraphot --dSpace-grid 0.5,1,2,5 --dTime-grid 1e-8,1e-7,5e-7 ";
   const std::tuple<std::string, int, std::string, std::vector<std::string>> cases[] = {
       // options, limit in bytes, what is said, the files left as they were
-      {"--csv scan.csv", 1000, "kovra_evaluate: run.kovraphot: cannot write 'scan.csv': File too large\n",
+      {"--csv scan.csv",
+       1000,
+       "kovra_evaluate: run.kovraphot: cannot write 'scan.csv': File too large\n",
        {"scan.csv", "out/scan.csv", "out/psd_best.csv", "out/heatmaps.png", "out/psd_best.png"}},
-      {"--plots out", 2000, "kovra_evaluate: run.kovraphot: cannot write 'out/psd_best.csv': File too large\n",
+      {"--plots out",
+       2000,
+       "kovra_evaluate: run.kovraphot: cannot write 'out/psd_best.csv': File too large\n",
        {"scan.csv", "out/psd_best.csv", "out/heatmaps.png", "out/psd_best.png"}},
-      {"--plots out", 10000, "kovra_plot_scan.py: cannot write 'out/heatmaps.png': File too large\n",
+      {"--plots out",
+       10000,
+       "kovra_plot_scan.py: cannot write 'out/heatmaps.png': File too large\n",
        {"scan.csv", "out/heatmaps.png", "out/psd_best.png"}},
   };
   for (const auto& [options, limit, message, unchanged] : cases) {
@@ -250,8 +261,8 @@ TEST(EvaluateProgramTest, AWriteRefusedOnTheWayEndsWithItsReasonAndLeavesEarlier
     }
     std::ranges::sort(names);
     EXPECT_EQ(names, (std::vector<std::string>{"out", "out/heatmaps.png", "out/psd_best.csv", "out/psd_best.png",
-                                               "out/scan.csv", "run.kovraphot", "run.truth.csv",
-                                               "run.truth.kovraflash", "scan.csv", "stderr.txt", "stdout.txt"}))
+                                               "out/scan.csv", "run.kovraphot", "run.truth.csv", "run.truth.kovraflash",
+                                               "scan.csv", "stderr.txt", "stdout.txt"}))
         << options;
   }
 }

@@ -119,9 +119,9 @@ void write_crowdedRaw(const std::string& name, int side, double flashRate, std::
   kovra::simulate::Raw_Writer writer(
       side, side, seed, [&](const std::uint64_t* w, std::size_t n) { raw.words.insert(raw.words.end(), w, w + n); },
       [&, next = std::size_t{0}](kovra::tpx3spidr::Time& t) mutable {
-        if (next == simulated.photons.extTriggers->size()) return false;
-        t = (*simulated.photons.extTriggers)[next++];
-        return true;
+    if (next == simulated.photons.extTriggers->size()) return false;
+    t = (*simulated.photons.extTriggers)[next++];
+    return true;
       },
       [](const kovra::simulate::Raw_Hit&) {});
   for (const auto& p : simulated.photons.photonEvents) writer.add_photon(p);

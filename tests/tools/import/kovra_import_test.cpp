@@ -21,8 +21,8 @@
 #include "FileBytes.hpp"
 #include "GroupingReference.hpp"
 #include "RunProgram.hpp"
-#include "common/PhotonFlashes.hpp"
 #include "TempDir.hpp"
+#include "common/PhotonFlashes.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonSimulation.hpp"
@@ -236,11 +236,13 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWa
       // content, more options, message
       {"", "", "not Timepix3 raw data: the file is empty"},
       {"TPX4 and some text", "", "not Timepix3 raw data: no chunk header at byte offset 0"},
-      {"TPX4 and some text", " --skip-damaged", "not Timepix3 raw data: no plausible chunk header anywhere in the file"},
+      {"TPX4 and some text", " --skip-damaged",
+       "not Timepix3 raw data: no plausible chunk header anywhere in the file"},
       {"TP4", "", "not Timepix3 raw data: no chunk header at byte offset 0"},
       {first + RawBytes().word(make_chunkHeader(0, 32)).word(hit(0, 0, 0, 0)).chunk(0, {}).data, "",
        "chunk at byte offset 24 has a size of 32 bytes but only 16 are left in the file, among them a chunk header "
-       "at byte offset 40" + skip},
+       "at byte offset 40" +
+           skip},
       {first + RawBytes().word(make_chunkHeader(0, 12)).word(0).word(0).data, "",
        "chunk at byte offset 24 has a size of 12 bytes, not a multiple of 8" + skip},
       {first + "TPY", "", "no chunk header at byte offset 24 where the previous chunk ends" + skip},
@@ -262,8 +264,9 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWa
   for (const auto& [bytes, options, message] : cases) {
     write_bytes(dir.file("bad.tpx3"), bytes);
     for (const char* threads : {" --threads 1", " --threads 3"}) {
-      EXPECT_EQ(std::tuple(run("bad.tpx3 -o out.kovraphot" + std::string(options) + threads, "KOVRA_PIECE_HITS=1"), err),
-                std::tuple(1, "kovra_import: bad.tpx3: " + message + "\n"))
+      EXPECT_EQ(
+          std::tuple(run("bad.tpx3 -o out.kovraphot" + std::string(options) + threads, "KOVRA_PIECE_HITS=1"), err),
+          std::tuple(1, "kovra_import: bad.tpx3: " + message + "\n"))
           << threads;
     }
   }
@@ -331,10 +334,10 @@ TEST_F(ImportTest, AFileCutInItsLastChunksKeepsEveryCompletePacketBeforeTheCut) 
         reference += RawBytes().word(make_chunkHeader(get_chunkChip(header), present / 8 * 8)).data +
                      whole.substr(at + 8, present / 8 * 8);
       }
-      const std::string where =
-          cut - at >= 8 ? "the chunk at byte offset " + std::to_string(at) + " (" + std::to_string(present) +
-                              " of its " + std::to_string(get_chunkBytes(header)) + " bytes present)"
-                        : "a chunk header at byte offset " + std::to_string(at);
+      const std::string where = cut - at >= 8 ? "the chunk at byte offset " + std::to_string(at) + " (" +
+                                                    std::to_string(present) + " of its " +
+                                                    std::to_string(get_chunkBytes(header)) + " bytes present)"
+                                              : "a chunk header at byte offset " + std::to_string(at);
       const std::size_t unread = cut - unreadAt;
       warning = "warning: the raw file ended early, inside " + where +
                 "; every complete packet before the end was imported, " + std::to_string(unread) +
@@ -369,7 +372,9 @@ TEST_F(ImportTest, DamageInTheMiddleIsRefusedOrSkippedWithoutReadingIt) {
   ASSERT_GT(starts[k + 2] - next, 24u);
   const std::string without = whole.substr(0, s) + whole.substr(next);  // the chunk left out
   const std::uint64_t header = get_word(whole, s);
-  const auto with_header = [&](std::uint64_t w) { return whole.substr(0, s) + RawBytes().word(w).data + whole.substr(s + 8); };
+  const auto with_header = [&](std::uint64_t w) {
+    return whole.substr(0, s) + RawBytes().word(w).data + whole.substr(s + 8);
+  };
   // Hits of a pixel no flash lights, at the time of the chunk's first hit: photons if they were read.
   std::size_t firstHit = s + 8;
   while (get_word(whole, firstHit) >> 60 != 0xB) firstHit += 8;
@@ -411,8 +416,9 @@ TEST_F(ImportTest, DamageInTheMiddleIsRefusedOrSkippedWithoutReadingIt) {
     for (const char* threads : {"1", "3"}) {
       SCOPED_TRACE(testing::Message() << threads << " threads");
       write_bytes(dir.file("out.kovraphot"), "earlier");
-      EXPECT_EQ(std::tuple(run("damaged.tpx3 -o out.kovraphot --threads "s + threads, "KOVRA_PIECE_HITS=1"), out, err),
-                std::tuple(1, ""s, "kovra_import: damaged.tpx3: " + c.stopMessage + "; --skip-damaged imports the rest\n"));
+      EXPECT_EQ(
+          std::tuple(run("damaged.tpx3 -o out.kovraphot --threads "s + threads, "KOVRA_PIECE_HITS=1"), out, err),
+          std::tuple(1, ""s, "kovra_import: damaged.tpx3: " + c.stopMessage + "; --skip-damaged imports the rest\n"));
       EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
       ASSERT_EQ(run("damaged.tpx3 -o out.kovraphot --skip-damaged --threads "s + threads, "KOVRA_PIECE_HITS=1"), 0);
       EXPECT_EQ(err, "warning: skipped " + c.skipWarning + "\n");
@@ -466,8 +472,8 @@ TEST_F(ImportTest, AFollowedFileGivesThePhotonsOfTheFinishedFile) {
     EXPECT_TRUE(read_bytes(dir.file("growing.kovraphot")) == read_bytes(dir.file("finished.kovraphot")));
   }
   // On a terminal (script gives the run one).
-  const Program_Outcome terminal =
-      run_program(dir, "script", "-qec \"'" KOVRA_IMPORT_PATH "' finished.tpx3 -o terminal.kovraphot --follow 0.2\" /dev/null");
+  const Program_Outcome terminal = run_program(
+      dir, "script", "-qec \"'" KOVRA_IMPORT_PATH "' finished.tpx3 -o terminal.kovraphot --follow 0.2\" /dev/null");
   EXPECT_EQ(terminal.status, 0) << terminal.out;
   EXPECT_THAT(terminal.out, testing::ContainsRegex("\rfollowing: 0\\.[0-9] MB read, [0-9.]+ MB/s, [0-9]+ hits/s; "
                                                    "unchanged for 0\\.[0-9] s"));
@@ -481,9 +487,10 @@ TEST_F(ImportTest, AFailedWriteEndsTheRunWithTheSystemsReason) {
   std::filesystem::remove(dir.file("simulated.tpx3"));
   for (const char* threads : {"1", "3"}) {
     write_bytes(dir.file("out.kovraphot"), "earlier");
-    const Program_Outcome outcome =
-        run_program(dir, "bash", "-c 'trap \"\" XFSZ; ulimit -f 16; exec " KOVRA_IMPORT_PATH
-                                 " in.tpx3 -o out.kovraphot --hits-as-photons --threads "s + threads + "'");
+    const Program_Outcome outcome = run_program(dir, "bash",
+                                                "-c 'trap \"\" XFSZ; ulimit -f 16; exec " KOVRA_IMPORT_PATH
+                                                " in.tpx3 -o out.kovraphot --hits-as-photons --threads "s +
+                                                    threads + "'");
     EXPECT_EQ(std::tuple(outcome.status, outcome.out, outcome.err),
               std::tuple(1, ""s, "kovra_import: cannot write \"out.kovraphot\": File too large\n"s));
     EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
@@ -622,8 +629,9 @@ TEST_F(ImportTest, AMaskedHotPixelContributesNoPhoton) {
   write_bytes(dir.file("quad.txt"), "300 2\n");
   write_bytes(dir.file("old.kovraphot"), "earlier");
   EXPECT_EQ(std::tuple(run("hot.tpx3 -o old.kovraphot --mask quad.txt"), err),
-            std::tuple(1, "kovra_import: pixel mask 'quad.txt': line 1: expected a pixel's x and y, whole numbers "
-                          "from 0 to 255, got '300 2'\n"));
+            std::tuple(1,
+                       "kovra_import: pixel mask 'quad.txt': line 1: expected a pixel's x and y, whole numbers "
+                       "from 0 to 255, got '300 2'\n"));
   EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
 }
 
@@ -679,8 +687,9 @@ TEST_F(ImportTest, ARunOfManyFilesIsItsConcatenation) {
                                        "byte offset 0 "));
   write_bytes(dir.file("run2/RUN_0003.tpx3"), whole.substr(cuts[1]));
   EXPECT_EQ(run("run2 -o bad.kovraphot --layout quad"), 1);
-  EXPECT_EQ(err, "kovra_import: run2/RUN_0002.tpx3: the file ends inside a chunk (at byte offset 0), and only the "
-                 "last file of a run may end early; --skip-damaged imports the rest\n");
+  EXPECT_EQ(err,
+            "kovra_import: run2/RUN_0002.tpx3: the file ends inside a chunk (at byte offset 0), and only the "
+            "last file of a run may end early; --skip-damaged imports the rest\n");
   EXPECT_FALSE(std::filesystem::exists(dir.file("bad.kovraphot")));
   EXPECT_EQ(run("run2 -o skipped.kovraphot --layout quad --skip-damaged"), 0) << err;
   EXPECT_THAT(err, HasSubstr("warning: run2/RUN_0002.tpx3: the raw file ended early"));
@@ -700,4 +709,3 @@ TEST_F(ImportTest, ARunOfManyFilesIsItsConcatenation) {
 }
 
 }  // namespace
-

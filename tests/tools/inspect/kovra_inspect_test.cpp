@@ -28,8 +28,18 @@ using Triggers = std::optional<std::vector<i64>>;
 constexpr i32 px = 65536;
 
 // Records as the file lays them out (little-endian, no padding): files are written and read back through these.
-struct P { i32 x, y; i64 toa; bool operator==(const P&) const = default; };
-struct E { i32 x, y; i64 t; std::uint64_t n; double psd; bool operator==(const E&) const = default; };
+struct P {
+  i32 x, y;
+  i64 toa;
+  bool operator==(const P&) const = default;
+};
+struct E {
+  i32 x, y;
+  i64 t;
+  std::uint64_t n;
+  double psd;
+  bool operator==(const E&) const = default;
+};
 
 template <typename Entry_Type>
 FileBytes block_of(const char* id, const std::vector<Entry_Type>& entries) {
@@ -66,13 +76,15 @@ std::pair<std::string, std::string> messages_of(const std::string& name) {
 class InspectTest : public ::testing::Test {
  protected:
   // Out of time order; triggers first, then an events block that a later one replaces.
-  const FileBytes known_content =
-      block_of("extTrigs", std::vector<i64>{500, 100, 900})
-          .raw(block_of("events", std::vector<E>{{1, 1, 1, 1, 0.0}}).data)
-          .raw(block_of("events", std::vector<E>{{10 * px, 20 * px, 1000, 1, 0}, {201 * px / 2, 5 * px, 2000, 3, 2e-9},
-                                                 {255 * px, 255 * px, 5000, 2, 5e-9}, {-px, 3 * px, 4000, 32, 1e-8},
-                                                 {3 * px, 300 * px, 3000, 1, 0.0}, {7 * px, 7 * px, 3500, 8, NAN}})
-                   .data);
+  const FileBytes known_content = block_of("extTrigs", std::vector<i64>{500, 100, 900})
+                                      .raw(block_of("events", std::vector<E>{{1, 1, 1, 1, 0.0}}).data)
+                                      .raw(block_of("events", std::vector<E>{{10 * px, 20 * px, 1000, 1, 0},
+                                                                             {201 * px / 2, 5 * px, 2000, 3, 2e-9},
+                                                                             {255 * px, 255 * px, 5000, 2, 5e-9},
+                                                                             {-px, 3 * px, 4000, 32, 1e-8},
+                                                                             {3 * px, 300 * px, 3000, 1, 0.0},
+                                                                             {7 * px, 7 * px, 3500, 8, NAN}})
+                                               .data);
   void SetUp() override { write_bytes(dir.file("known.kovraevent"), FileBytes::file(3, known_content).data); }
 
   /// Runs the built program in the test's directory; returns its exit status, its output in `out` and `err`.
@@ -89,7 +101,8 @@ class InspectTest : public ::testing::Test {
 
 TEST_F(InspectTest, BadBlocksGiveTheLibraryReadersMessages) {
   const auto junk = [](const char* id, std::size_t n) { return block_of(id, std::vector<char>(n, 'a')); };
-  const std::tuple<bool, FileBytes, const char*> cases[] = {  // photons?, content, message
+  const std::tuple<bool, FileBytes, const char*> cases[] = {
+      // photons?, content, message
       {false, block_of("extTrigs", std::vector<i64>{1, 2}), "File does not contain event data!"},
       {false, junk("events", 32).raw(junk("photons", 0).data), "Block identifier not recognized!"},
       {false, junk("events", 40), "File contains partial events!"},
@@ -166,7 +179,7 @@ void check_hdf5(const TempDir& dir, const std::vector<Row>& rows, const Triggers
   }
   H5Dclose(dataset);
   const std::vector<std::string> eventUnits = {"x_unit str:pixel", "y_unit str:pixel", "t_unit str:s",
-                                                "nPhotons_unit str:photons", "psd_unit str:s"};
+                                               "nPhotons_unit str:photons", "psd_unit str:s"};
   const std::vector<std::string> photonUnits = {"x_unit str:pixel", "y_unit str:pixel", "toa_unit str:s"};
   EXPECT_EQ(units, events ? eventUnits : photonUnits);
   const bool hasTriggers = H5Lexists(file, "extTriggers", H5P_DEFAULT) > 0;
@@ -236,7 +249,8 @@ TEST_F(InspectTest, ProgramOutput) {
   write_bytes(dir.file("photons.kovraevent"), file_of<P>({{1, 2, 3}}));
   write_bytes(dir.file("swapped.kovraphot"), file_of<P>({{1, 2, 10}, {1, 2, 5}, {1, 2, 7}, {1, 2, 3}}));
   const std::string usage = "\nTry 'kovra_inspect --help'.\n";
-  const std::tuple<std::string, int, std::string, std::string> cases[] = {  // arguments, status, output has, error
+  const std::tuple<std::string, int, std::string, std::string> cases[] = {
+      // arguments, status, output has, error
       {"known.kovraevent", 0,
        "file          known.kovraevent\ntype          events\nrecords       6\n"
        "time          1.5625e-06 s .. 7.8125e-06 s\nspan          6.25e-06 s\n"
@@ -320,7 +334,8 @@ struct TofCase {
     std::mt19937_64 random(11);
     for (int i = 0; i < 3000; ++i) {
       const auto x = static_cast<i32>(random() % (10 * px)) - px;
-      events.push_back({x, static_cast<i32>(random() % (8 * px)), static_cast<i64>(random() % 7000), 1 + random() % 5, 1e-9});
+      events.push_back(
+          {x, static_cast<i32>(random() % (8 * px)), static_cast<i64>(random() % 7000), 1 + random() % 5, 1e-9});
     }
     // Records exactly at triggers, and one just before the first.
     for (const i64 t : {i64{999}, i64{1000}, i64{3000}, i64{5000}}) events.push_back({0, 0, t, 2, 1e-9});
@@ -356,7 +371,8 @@ std::vector<std::vector<std::uint32_t>> read_tiff(const std::string& name) {
     TIFFGetField(tiff, TIFFTAG_SAMPLEFORMAT, &format);
     EXPECT_EQ(std::tuple(bits, format), std::tuple(32, SAMPLEFORMAT_UINT));
     std::vector<std::uint32_t> page(std::size_t{width} * height);
-    for (std::uint32_t row = 0; row < height; ++row) TIFFReadScanline(tiff, page.data() + std::size_t{row} * width, row, 0);
+    for (std::uint32_t row = 0; row < height; ++row)
+      TIFFReadScanline(tiff, page.data() + std::size_t{row} * width, row, 0);
     pages.push_back(std::move(page));
   } while (TIFFReadDirectory(tiff));
   TIFFClose(tiff);
@@ -369,7 +385,8 @@ TEST_F(InspectTest, SpectrumAndStacksAgreeWithAPlainComputation) {
   // Four bins of 275 ticks over [0, 1100), the longest interval; cells of 2 pixels over 6 pixels; 2 photons or more.
   ASSERT_EQ(run("tof.kovraevent --tof-bins 4 --spectrum - --stack-tiff s.tif --stack-hdf5 s.h5 --size 6 --binning 2 "
                 "--photons-min 2"),
-            0) << err;
+            0)
+      << err;
   std::vector<std::uint64_t> spectrum(4, 0);
   std::vector<std::uint32_t> map(9, 0), perBin(4 * 9, 0);
   std::uint64_t before = 0, deselected = 0, beyond = 0, outside = 0;
@@ -399,8 +416,8 @@ TEST_F(InspectTest, SpectrumAndStacksAgreeWithAPlainComputation) {
   std::string csv = "bin,tof_lo,tof_hi,tof_lo_s,tof_hi_s,events\n";
   for (std::size_t i = 0; i < 4; ++i) {
     csv += std::to_string(i) + "," + std::to_string(275 * i) + "," + std::to_string(275 * (i + 1)) + "," +
-           format_exact(static_cast<double>(275 * i) * 1.5625e-9) + "," + format_exact(static_cast<double>(275 * (i + 1)) * 1.5625e-9) + "," +
-           std::to_string(spectrum[i]) + "\n";
+           format_exact(static_cast<double>(275 * i) * 1.5625e-9) + "," +
+           format_exact(static_cast<double>(275 * (i + 1)) * 1.5625e-9) + "," + std::to_string(spectrum[i]) + "\n";
   }
   EXPECT_EQ(out, csv);
   EXPECT_EQ(err, "kovra_inspect: time of flight: " + std::to_string(c.events.size() - before - deselected - beyond) +
@@ -415,7 +432,8 @@ TEST_F(InspectTest, SpectrumAndStacksAgreeWithAPlainComputation) {
   EXPECT_EQ(pages, perBin);
   const hid_t h5 = H5Fopen(dir.file("s.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
   EXPECT_EQ(read_h5<std::uint32_t>(h5, "stack", H5T_NATIVE_UINT32), perBin);
-  EXPECT_EQ(read_h5<std::uint64_t>(h5, "tof_edges", H5T_NATIVE_UINT64), (std::vector<std::uint64_t>{0, 275, 550, 825, 1100}));
+  EXPECT_EQ(read_h5<std::uint64_t>(h5, "tof_edges", H5T_NATIVE_UINT64),
+            (std::vector<std::uint64_t>{0, 275, 550, 825, 1100}));
   H5Fclose(h5);
   // The stack summed over time of flight is the map of the same events.
   for (std::size_t i = 0; i < perBin.size(); ++i) summed[i % 9] += perBin[i];
@@ -431,7 +449,8 @@ TEST_F(InspectTest, AWriteRefusedOnTheWayEndsWithItsReasonAndEveryFileAsItWas) {
   const auto failed = [](const std::string& what) {
     return "kovra_inspect: tof.kovraevent: cannot write " + what + ": File too large\n";
   };
-  const std::tuple<std::string, int, std::string> cases[] = {  // options, limit in bytes, what is said
+  const std::tuple<std::string, int, std::string> cases[] = {
+      // options, limit in bytes, what is said
       {"--csv out.csv", 5000, failed("CSV file \"out.csv\"")},
       {"--hdf5 out.h5", 5000, failed("HDF5 file \"out.h5\"")},
       {"--image out.png --size 8 --binning 0.015625", 5000, failed("PNG file \"out.png\"")},
@@ -468,27 +487,31 @@ TEST_F(InspectTest, TimeOfFlightFailuresWriteNothing) {
   write_bytes(dir.file("empty.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers(std::in_place)));
   write_bytes(dir.file("one.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers{{3}}));
   write_bytes(dir.file("back.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers{{3, 9, 4}}));
-  const std::string outputs = " --spectrum t.csv --stack-hdf5 t.h5 --stack-tiff t.tif --plot t.png --hdf5 e.h5 -i e.png";
+  const std::string outputs =
+      " --spectrum t.csv --stack-hdf5 t.h5 --stack-tiff t.tif --plot t.png --hdf5 e.h5 -i e.png";
   const std::pair<std::string, std::string> cases[] = {
       {"none.kovraevent", "none.kovraevent: no time of flight: the file's trigger list is absent"},
       {"empty.kovraevent", "empty.kovraevent: no time of flight: the file's trigger list is empty"},
-      {"back.kovraevent", "back.kovraevent: Trigger times out of order: trigger 2 (4 ticks) is earlier than trigger 1 "
-                          "(9 ticks)!"},
-      {"one.kovraevent", "one.kovraevent: no time-of-flight range: the triggers give no interval between two of them; "
-                         "give --tof-max"},
+      {"back.kovraevent",
+       "back.kovraevent: Trigger times out of order: trigger 2 (4 ticks) is earlier than trigger 1 "
+       "(9 ticks)!"},
+      {"one.kovraevent",
+       "one.kovraevent: no time-of-flight range: the triggers give no interval between two of them; "
+       "give --tof-max"},
       {"one.kovraevent --tof-max 1 --tof-bins 1000 --size 4096",
        "one.kovraevent: the time-of-flight stack needs 64000 MiB (1000 bins x 4096 x 4096 cells x 4 bytes), more than "
        "--stack-memory 1024 MiB; use fewer --tof-bins, a larger --binning or a smaller --size, or raise "
        "--stack-memory"},
-      {"one.kovraevent --tof-max 1e-8", "one.kovraevent: 100 time-of-flight bins from 0 to 6 ticks would be narrower "
-                                        "than one tick"},
+      {"one.kovraevent --tof-max 1e-8",
+       "one.kovraevent: 100 time-of-flight bins from 0 to 6 ticks would be narrower "
+       "than one tick"},
   };
   for (const auto& [arguments, message] : cases) {
     EXPECT_EQ(run(arguments + outputs), 1) << arguments;
     EXPECT_EQ(err, "kovra_inspect: " + message + "\n");
     for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
-      EXPECT_THAT(entry.path().filename().string(), ::testing::AnyOf(::testing::EndsWith(".kovraevent"),
-                                                                     ::testing::EndsWith(".txt")))
+      EXPECT_THAT(entry.path().filename().string(),
+                  ::testing::AnyOf(::testing::EndsWith(".kovraevent"), ::testing::EndsWith(".txt")))
           << arguments;
     }
   }
@@ -519,8 +542,9 @@ TEST_F(InspectTest, BadTimeOfFlightOptions) {
   write_bytes(dir.file("p.kovraphot"), file_of<P>({}));
   EXPECT_EQ(run("p.kovraphot --plot p.png"), 2);
   EXPECT_EQ(run("p.kovraphot --psd-max 1"), 2);
-  EXPECT_EQ(err, "kovra_inspect: the selections by pulse-shape value and photon count need an event file\nTry "
-                 "'kovra_inspect --help'.\n");
+  EXPECT_EQ(err,
+            "kovra_inspect: the selections by pulse-shape value and photon count need an event file\nTry "
+            "'kovra_inspect --help'.\n");
 }
 
 }  // namespace

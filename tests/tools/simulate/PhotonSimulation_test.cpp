@@ -114,7 +114,8 @@ TEST(PhotonSimulationTest, HotPixelsFireAtTheirRateOnFewPixelsWhateverTheSlicing
   std::map<std::pair<int, int>, std::size_t> perPlace;
   for (const auto& p : photons) ++perPlace[{p.x.value, p.y.value}];
   std::vector<std::size_t> runs;  // photons per place, for places hit more than 1000 times
-  for (const auto& [place, n] : perPlace) if (n > 1000) runs.push_back(n);
+  for (const auto& [place, n] : perPlace)
+    if (n > 1000) runs.push_back(n);
   ASSERT_EQ(runs.size(), 3u);
   for (const std::size_t n : runs) EXPECT_NEAR(static_cast<double>(n), 8000.0, 450.0);
   for (const long slice : {7L, 10000000L}) EXPECT_TRUE(same_photons(hot, simulate(s, slice))) << slice;
@@ -122,8 +123,8 @@ TEST(PhotonSimulationTest, HotPixelsFireAtTheirRateOnFewPixelsWhateverTheSlicing
 
 TEST(PhotonSimulationTest, TriggersAreAbsentEmptyOrPeriodicFromZero) {
   // Expected count, -1 for no trigger list; at 1 kHz over 4 ms every 640000 ticks, the end excluded.
-  for (const auto& [mode, frequency_Hz, count] : {std::tuple{Trigger_Mode::absent, 0.0, -1},
-                                                  {Trigger_Mode::empty, 0.0, 0}, {Trigger_Mode::periodic, 1e3, 4}}) {
+  for (const auto& [mode, frequency_Hz, count] :
+       {std::tuple{Trigger_Mode::absent, 0.0, -1}, {Trigger_Mode::empty, 0.0, 0}, {Trigger_Mode::periodic, 1e3, 4}}) {
     Simulation_Settings s;
     s.duration_s = 0.004, s.triggerMode = mode, s.triggerFrequency_Hz = frequency_Hz;
     const auto triggers = simulate(s).result.photons.extTriggers;
@@ -161,7 +162,10 @@ TEST(PhotonSimulationTest, RatesSpreadDecaysAndPulseShapeComeOutAsSet) {
   }
 
   const double n = static_cast<double>(run.truth.size());
-  const struct { const char* what; double measured, expected, tolerance; } stats[] = {
+  const struct {
+    const char* what;
+    double measured, expected, tolerance;
+  } stats[] = {
       {"flashes", n, 800.0, 140.0},
       {"mean flash x (px)", flashX / n, 512.0, 60.0},
       {"share of neutrons", static_cast<double>(psd[1].size()) / n, 0.75, 0.08},

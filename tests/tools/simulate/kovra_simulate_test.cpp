@@ -13,9 +13,9 @@
 
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
-#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "common/HitPhotons.hpp"
 #include "common/PhotonFlashes.hpp"
+#include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
 
@@ -32,13 +32,18 @@ Program_Outcome run_simulate(const TempDir& dir, const std::string& args) {
 // The numeric options share one reader: a row for each kind of bound. (Help, version and getopt's messages:
 // ToolCommandLineTest.)
 TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
-  const std::string classRule = "option --class needs NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a "
-                                "weight greater than 0 and a slow fraction from 0 to 1, not \"";
-  const std::string hotRule = "option --hot-pixels needs N:RATE with a whole number of pixels from 0 to 1000000 and "
-                              "a rate in hertz greater than 0, not \"";
+  const std::string classRule =
+      "option --class needs NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a "
+      "weight greater than 0 and a slow fraction from 0 to 1, not \"";
+  const std::string hotRule =
+      "option --hot-pixels needs N:RATE with a whole number of pixels from 0 to 1000000 and "
+      "a rate in hertz greater than 0, not \"";
   const std::string tooMany = "1e+10 photons expected, more than the limit of 1e+09; shorten --duration";
   // The arguments follow "-o a.kovraphot" unless they start with -o.
-  const struct { std::vector<std::string> args; std::string message; } cases[] = {
+  const struct {
+    std::vector<std::string> args;
+    std::string message;
+  } cases[] = {
       {{}, "no output file given (-o FILE.kovraphot)"},
       {{"-o", "a.kovraevent"}, "output file \"a.kovraevent\" must end in .kovraphot"},
       {{"-d", "0"}, "option --duration needs a number of seconds greater than 0 and at most 1000000, not \"0\""},
@@ -73,10 +78,13 @@ TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemo
   // may not exceed 16 MiB: only a run that writes as it goes gets through. Every setting differs from its
   // default, so the model below must get them all; given classes replace the default ones.
   constexpr long dataLimitBytes = 16L << 20;
-  const auto r = run_program(dir, "prlimit", "--data=" + std::to_string(dataLimitBytes) + " " KOVRA_SIMULATE_PATH
-                 " --output=run.kovraphot -d 0.075 -r 2e6 -n 25 --sigma 2 --width 400 --height 300 --snap "
-                 "--tau-fast 4e-9 --tau-slow 1e-7 --class p:1:0.2 --class q:1:0.6 --dark-rate 2e5 --hot-pixels 2:1e4 "
-                 "--flashes-from 0.001 --triggers 2e5 --seed 18446744073709551615 --truth --raw run.tpx3");
+  const auto r = run_program(
+      dir, "prlimit",
+      "--data=" + std::to_string(dataLimitBytes) +
+          " " KOVRA_SIMULATE_PATH
+          " --output=run.kovraphot -d 0.075 -r 2e6 -n 25 --sigma 2 --width 400 --height 300 --snap "
+          "--tau-fast 4e-9 --tau-slow 1e-7 --class p:1:0.2 --class q:1:0.6 --dark-rate 2e5 --hot-pixels 2:1e4 "
+          "--flashes-from 0.001 --triggers 2e5 --seed 18446744073709551615 --truth --raw run.tpx3");
   ASSERT_TRUE(r.status == 0 && r.err.empty()) << r.status << r.err;
 
   kovra::simulate::Simulation_Settings s;
@@ -89,10 +97,10 @@ TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemo
   const auto expected = kovra::simulate::simulate_photonEvents_withFlashes(
       s,
       [&](const kovra::simulate::True_Event& e) {
-        char line[200];
-        std::snprintf(line, sizeof line, "%.12f,%.4f,%.4f,%llu,%s\n", e.t_s, e.x_px, e.y_px,
-                      static_cast<unsigned long long>(e.nPhotons), e.classIndex == 0 ? "p" : "q");
-        truth += line;
+    char line[200];
+    std::snprintf(line, sizeof line, "%.12f,%.4f,%.4f,%llu,%s\n", e.t_s, e.x_px, e.y_px,
+                  static_cast<unsigned long long>(e.nPhotons), e.classIndex == 0 ? "p" : "q");
+    truth += line;
       },
       [&](std::span<const std::int64_t> f) { flashOfPhoton.insert(flashOfPhoton.end(), f.begin(), f.end()); }, 0);
   ASSERT_GT(expected.photons.size() * sizeof(kovra::tpx3spidr::PhotonEvent), 2u * dataLimitBytes);
@@ -100,15 +108,14 @@ TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemo
   kovra::tpx3spidr::FileHandler_PhotonEvents::save_file(dir.file("memory.kovraphot"), expected.photons);
   EXPECT_TRUE(read_bytes(dir.file("run.kovraphot")) == read_bytes(dir.file("memory.kovraphot")));
   EXPECT_TRUE(read_bytes(dir.file("run.truth.csv")) == truth);
-  EXPECT_EQ(kovra::tools::read_photonFlashes(dir.file("run.truth.kovraflash"), expected.photons.photonEvents)
-                .flashOfPhoton,
-            flashOfPhoton);
+  EXPECT_EQ(
+      kovra::tools::read_photonFlashes(dir.file("run.truth.kovraflash"), expected.photons.photonEvents).flashOfPhoton,
+      flashOfPhoton);
   std::FILE* raw = std::fopen(dir.file("memory.tpx3").c_str(), "wb");
   ASSERT_NE(raw, nullptr);
   std::vector<std::uint32_t> photonOfHit;
-  kovra::simulate::write_raw(expected.photons, s.width_px, s.height_px, s.seed, raw, [&](const auto& hit) {
-    photonOfHit.push_back(static_cast<std::uint32_t>(hit.photon));
-  });
+  kovra::simulate::write_raw(expected.photons, s.width_px, s.height_px, s.seed, raw,
+                             [&](const auto& hit) { photonOfHit.push_back(static_cast<std::uint32_t>(hit.photon)); });
   std::fclose(raw);
   const std::size_t nHits = photonOfHit.size();
   EXPECT_TRUE(read_bytes(dir.file("run.tpx3")) == read_bytes(dir.file("memory.tpx3")));
@@ -120,7 +127,9 @@ TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemo
                        std::to_string(expected.photons.extTriggers->size()) +
                        " triggers) to run.kovraphot\nkovra_simulate: true flashes in run.truth.csv\n"
                        "kovra_simulate: the flash of each photon in run.truth.kovraflash\n"
-                       "kovra_simulate: wrote the raw form, " + std::to_string(nHits) + " hits, to run.tpx3\n"
+                       "kovra_simulate: wrote the raw form, " +
+                       std::to_string(nHits) +
+                       " hits, to run.tpx3\n"
                        "kovra_simulate: the photon of each hit in run.truth.kovrahit\n");
 }
 
@@ -159,18 +168,20 @@ TEST(SimulateProgramTest, AnOutputThatCannotBeWrittenIsNamedWithTheReasonAndNoFi
 TEST(SimulateProgramTest, AWriteRefusedOnTheWayEndsWithItsReasonAndNoFileChanges) {
   // A full disk, played by a file-size limit whose signal is ignored, so that the write fails instead. Each row
   // makes another output the first to outgrow the limit.
-  const std::tuple<std::string, int, std::string> cases[] = {  // arguments, limit in bytes, the file that fails
-      {"-d 0.2 --truth", 1000000, "run.kovraphot"},               // halfway through the 6 MB photon file
+  const std::tuple<std::string, int, std::string> cases[] = {
+      // arguments, limit in bytes, the file that fails
+      {"-d 0.2 --truth", 1000000, "run.kovraphot"},                 // halfway through the 6 MB photon file
       {"-d 0.002 --truth --triggers 1e5", 16000, "run.kovraphot"},  // its 67 kB still in the buffer at the end
-      {"-d 0.002 --raw run.tpx3", 100000, "run.tpx3"},            // 205 kB of raw hits, 67 kB of photons
-      {"-d 0.05 -n 1 --truth", 100000, "run.truth.csv"},          // 205 kB of flashes, 80 kB of photons
+      {"-d 0.002 --raw run.tpx3", 100000, "run.tpx3"},              // 205 kB of raw hits, 67 kB of photons
+      {"-d 0.05 -n 1 --truth", 100000, "run.truth.csv"},            // 205 kB of flashes, 80 kB of photons
   };
   const std::vector<std::string> earlier = {"run.kovraphot", "run.tpx3", "run.truth.csv", "run.truth.kovraflash"};
   for (const auto& [args, limit, failing] : cases) {
     TempDir dir;
     for (const std::string& name : earlier) write_bytes(dir.file(name), "earlier " + name);
-    const auto r = run_program(dir, "env", "--ignore-signal=XFSZ prlimit --fsize=" + std::to_string(limit) + " " +
-                                               KOVRA_SIMULATE_PATH " -o run.kovraphot " + args);
+    const auto r = run_program(dir, "env",
+                               "--ignore-signal=XFSZ prlimit --fsize=" + std::to_string(limit) + " " +
+                                   KOVRA_SIMULATE_PATH " -o run.kovraphot " + args);
     EXPECT_EQ(std::tuple(r.status, r.out, r.err),
               std::tuple(1, ""s, "kovra_simulate: cannot write '" + failing + "': File too large\n"))
         << args;

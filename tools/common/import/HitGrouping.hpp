@@ -25,8 +25,8 @@
 #include <cstring>
 #include <functional>
 #include <queue>
-#include <type_traits>
 #include <span>
+#include <type_traits>
 #include <vector>
 
 #include "common/import/PixelStacks.hpp"

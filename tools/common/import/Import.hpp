@@ -39,11 +39,11 @@ struct Ended_Early {
 struct Import_Summary {
   std::array<std::uint64_t, packet_kinds> packets{};  ///< by Packet_Kind
   std::uint64_t chunks = 0;
-  std::uint64_t droppedTot = 0;    ///< hits below --min-tot
-  std::uint64_t droppedLate = 0;   ///< hits older than the reorder window allows
+  std::uint64_t droppedTot = 0;     ///< hits below --min-tot
+  std::uint64_t droppedLate = 0;    ///< hits older than the reorder window allows
   std::uint64_t droppedMasked = 0;  ///< hits of pixels the mask names
-  std::uint64_t tdcRepeats = 0;    ///< TDC packets that repeat an edge already read (one per further chip)
-  std::uint64_t lateTriggers = 0;  ///< trigger edges older than the reorder window allows
+  std::uint64_t tdcRepeats = 0;     ///< TDC packets that repeat an edge already read (one per further chip)
+  std::uint64_t lateTriggers = 0;   ///< trigger edges older than the reorder window allows
   std::uint64_t triggers = 0;
   std::uint64_t photons = 0;
   std::uint64_t rollovers = 0;     ///< of the hits' 26.8 s counter, followed by the clock
@@ -51,8 +51,8 @@ struct Import_Summary {
   Ticks lastTime = 0;
   std::size_t mostHeld = 0;                ///< largest number of items the reorder window held
   std::optional<Parallel_Stats> parallel;  ///< when the hits were grouped on several threads
-  std::vector<Ended_Early> endedEarly;       ///< the files that ended inside a chunk
-  std::uint64_t skippedStretches = 0;        ///< damaged stretches skipped (--skip-damaged)
+  std::vector<Ended_Early> endedEarly;     ///< the files that ended inside a chunk
+  std::uint64_t skippedStretches = 0;      ///< damaged stretches skipped (--skip-damaged)
   std::uint64_t skippedBytes = 0;
 };
 

@@ -20,8 +20,8 @@
 #include "common/import/HitGrouping.hpp"
 #include "common/import/InputFiles.hpp"
 #include "common/import/PixelMask.hpp"
-#include "common/import/TimeWalk.hpp"
 #include "common/import/RawReader.hpp"
+#include "common/import/TimeWalk.hpp"
 #include "kovra/Worker_Pool.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -37,7 +37,7 @@ struct Import_Options {
   /// 0.32, 0.31, 0.32 and 0.31 s (best of 5, interleaved): a tie, within which memory grows with the size.
   static constexpr std::size_t default_pieceItems = std::size_t{1} << 16;
 
-  std::string inputFile;  ///< the first raw file
+  std::string inputFile;                ///< the first raw file
   std::vector<std::string> inputFiles;  ///< every raw file, read in this order as one stream
   std::string outputFile;
   Frame_Layout layout = Frame_Layout::single;
@@ -46,9 +46,9 @@ struct Import_Options {
   Ticks window = 160;  ///< 250 ns
   double minTot_ns = 0.0;
   Photon_Time photonTime = Photon_Time::strongest;
-  int triggerEdge = 0xF;          ///< the TDC edge nibble kept as triggers; -1 for none
-  Ticks reorderWindow = 3200000;  ///< 5 ms
-  std::string timeWalkFile;       ///< --time-walk: the table of delays by ToT, when given
+  int triggerEdge = 0xF;                      ///< the TDC edge nibble kept as triggers; -1 for none
+  Ticks reorderWindow = 3200000;              ///< 5 ms
+  std::string timeWalkFile;                   ///< --time-walk: the table of delays by ToT, when given
   std::shared_ptr<const Time_Walk> timeWalk;  ///< read from timeWalkFile by the program before the run
   std::string maskFile;                       ///< --mask: pixels whose hits are dropped, when given
   std::shared_ptr<const Pixel_Mask> mask;     ///< read from maskFile by the program before the run
@@ -123,8 +123,21 @@ inline Ticks to_ticks(double seconds) {
 
 /// What getopt_long returns for the long options without a short form.
 enum Import_LongOption : int {
-  layout = 256, hitsAsPhotons, radius, window, minTot, photonTime, trigger, reorder, verbose, threads, timeWalk, mask,
-  charge, skipDamaged, follow
+  layout = 256,
+  hitsAsPhotons,
+  radius,
+  window,
+  minTot,
+  photonTime,
+  trigger,
+  reorder,
+  verbose,
+  threads,
+  timeWalk,
+  mask,
+  charge,
+  skipDamaged,
+  follow
 };
 
 inline const option* get_importLongOptions() {
@@ -177,37 +190,60 @@ inline void take_importOption(int c, const std::string& value, Import_Options& o
   using kovra::tools::parse_choice;
   using kovra::tools::parse_number;
   switch (c) {
-    case 'o': options.outputFile = value; break;
-    case layout:
-      options.layout = parse_choice<Frame_Layout>("layout", value, {{"single", Frame_Layout::single},
-                                                                    {"quad", Frame_Layout::quad}});
+    case 'o':
+      options.outputFile = value;
       break;
-    case hitsAsPhotons: options.hitsAsPhotons = true; break;
+    case layout:
+      options.layout =
+          parse_choice<Frame_Layout>("layout", value, {{"single", Frame_Layout::single}, {"quad", Frame_Layout::quad}});
+      break;
+    case hitsAsPhotons:
+      options.hitsAsPhotons = true;
+      break;
     case radius:
       options.radius_px = parse_number<unsigned>("radius", value, {"a whole number of pixels", 0, 16, false, true});
       break;
-    case window: options.window = to_ticks(parse_seconds("window", value, 1.0)); break;
-    case minTot: options.minTot_ns = parse_number("min-tot", value, {"a number of nanoseconds", 0}); break;
+    case window:
+      options.window = to_ticks(parse_seconds("window", value, 1.0));
+      break;
+    case minTot:
+      options.minTot_ns = parse_number("min-tot", value, {"a number of nanoseconds", 0});
+      break;
     case photonTime:
-      options.photonTime = parse_choice<Photon_Time>("photon-time", value, {{"strongest", Photon_Time::strongest},
-                                                                            {"earliest", Photon_Time::earliest}});
+      options.photonTime = parse_choice<Photon_Time>(
+          "photon-time", value, {{"strongest", Photon_Time::strongest}, {"earliest", Photon_Time::earliest}});
       break;
     case trigger:
       options.triggerEdge = parse_choice<int>(
           "trigger", value,
           {{"tdc1-rising", 0xF}, {"tdc1-falling", 0xA}, {"tdc2-rising", 0xE}, {"tdc2-falling", 0xB}, {"none", -1}});
       break;
-    case reorder: options.reorderWindow = to_ticks(parse_seconds("reorder-window", value, 10.0)); break;
-    case verbose: options.logLevel = parse_logLevel(value); break;
-    case charge: options.writeCharge = true; break;
-    case mask: options.maskFile = take_fileName("mask", value); break;
-    case timeWalk: options.timeWalkFile = take_fileName("time-walk", value); break;
-    case skipDamaged: options.damage = Damage_Policy::skip; break;
-    case follow: options.followSeconds = parse_seconds("follow", value, 86400.0); break;
+    case reorder:
+      options.reorderWindow = to_ticks(parse_seconds("reorder-window", value, 10.0));
+      break;
+    case verbose:
+      options.logLevel = parse_logLevel(value);
+      break;
+    case charge:
+      options.writeCharge = true;
+      break;
+    case mask:
+      options.maskFile = take_fileName("mask", value);
+      break;
+    case timeWalk:
+      options.timeWalkFile = take_fileName("time-walk", value);
+      break;
+    case skipDamaged:
+      options.damage = Damage_Policy::skip;
+      break;
+    case follow:
+      options.followSeconds = parse_seconds("follow", value, 86400.0);
+      break;
     case threads:
       threadsGiven = static_cast<unsigned>(kovra::parse_count("option --threads", value, 1, kovra::max_threads));
       break;
-    default: break;
+    default:
+      break;
   }
 }
 

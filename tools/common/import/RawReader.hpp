@@ -65,8 +65,9 @@ struct Skipped_Stretch {
 class Raw_Reader {
  public:
   /// `fitsChip(chip)` says whether a chunk of that chip may be a place to go on from (when skipping damage).
-  explicit Raw_Reader(const std::string& path, Raw_Reading reading = {},
-                      std::function<bool(unsigned)> fitsChip_ = [](unsigned) { return true; })
+  explicit Raw_Reader(
+      const std::string& path, Raw_Reading reading = {},
+      std::function<bool(unsigned)> fitsChip_ = [](unsigned) { return true; })
       : window(path, reading.followSeconds), damage(reading.damage), fitsChip(std::move(fitsChip_)) {}
 
   /// The file's size as far as it is known: at the open, or as last seen when following.
@@ -96,8 +97,8 @@ class Raw_Reader {
         continue;
       }
       if (size % 8 != 0) {
-        pos = on_damage(pos, "chunk at byte offset " + std::to_string(pos) + " has a size of " +
-                                 std::to_string(size) + " bytes, not a multiple of 8");
+        pos = on_damage(pos, "chunk at byte offset " + std::to_string(pos) + " has a size of " + std::to_string(size) +
+                                 " bytes, not a multiple of 8");
         continue;
       }
       const std::uint64_t end = pos + 8 + size;

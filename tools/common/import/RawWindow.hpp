@@ -165,10 +165,10 @@ class Raw_Window {
   int fd;
   std::optional<double> followSeconds;
   std::function<void(std::uint64_t, std::uint64_t)> onRead;
-  std::vector<std::uint64_t> buffer;  ///< words, so that chunks aligned in it lie on whole words
+  std::vector<std::uint64_t> buffer;   ///< words, so that chunks aligned in it lie on whole words
   std::vector<std::uint64_t> aligned;  ///< a copy of words that lie off them
-  std::uint64_t begin = 0;            ///< the file offset of the buffer's first byte
-  std::size_t bytes = 0;              ///< bytes in the buffer
+  std::uint64_t begin = 0;             ///< the file offset of the buffer's first byte
+  std::size_t bytes = 0;               ///< bytes in the buffer
   std::uint64_t knownBytes = 0;
   std::chrono::steady_clock::time_point lastGrowth;
   bool ended = false;  ///< a followed file's end is final
