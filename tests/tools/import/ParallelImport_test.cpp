@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "ImportRuns.hpp"
 #include "TempDir.hpp"
 #include "common/import/Import.hpp"
 #include "simulate/PhotonSimulation.hpp"
@@ -19,34 +20,7 @@
 namespace {
 
 using namespace kovra::import;
-
-/// An output that keeps what it is given.
-struct Kept_Output {
-  std::vector<std::tuple<int, int, long>> photons;
-  std::vector<long> triggers;
-  std::vector<std::pair<unsigned, unsigned>> charges;  ///< summed ToT and hits of each photon
-  void add_photons(const Hit_Grouping::Photon* p, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) photons.emplace_back(p[i].x.value, p[i].y.value, p[i].toa.value);
-  }
-  void add_charges(const Photon_Charge* c, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) charges.emplace_back(c[i].tot, c[i].hits);
-  }
-  void add_trigger(long t) { triggers.push_back(t); }
-};
-
-struct Imported {
-  Kept_Output output;
-  Import_Summary summary;
-};
-
-Imported import_file(Import_Options options, unsigned threads, std::size_t pieceItems) {
-  options.threads = threads;
-  options.pieceItems = pieceItems;
-  Imported result;
-  Import_Observer quiet;
-  result.summary = run_import(options, result.output, quiet);
-  return result;
-}
+using import_runs::Imported, import_runs::import_file;
 
 /// Everything a run reports, the trace's reorder-window figure included.
 auto get_counts(const Import_Summary& s) {

@@ -6,21 +6,20 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "ImportRuns.hpp"
 #include "TempDir.hpp"
 #include "common/import/Import.hpp"
-#include "simulate/PhotonSimulation.hpp"
-#include "simulate/RawExport.hpp"
 
 namespace {
 
 using namespace kovra::import;
+using import_runs::get_chunkStarts, import_runs::get_word, import_runs::Imported, import_runs::Kept_Output,
+    import_runs::simulate_raw;
 using Stretch = std::tuple<std::uint64_t, std::uint64_t, std::string>;
 
 /// Raw bytes built word by word.
@@ -149,33 +148,13 @@ TEST(RawReaderTest, SkippingHandsOnNoWordOfAStretchItSkips) {
   }
 }
 
-/// An output that keeps what it is given.
-struct Kept_Output {
-  std::vector<std::tuple<int, int, long>> photons;
-  std::vector<long> triggers;
-  void add_photons(const Hit_Grouping::Photon* photon, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) photons.emplace_back(photon[i].x.value, photon[i].y.value, photon[i].toa.value);
-  }
-  void add_trigger(long t) { triggers.push_back(t); }
-  bool operator==(const Kept_Output&) const = default;
-};
-
 Kept_Output import_file(const std::string& file, unsigned threads, std::optional<Unfinished_End>* end = nullptr) {
   Import_Options options;
   options.inputFile = file;
-  options.threads = threads;
-  options.pieceItems = 1;
-  Kept_Output output;
-  Import_Observer quiet;
-  const Import_Summary summary = run_import(options, output, quiet);
-  if (end != nullptr) *end = summary.endedEarly.empty() ? std::nullopt : std::optional(summary.endedEarly.front().end);
-  return output;
-}
-
-std::uint64_t get_word(const std::string& raw, std::size_t at) {
-  std::uint64_t w = 0;
-  std::memcpy(&w, raw.data() + at, 8);
-  return w;
+  Imported imported = import_runs::import_file(options, threads, 1);
+  const auto& ended = imported.summary.endedEarly;
+  if (end != nullptr) *end = ended.empty() ? std::nullopt : std::optional(ended.front().end);
+  return imported.output;
 }
 
 /// Every cut of the simulator's raw output in its last two chunks: the photons and triggers are those of the
@@ -183,24 +162,14 @@ std::uint64_t get_word(const std::string& raw, std::size_t at) {
 /// reported where the cut chunk (or header) begins, with the bytes after its last complete packet.
 TEST(RawReaderTest, EveryCutOfTheLastTwoChunksGivesThePhotonsOfItsCompletePackets) {
   TempDir dir;
-  kovra::simulate::Simulation_Settings settings;
-  settings.duration_s = 0.01, settings.eventRate_Hz = 2e4, settings.photonsPerEvent = 2, settings.seed = 3;
-  settings.triggerMode = kovra::simulate::Trigger_Mode::periodic;
-  settings.triggerFrequency_Hz = 2e4;
-  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
-  std::FILE* file = std::fopen(dir.file("whole.tpx3").c_str(), "wb");
-  ASSERT_NE(file, nullptr);
-  kovra::simulate::write_raw(simulated.photons, 256, 256, 3, file, [](const kovra::simulate::Raw_Hit&) {});
-  std::fclose(file);
-  const std::string whole = read_bytes(dir.file("whole.tpx3"));
-  std::vector<std::size_t> starts;
-  for (std::size_t at = 0; at < whole.size(); at += 8 + get_chunkBytes(get_word(whole, at))) starts.push_back(at);
+  const std::string whole = simulate_raw(dir, 0.01, 3);
+  const std::vector<std::size_t> starts = get_chunkStarts(whole);  // the file's size last
   ASSERT_GT(starts.size(), 20u);
 
   std::size_t distinct = 0;
   std::string referenceBytes;
   Kept_Output reference;
-  for (std::size_t cut = starts[starts.size() - 2] + 1; cut < whole.size(); ++cut) {
+  for (std::size_t cut = starts[starts.size() - 3] + 1; cut < whole.size(); ++cut) {
     const std::size_t at = *std::prev(std::upper_bound(starts.begin(), starts.end(), cut));
     const std::size_t packets = cut >= at + 8 ? (cut - at - 8) / 8 : 0;
     std::string bytes = whole.substr(0, at);

@@ -20,6 +20,7 @@
 
 #include "FileBytes.hpp"
 #include "GroupingReference.hpp"
+#include "ImportRuns.hpp"
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "common/PhotonFlashes.hpp"
@@ -31,6 +32,7 @@
 namespace {
 
 using namespace kovra::tpx3spidr::raw;
+using import_runs::get_chunkStarts, import_runs::get_word, import_runs::simulate_raw;
 using testing::HasSubstr;
 using namespace std::string_literals;
 constexpr int px = 65536;
@@ -259,35 +261,6 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWa
   for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
     EXPECT_THAT(entry.path().filename().string(), testing::Not(HasSubstr("kovraphot.")));  // no temporary left
   }
-}
-
-/// A simulated acquisition's raw file: flashes of a few photons and periodic triggers, one chunk per 205 us of
-/// a few dozen packets.
-std::string simulate_raw(const TempDir& dir, double duration_s, std::uint64_t seed) {
-  kovra::simulate::Simulation_Settings settings;
-  settings.duration_s = duration_s, settings.eventRate_Hz = 2e4, settings.photonsPerEvent = 2, settings.seed = seed;
-  settings.triggerMode = kovra::simulate::Trigger_Mode::periodic;
-  settings.triggerFrequency_Hz = 2e4;
-  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
-  std::FILE* file = std::fopen(dir.file("simulated.tpx3").c_str(), "wb");
-  if (file == nullptr) return {};
-  kovra::simulate::write_raw(simulated.photons, 256, 256, seed, file, [](const kovra::simulate::Raw_Hit&) {});
-  std::fclose(file);
-  return read_bytes(dir.file("simulated.tpx3"));
-}
-
-std::uint64_t get_word(const std::string& raw, std::size_t at) {
-  std::uint64_t w = 0;
-  std::memcpy(&w, raw.data() + at, 8);
-  return w;
-}
-
-/// Where a raw file's chunks begin, and its size last.
-std::vector<std::size_t> get_chunkStarts(const std::string& raw) {
-  std::vector<std::size_t> starts;
-  for (std::size_t at = 0; at < raw.size(); at += 8 + get_chunkBytes(get_word(raw, at))) starts.push_back(at);
-  starts.push_back(raw.size());
-  return starts;
 }
 
 /// A file cut in one of its last two chunks is read as far as its last complete packet: status 0, the photon file
