@@ -263,11 +263,10 @@ TEST_F(ImportTest, DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWa
   }
 }
 
-/// A file cut in one of its last two chunks is read as far as its last complete packet: status 0, the photon file
-/// of the whole file that ends there (the cut chunk's size set to what is left of it), and a warning that says
-/// where the file ended and what was left unread. Each kind of cut once here, on three threads; every byte offset,
-/// on one thread and on three, in RawReaderTest.
-TEST_F(ImportTest, AFileCutInItsLastChunksKeepsEveryCompletePacketBeforeTheCut) {
+/// A file cut in one of its last two chunks is read as far as its last complete packet: status 0 and a warning
+/// that says where the file ended and what was left unread. Each kind of cut once here, on three threads; the
+/// photons of every cut, on one thread and on three, in RawReaderTest.
+TEST_F(ImportTest, AFileCutInItsLastChunksSaysWhereItEnded) {
   const std::string whole = simulate_raw(dir, 0.01, 3);
   const std::vector<std::size_t> starts = get_chunkStarts(whole);
   ASSERT_GT(starts.size(), 20u);
@@ -280,16 +279,11 @@ TEST_F(ImportTest, AFileCutInItsLastChunksKeepsEveryCompletePacketBeforeTheCut) 
       last, starts[starts.size() - 3] + 21, last + 7, last + 8, last + 9, last + 21, whole.size() - 1};
   for (const std::size_t cut : cuts) {
     const std::size_t at = *std::prev(std::upper_bound(starts.begin(), starts.end(), cut));
-    std::string reference = whole.substr(0, at);
     std::string warning;  // none where the cut falls between two chunks
     if (cut > at) {
       const std::uint64_t header = get_word(whole, at);
       const std::size_t present = cut - at >= 8 ? cut - at - 8 : 0;
       const std::size_t unreadAt = cut - at >= 8 ? at + 8 + present / 8 * 8 : at;
-      if (cut - at >= 8) {
-        reference += RawBytes().word(make_chunkHeader(get_chunkChip(header), present / 8 * 8)).data +
-                     whole.substr(at + 8, present / 8 * 8);
-      }
       const std::string where = cut - at >= 8 ? "the chunk at byte offset " + std::to_string(at) + " (" +
                                                     std::to_string(present) + " of its " +
                                                     std::to_string(get_chunkBytes(header)) + " bytes present)"
@@ -300,14 +294,10 @@ TEST_F(ImportTest, AFileCutInItsLastChunksKeepsEveryCompletePacketBeforeTheCut) 
                 (unread == 1 ? " byte at byte offset " : " bytes at byte offset ") + std::to_string(unreadAt) +
                 (unread == 1 ? " was" : " were") + " left unread\n";
     }
-    write_bytes(dir.file("whole.tpx3"), reference);
-    ASSERT_EQ(run("whole.tpx3 -o whole.kovraphot --threads 1 --verbose 0"), 0) << err;
-    ASSERT_EQ(err, "");
     write_bytes(dir.file("cut.tpx3"), whole.substr(0, cut));
     SCOPED_TRACE(testing::Message() << "cut at " << cut);
     ASSERT_EQ(run("cut.tpx3 -o cut.kovraphot --verbose 0 --threads 3", "KOVRA_PIECE_HITS=1"), 0) << err;
     EXPECT_EQ(err, warning);
-    EXPECT_TRUE(read_bytes(dir.file("cut.kovraphot")) == read_bytes(dir.file("whole.kovraphot")));
   }
   // The summary says so too.
   ASSERT_EQ(run("cut.tpx3 -o cut.kovraphot"), 0);
