@@ -120,7 +120,7 @@ measure() {
   done
 }
 
-# The targets for wall / limit, by dataset and algorithm ("-" where none is set).
+# The targets set for wall / limit, by dataset and algorithm ("-" where none is set).
 target_of() {
   case "$1:$2" in
     sparse:*) echo 2 ;;
