@@ -6,11 +6,9 @@
 // reconstruction, and the table written as CSV.
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <mutex>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -22,7 +20,6 @@
 #include "evaluate/GroupingTruth.hpp"
 #include "evaluate/Metrics.hpp"
 #include "evaluate/Scan.hpp"
-#include "kovra/Worker_Pool.hpp"
 
 namespace kovra::evaluate {
 
@@ -86,23 +83,11 @@ inline Reconstruction_Metrics evaluate_grouping(const Grouping_Setting& setting,
 inline std::vector<Grouping_Row> run_groupingScan(const Grouping_Grid& grid, const Grouping_Truth& data,
                                                   const Evaluator& evaluator, kovra::tools::Progress& progress,
                                                   unsigned threads) {
-  const auto settings = get_groupingSettings(grid);
-  std::vector<Grouping_Row> rows(settings.size());
-  progress.set_label("scan");
-  progress.start(settings.size());
-  std::atomic<std::size_t> next{0};
-  std::mutex progressMutex;
-  kovra::Worker_Pool pool(static_cast<unsigned>(std::min<std::size_t>(threads, settings.size())), [&](unsigned) {
-    Grouping_Buffers buffers(data.hits.size());
-    for (std::size_t k = next++; k < settings.size(); k = next++) {
-      rows[k] = {settings[k], evaluate_grouping(settings[k], data, evaluator, buffers)};
-      const std::lock_guard lock(progressMutex);
-      progress.advance(1);
-    }
-  });
-  pool.join();
-  progress.finish();
-  return rows;
+  return scan_settings<Grouping_Row>(
+      get_groupingSettings(grid), progress, threads, [&] { return Grouping_Buffers(data.hits.size()); },
+      [&](const Grouping_Setting& setting, Grouping_Buffers& buffers) {
+    return evaluate_grouping(setting, data, evaluator, buffers);
+      });
 }
 
 inline double get_timeSpread(const Reconstruction_Metrics& m) {

@@ -74,21 +74,20 @@ inline Reconstruction_Metrics evaluate_setting(const Setting& setting,
   return evaluator.evaluate(events.events, memberships, fomMinPhotons, eventClasses);
 }
 
-/// Every setting in grid order, with a progress line; `threads` settings at once, each with memberships of its
-/// own (the rows are the same whatever the count).
-inline std::vector<Scan_Row> run_scan(const Settings_Grid& grid, const kovra::tpx3spidr::Data_PhotonEvents& photons,
-                                      const Evaluator& evaluator, std::uint64_t fomMinPhotons,
-                                      kovra::tools::Progress& progress, unsigned threads) {
-  const auto settings = get_settings(grid);
-  std::vector<Scan_Row> rows(settings.size());
+/// Scores every setting with `score(setting, buffers)`, in their order, with a progress line; `threads` settings at
+/// once, each thread with buffers of its own from `make_buffers()` (the rows are the same whatever the count).
+template <typename Row_Type, typename Setting_Type, typename MakeBuffers_Type, typename Score_Type>
+std::vector<Row_Type> scan_settings(const std::vector<Setting_Type>& settings, kovra::tools::Progress& progress,
+                                    unsigned threads, MakeBuffers_Type&& make_buffers, Score_Type&& score) {
+  std::vector<Row_Type> rows(settings.size());
   progress.set_label("scan");
   progress.start(settings.size());
   std::atomic<std::size_t> next{0};
   std::mutex progressMutex;
   kovra::Worker_Pool pool(static_cast<unsigned>(std::min<std::size_t>(threads, settings.size())), [&](unsigned) {
-    Photon_Memberships memberships(photons.size());
+    auto buffers = make_buffers();
     for (std::size_t k = next++; k < settings.size(); k = next++) {
-      rows[k] = {settings[k], evaluate_setting(settings[k], photons, evaluator, memberships, fomMinPhotons)};
+      rows[k] = {settings[k], score(settings[k], buffers)};
       const std::lock_guard lock(progressMutex);
       progress.advance(1);
     }
@@ -96,6 +95,18 @@ inline std::vector<Scan_Row> run_scan(const Settings_Grid& grid, const kovra::tp
   pool.join();
   progress.finish();
   return rows;
+}
+
+/// Every setting in grid order, with a progress line; `threads` settings at once, each with memberships of its
+/// own (the rows are the same whatever the count).
+inline std::vector<Scan_Row> run_scan(const Settings_Grid& grid, const kovra::tpx3spidr::Data_PhotonEvents& photons,
+                                      const Evaluator& evaluator, std::uint64_t fomMinPhotons,
+                                      kovra::tools::Progress& progress, unsigned threads) {
+  return scan_settings<Scan_Row>(
+      get_settings(grid), progress, threads, [&] { return Photon_Memberships(photons.size()); },
+      [&](const Setting& setting, Photon_Memberships& memberships) {
+    return evaluate_setting(setting, photons, evaluator, memberships, fomMinPhotons);
+      });
 }
 
 /// The best row: the highest efficiency among rows with a merge rate at most mergeMax (ties: the higher product of
