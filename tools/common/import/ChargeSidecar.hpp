@@ -37,7 +37,12 @@ inline std::string get_chargePath(const std::string& photonPath) {
          ".kovracharge";
 }
 
-/// Streams the charges; `commit` writes the header and moves the file into place. Throws std::invalid_argument
+/// An output of the import cannot be written: the message names it and gives the system's reason.
+struct Output_Failure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// Streams the charges; `commit` writes the header and moves the file into place. Throws Output_Failure
 /// naming the file and the system's reason when it cannot be written.
 class Charge_Writer {
  public:
@@ -70,7 +75,7 @@ class Charge_Writer {
     try {
       file.commit();
     } catch (const std::runtime_error& e) {
-      throw std::invalid_argument(e.what());
+      throw Output_Failure(e.what());
     }
   }
 
@@ -80,7 +85,7 @@ class Charge_Writer {
   }
   void check() const {
     if (file.get_error() != 0) {
-      throw std::invalid_argument("cannot write \"" + file.get_path() + "\": " + std::strerror(file.get_error()));
+      throw Output_Failure("cannot write \"" + file.get_path() + "\": " + std::strerror(file.get_error()));
     }
   }
 

@@ -30,11 +30,6 @@
 
 namespace kovra::import {
 
-/// The photon file cannot be written: the message names it and gives the system's reason.
-struct Output_Failure : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 /// One photon file being written. Throws Output_Failure when it cannot be written (at the latest at `commit`,
 /// as soon as a write fails before).
 class PhotonFile_Output {
@@ -44,7 +39,7 @@ class PhotonFile_Output {
   /// `chargePath`: where the photons' charges go; none when empty.
   PhotonFile_Output(const std::string& target_, bool withTriggers_, const std::string& chargePath = "")
       : target(target_), writer((check_writable(target_), target_)), withTriggers(withTriggers_) {
-    if (!chargePath.empty()) as_outputFailure([&] { charges.emplace(chargePath); });
+    if (!chargePath.empty()) charges.emplace(chargePath);
     if (withTriggers) {
       triggers.reset(std::tmpfile());
       if (!triggers) throw_systemError("cannot create a scratch file for the trigger times");
@@ -59,7 +54,7 @@ class PhotonFile_Output {
   }
 
   void add_charges(const Photon_Charge* photonCharges, std::size_t count) {
-    if (charges) as_outputFailure([&] { charges->add(std::span<const Photon_Charge>(photonCharges, count)); });
+    if (charges) charges->add(std::span<const Photon_Charge>(photonCharges, count));
   }
 
   void add_trigger(long time) {
@@ -83,7 +78,7 @@ class PhotonFile_Output {
       if (std::ferror(triggers.get()) != 0) throw_systemError("cannot read back the trigger times");
       end_checkedBlock();
     }
-    if (charges) as_outputFailure([&] { charges->commit(fingerprint.value()); });
+    if (charges) charges->commit(fingerprint.value());
     try {
       writer.commit();
     } catch (const std::runtime_error& e) {
@@ -112,16 +107,6 @@ class PhotonFile_Output {
     writer.flush();
     if (!writer.good()) throw_writeError();
     writer.end_block();
-  }
-
-  /// Runs `write`, a charge file's step, its failure reported as the photon file's are.
-  template <typename Write_Type>
-  static void as_outputFailure(Write_Type&& write) {
-    try {
-      write();
-    } catch (const std::invalid_argument& e) {
-      throw Output_Failure(e.what());
-    }
   }
 
   [[noreturn]] void throw_writeError() const {
