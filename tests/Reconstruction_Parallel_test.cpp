@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <random>
 #include <span>
 #include <string>
 #include <vector>
@@ -22,6 +21,10 @@ using kovra::Algorithm;
 
 namespace {
 
+using random_photons::bytes_of;
+using random_photons::Flashes;
+using random_photons::flashes;
+using random_photons::photon;
 using random_photons::Settings;
 using random_photons::unlimited;
 
@@ -29,14 +32,6 @@ const std::pair<const char*, Algorithm> algorithms[] = {{"default", Algorithm::g
                                                         {"noBranchChain_direct", Algorithm::noBranch},
                                                         {"forwardChain_photonBuildup", Algorithm::forwardChain},
                                                         {"fullChain_direct", Algorithm::fullChain}};
-
-Reconstruction_Events make_settings(const Settings& s) {
-  return Reconstruction_Events{Length{s.dSpace}, Time{s.dTime}, s.factor, Time{s.durationMax}};
-}
-
-std::string bytes_of(const std::vector<Event>& events) {
-  return {reinterpret_cast<const char*>(events.data()), events.size() * sizeof(Event)};
-}
 
 /// Every piece border cut (no run takes over a piece just because no worker has taken it yet), however fast the
 /// first run is; and the same with every limit of a run shrunk, so that short lists take every path: agreement
@@ -68,27 +63,6 @@ std::vector<Event> run_parallel(const Reconstruction_Events& r, Algorithm algori
   return out.events;
 }
 
-PhotonEvent photon(int x, int y, long t) { return PhotonEvent{Length{x}, Length{y}, Time{t}}; }
-
-/// Photons in flashes of a few on a small square, `perTick` photons per tick; times quantised, so ties are common.
-std::vector<PhotonEvent> flashes(unsigned seed, std::size_t n, double perTick, long t0 = 1000) {
-  std::mt19937_64 random(seed);
-  std::uniform_int_distribution<int> where(0, 40);
-  std::vector<PhotonEvent> photons;
-  double t = static_cast<double>(t0);
-  while (photons.size() < n) {
-    t += std::exponential_distribution<double>(perTick / 4)(random);
-    const int x = where(random);
-    const int y = where(random);
-    for (int k = 0; k < 4 && photons.size() < n; ++k) {
-      photons.push_back(photon(x + where(random) % 3, y + where(random) % 3,
-                               static_cast<long>(t) + std::uniform_int_distribution<long>(0, 3)(random)));
-    }
-  }
-  std::ranges::stable_sort(photons, {}, [](const PhotonEvent& p) { return p.toa.value; });
-  return photons;
-}
-
 /// Pairs of photons at one place, every gap between pairs `gap` or `gap + 1` in turn: cuts lie exactly at the
 /// bound and one above it.
 std::vector<PhotonEvent> gaps_around(long gap, std::size_t n) {
@@ -112,11 +86,11 @@ std::vector<Dataset> datasets() {
       {8, 5, unlimited, std::nullopt}, {8, 5, 12, 0.5}, {12, 6, 0, std::nullopt}, {20, 8, 25, -0.3}, {8, 30, 40, 1.0},
       {4, 3, unlimited, 2.0}};
   std::vector<Dataset> sets;
-  sets.push_back({"sparse flashes", flashes(1, 600, 0.05), usual});
-  sets.push_back({"bursts", flashes(2, 600, 3.0), usual});
+  sets.push_back({"sparse flashes", flashes(1, 600, {0.05}), usual});
+  sets.push_back({"bursts", flashes(2, 600, {3.0}), usual});
   std::vector<PhotonEvent> turns;
   for (unsigned k = 0; k < 6; ++k) {
-    const auto part = flashes(10 + k, 120, k % 2 == 0 ? 0.05 : 4.0, turns.empty() ? 0 : turns.back().toa.value + 1);
+    const auto part = flashes(10 + k, 120, {k % 2 == 0 ? 0.05 : 4.0, turns.empty() ? 0 : turns.back().toa.value + 1});
     turns.insert(turns.end(), part.begin(), part.end());
   }
   sets.push_back({"sparse and crowded in turn", turns, usual});
@@ -129,14 +103,14 @@ std::vector<Dataset> datasets() {
                   {{1, 5, unlimited, std::nullopt}, {1, 9, 5, std::nullopt}, {1, 5, 12, 0.0}}});
   sets.push_back({"gaps at the widened bound", gaps_around(9, 300), {{1, 5, 12, 1.0}, {1, 9, 9, std::nullopt}}});
   // A hot pixel firing every 2 ticks with dTime 3 among other photons: no cut at all without a durationMax.
-  std::vector<PhotonEvent> hot = flashes(4, 300, 0.5);
+  std::vector<PhotonEvent> hot = flashes(4, 300, {0.5});
   for (long t = 1000; t < 1600; t += 2) hot.push_back(photon(100, 100, t));
   std::ranges::stable_sort(hot, {}, [](const PhotonEvent& p) { return p.toa.value; });
   sets.push_back(
       {"hot pixel faster than dTime",
        hot,
        {{2, 3, unlimited, std::nullopt}, {2, 3, 40, std::nullopt}, {2, 3, unlimited, 0.5}, {2, 3, 40, 0.5}}});
-  sets.push_back({"fewer photons than workers", flashes(5, 3, 1.0), usual});
+  sets.push_back({"fewer photons than workers", flashes(5, 3, {1.0}), usual});
   sets.push_back({"no photon", {}, usual});
   return sets;
 }
@@ -146,7 +120,7 @@ TEST(ReconstructionParallelTest, EveryThreadCountAndPieceSizeGivesTheBytesOfOneT
   for (const auto& set : datasets()) {
     const Data_PhotonEvents whole{set.photons, std::nullopt};
     for (const auto& s : set.settings) {
-      const auto r = make_settings(s);
+      const auto r = s.reconstruction();
       for (const auto& [name, algorithm] : algorithms) {
         const std::string expected = bytes_of(reconstructEvents_switchAlgorithm(r, whole, name).events);
         // Every thread count at one small piece size, then tiny and uneven pieces, shrunk limits, and pieces
@@ -164,9 +138,8 @@ TEST(ReconstructionParallelTest, EveryThreadCountAndPieceSizeGivesTheBytesOfOneT
         for (std::size_t k = 0; k < runs.size(); ++k) {
           const auto& run = runs[k];
           EXPECT_EQ(bytes_of(run_parallel(r, algorithm, set.photons, run.threads, run.piece, run.tuning)), expected)
-              << set.name << ", " << name << ", dSpace " << s.dSpace << ", dTime " << s.dTime << ", durationMax "
-              << s.durationMax << ", factor " << s.factor.value_or(-99) << ", " << run.threads << " threads, pieces of "
-              << run.piece << ", run " << k;
+              << set.name << ", " << name << ", " << s << ", " << run.threads << " threads, pieces of " << run.piece
+              << ", run " << k;
           ++compared;
         }
       }
@@ -176,7 +149,7 @@ TEST(ReconstructionParallelTest, EveryThreadCountAndPieceSizeGivesTheBytesOfOneT
 }
 
 TEST(ReconstructionParallelTest, InputOutOfOrderRunsAsOneThreadWould) {
-  auto photons = flashes(6, 2000, 0.3);
+  auto photons = flashes(6, 2000, {0.3});
   // Late in the list, after many pieces: two neighbours swapped, the earlier moved away from everything, so that
   // no algorithm meets a photon earlier than its event's first one.
   std::swap(photons[1700], photons[1701]);
@@ -185,7 +158,7 @@ TEST(ReconstructionParallelTest, InputOutOfOrderRunsAsOneThreadWould) {
   for (const auto& [name, algorithm] : algorithms) {
     if (algorithm == Algorithm::forwardChain) continue;  // stops on an assertion out of order, tested end to end
     std::vector<std::string> told;
-    auto r = make_settings({8, 20, 40, 0.5});
+    auto r = Settings{8, 20, 40, 0.5}.reconstruction();
     r.inform = [&told](const std::string& line) { told.push_back(line); };
     const std::string expected = bytes_of(reconstructEvents_switchAlgorithm(r, whole, name).events);
     const auto toldAlone = told;
@@ -198,10 +171,10 @@ TEST(ReconstructionParallelTest, InputOutOfOrderRunsAsOneThreadWould) {
 }
 
 TEST(ReconstructionParallelTest, AnIgnoredFactorIsReportedOnce) {
-  const auto photons = flashes(7, 500, 1.0);
+  const auto photons = flashes(7, 500, {1.0});
   for (const auto& [name, algorithm] : algorithms) {
     std::vector<std::string> warned;
-    auto r = make_settings({8, 5, 20, 0.5});
+    auto r = Settings{8, 5, 20, 0.5}.reconstruction();
     r.warn = [&warned](const std::string& line) { warned.push_back(line); };
     run_parallel(r, algorithm, photons, 4, 16);
     const bool ignoresFactor = algorithm == Algorithm::fullChain || algorithm == Algorithm::forwardChain;
@@ -225,16 +198,8 @@ bool crosses(const plain_reconstruction::Groups& groups, std::size_t c) {
 
 TEST(PieceCutsTest, NoEventOfThePlainFormulationsCrossesAStaticCut) {
   using namespace plain_reconstruction;
-  const Settings table[] = {{8, 5, unlimited, std::nullopt},
-                            {8, 5, 12, 0.5},
-                            {16, 3, 40, 1.0},
-                            {12, 6, 0, std::nullopt},
-                            {4, 0, unlimited, 2.5},
-                            {20, 8, 25, -0.3},
-                            {8, 5, 12, 0.0},
-                            {64, 10, 60, 0.25},
-                            {8, 4, 30, 3.0},
-                            {8, 30, 50, 0.1}};
+  std::vector<Settings> table(std::begin(random_photons::settingsTable), std::end(random_photons::settingsTable));
+  table.insert(table.end(), {{8, 4, 30, 3.0}, {8, 30, 50, 0.1}});  // bounds of durationMax and of the factor
   const std::pair<Plain, Algorithm> plains[] = {{&plainFullChain, Algorithm::fullChain},
                                                 {&plainForwardChain, Algorithm::forwardChain},
                                                 {&plainNoBranchChain<false>, Algorithm::noBranch},
@@ -247,15 +212,15 @@ TEST(PieceCutsTest, NoEventOfThePlainFormulationsCrossesAStaticCut) {
     for (std::size_t i = 0; i < p.size(); ++i) p[i].toa = Time{p[i].toa.value * (1 + static_cast<long>(seed % 4))};
     for (const auto& s : table) {
       for (const auto& [plain, algorithm] : plains) {
-        const auto bound = kovra::detail::find_staticCutBound(make_settings(s), algorithm);
+        const auto bound = kovra::detail::find_staticCutBound(s.reconstruction(), algorithm);
         if (!bound) continue;
         const auto groups = plain(p, s);
         for (std::size_t c = 1; c < p.size(); ++c) {
           const long gap = t(p[c]) - t(p[c - 1]);
           if (kovra::detail::is_staticCut(gap, *bound)) {
             ++cuts;
-            EXPECT_FALSE(crosses(groups, c)) << "seed " << seed << ", cut before " << c << ", gap " << gap << ", bound "
-                                             << *bound << ", dTime " << s.dTime << ", durationMax " << s.durationMax;
+            EXPECT_FALSE(crosses(groups, c))
+                << "seed " << seed << ", cut before " << c << ", gap " << gap << ", bound " << *bound << ", " << s;
           } else if (gap == *bound && crosses(groups, c)) {
             ++crossedAtTheBound;
           }
@@ -289,9 +254,7 @@ TEST(PieceCutsTest, BoundsInTicks) {
       {{8, -4, 12, std::nullopt}, Algorithm::fullChain, 0},
   };
   for (const auto& c : cases) {
-    const auto bound = kovra::detail::find_staticCutBound(make_settings(c.s), c.algorithm);
-    EXPECT_EQ(bound, c.bound) << "dTime " << c.s.dTime << ", durationMax " << c.s.durationMax << ", factor "
-                              << c.s.factor.value_or(-99);
+    EXPECT_EQ(kovra::detail::find_staticCutBound(c.s.reconstruction(), c.algorithm), c.bound) << c.s;
   }
   EXPECT_FALSE(kovra::detail::is_staticCut(5, 5));
   EXPECT_TRUE(kovra::detail::is_staticCut(6, 5));

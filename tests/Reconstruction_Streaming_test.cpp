@@ -1,21 +1,25 @@
 // The algorithms over a small sliding window give the events of the whole list in memory, byte for byte: with
-// windows that must move, grow for long events, and start over on input out of time order. (File to file, the
-// tool's memory test compares the streamed event files with the in-memory ones.)
+// windows that must move, grow for events longer than they hold, and start over on input out of time order. (File
+// to file, the tool's memory test compares the streamed event files with the in-memory ones.)
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "RandomPhotons.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
 using namespace kovra::tpx3spidr;
 
 namespace {
+
+using random_photons::bytes_of;
+using random_photons::flashes;
+using random_photons::unlimited;
 
 constexpr std::size_t smallWindow = 128;  // the least a window holds
 
@@ -41,7 +45,7 @@ class Trickle_Source final : public PhotonSource {
   std::size_t position = 0;
 };
 
-std::int32_t px(double pixels) { return static_cast<std::int32_t>(pixels * 65536); }
+constexpr std::int32_t px = 65536;
 
 struct Dataset {
   const char* name;
@@ -54,30 +58,13 @@ struct Dataset {
 /// first (which stops the program on an assertion, tested elsewhere).
 void swap_apart(std::vector<PhotonEvent>& photons, std::size_t i, std::size_t j) {
   std::swap(photons[i], photons[j]);
-  photons[i].x = Length{px(1000)};
-  photons[j].x = Length{px(2000)};
+  photons[i].x = Length{1000 * px};
+  photons[j].x = Length{2000 * px};
 }
 
-/// Flashes of a few photons on a 64-pixel square plus dark counts; `perTick` photons per tick on average, times
-/// quantised so that ties are common.
-std::vector<PhotonEvent> flashes(unsigned seed, std::size_t n, double perTick, std::int64_t t0 = 1000) {
-  std::mt19937_64 random(seed);
-  std::uniform_real_distribution<double> where(0, 64);
-  std::vector<PhotonEvent> photons;
-  double t = static_cast<double>(t0);
-  while (photons.size() < n) {
-    t += std::exponential_distribution<double>(perTick / 4)(random);
-    const double x = where(random);
-    const double y = where(random);
-    for (int k = 0; k < 4 && photons.size() < n; ++k) {
-      const auto dt = static_cast<std::int64_t>(std::exponential_distribution<double>(0.5)(random));
-      photons.push_back({Length{px(x + where(random) / 32)}, Length{px(y + where(random) / 32)},
-                         Time{static_cast<std::int64_t>(t) + dt}});
-    }
-  }
-  std::stable_sort(photons.begin(), photons.end(),
-                   [](const PhotonEvent& a, const PhotonEvent& b) { return a.toa < b.toa; });
-  return photons;
+/// Flashes of four photons within two pixels on a 64-pixel square, in steps of 1/16 pixel.
+std::vector<PhotonEvent> flashes(unsigned seed, std::size_t n, double perTick, long t0 = 1000) {
+  return flashes(seed, n, {perTick, t0, 64 * 16, 2 * 16, px / 16});
 }
 
 std::vector<Dataset> datasets() {
@@ -94,7 +81,7 @@ std::vector<Dataset> datasets() {
   sets.push_back({"sparse and crowded in turn", turns, false});
   // One pixel firing every tick, for longer than the window holds: with an unlimited duration one event.
   std::vector<PhotonEvent> hot;
-  for (std::int64_t t = 0; t < 2000; ++t) hot.push_back({Length{px(5)}, Length{px(5)}, Time{t}});
+  for (std::int64_t t = 0; t < 2000; ++t) hot.push_back({Length{5 * px}, Length{5 * px}, Time{t}});
   sets.push_back({"hot pixel", hot, false});
   // Out of order only late, after many events were written: the pass starts over.
   auto late = flashes(3, 3000, 1.0);
@@ -113,25 +100,14 @@ std::vector<Dataset> datasets() {
   return sets;
 }
 
-struct Setting {
-  double dSpace;
-  std::int64_t dTime;
-  std::optional<double> factor;
-  std::int64_t durationMax;
-};
-
-const Setting settings[] = {{1.5, 4, std::nullopt, Time::max_ticks},
-                            {3, 20, 0.5, Time::max_ticks},
-                            {3, 20, std::nullopt, 0},
-                            {2, 8, 0.0, 30},
-                            {0.5, 1, 2.0, 5},
-                            {6, 200, 1.0, Time::max_ticks}};
+const random_photons::Settings settings[] = {{3 * px / 2, 4, unlimited, std::nullopt},
+                                             {3 * px, 20, unlimited, 0.5},
+                                             {3 * px, 20, 0, std::nullopt},
+                                             {2 * px, 8, 30, 0.0},
+                                             {px / 2, 1, 5, 2.0},
+                                             {6 * px, 200, unlimited, 1.0}};
 
 const char* const algorithms[] = {"default", "noBranchChain_direct", "forwardChain_photonBuildup", "fullChain_direct"};
-
-std::string bytes_of(const std::vector<Event>& events) {
-  return {reinterpret_cast<const char*>(events.data()), events.size() * sizeof(Event)};
-}
 
 TEST(ReconstructionStreamingTest, SmallWindowsGiveTheEventsOfTheWholeList) {
   int compared = 0;
@@ -139,11 +115,10 @@ TEST(ReconstructionStreamingTest, SmallWindowsGiveTheEventsOfTheWholeList) {
     const Data_PhotonEvents whole{set.photons, std::nullopt};
     for (const auto& s : settings) {
       std::vector<std::string> told;
-      Reconstruction_Events r{Length::from_pixels(s.dSpace), Time{s.dTime}, s.factor, Time{s.durationMax}};
+      auto r = s.reconstruction();
       r.inform = [&told](const std::string& line) { told.push_back(line); };
       for (const char* algorithm : algorithms) {
-        SCOPED_TRACE(testing::Message() << set.name << ", " << algorithm << ", dSpace " << s.dSpace << ", dTime "
-                                        << s.dTime << ", durationMax " << s.durationMax);
+        SCOPED_TRACE(testing::Message() << set.name << ", " << algorithm << ", " << s);
         // Out of order, a photon opening a chain earlier than the chain before stops the forward chain on an
         // assertion, in memory as over a window.
         if (set.outOfOrder && std::string(algorithm) == "forwardChain_photonBuildup") continue;
@@ -166,23 +141,6 @@ TEST(ReconstructionStreamingTest, SmallWindowsGiveTheEventsOfTheWholeList) {
     }
   }
   EXPECT_GT(compared, 60);
-}
-
-TEST(ReconstructionStreamingTest, OneEventLongerThanTheWindowStaysExact) {
-  std::vector<PhotonEvent> photons;
-  for (std::int64_t t = 0; t < 5000; ++t)
-    photons.push_back({Length{px(5)}, Length{px(5) + static_cast<std::int32_t>(t % 2) * px(1)}, Time{3 * t}});
-  const Reconstruction_Events r{Length::from_pixels(2), Time{3}, std::nullopt, Time{Time::max_ticks}};
-  for (const char* algorithm : algorithms) {
-    Trickle_Source source(photons);
-    kovra::EventList<Event> out;
-    reconstructEvents_switchAlgorithm(r, source, algorithm, out);
-    ASSERT_EQ(out.events.size(), 1u) << algorithm;
-    EXPECT_EQ(out.events[0].nPhotons, 5000u) << algorithm;
-    EXPECT_EQ(bytes_of(out.events),
-              bytes_of(reconstructEvents_switchAlgorithm(r, Data_PhotonEvents{photons, {}}, algorithm).events))
-        << algorithm;
-  }
 }
 
 }  // namespace
