@@ -11,6 +11,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FileBytes.hpp"
@@ -29,8 +30,9 @@ std::vector<std::string> names_in(const std::filesystem::path& dir) {
   return names;
 }
 
-Data_Events sample_events(bool withTriggers) {
+Data_Events sample_events(bool withTriggers, std::size_t count = 2) {
   std::vector<Event> events{{Length{1}, Length{-2}, Time{3}, 4, 0.5}, {Length{7}, Length{8}, Time{-9}, 1, 0.0}};
+  events.resize(count);
   std::optional<std::vector<Time>> triggers;
   if (withTriggers) triggers.emplace(std::vector<Time>{Time{5}, Time{-6}});
   return Data_Events(std::move(events), std::move(triggers));
@@ -78,8 +80,9 @@ TEST(OutputFileAtomicTest, TargetsThatCannotBeWrittenGiveABadStreamAndTheReason)
 
 TEST(ContainerFileWriterTest, StreamedFileEqualsTheWholeFileWriterByteForByte) {
   TempDir dir;
-  for (const bool withTriggers : {false, true}) {
-    const Data_Events data = sample_events(withTriggers);
+  for (const auto& [count, withTriggers] :
+       std::vector<std::pair<std::size_t, bool>>{{0, false}, {2, false}, {2, true}}) {
+    const Data_Events data = sample_events(withTriggers, count);
     std::filesystem::remove(dir.file("streamed.kovraevent"));
     FileHandler_Events::save_file(dir.file("whole.kovraevent"), data);
 
@@ -96,8 +99,8 @@ TEST(ContainerFileWriterTest, StreamedFileEqualsTheWholeFileWriterByteForByte) {
     writer.commit();
 
     FileBytes events;
-    events.i32(1).i32(-2).i64(3).u64(4).f64(0.5).i32(7).i32(8).i64(-9).u64(1).f64(0.0);
-    FileBytes content = FileBytes().block("events", events);
+    if (count > 0) events.i32(1).i32(-2).i64(3).u64(4).f64(0.5).i32(7).i32(8).i64(-9).u64(1).f64(0.0);
+    FileBytes content = FileBytes().block("events", events);  // 64 bytes in all when empty, without triggers
     if (withTriggers) content.block("extTrigs", FileBytes().i64(5).i64(-6));
     EXPECT_EQ(read_bytes(dir.file("streamed.kovraevent")), FileBytes::file(3, content).data);
     EXPECT_EQ(read_bytes(dir.file("whole.kovraevent")), FileBytes::file(3, content).data);
