@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -23,6 +26,21 @@ TEST(TimeTest, ConstantsAndBounds) {
   EXPECT_THROW(Time::make_from_seconds<true>(std::nextafter(Time::max_seconds, 1e300)), std::invalid_argument);
   EXPECT_THROW(Time::make_from_seconds<true>(-1e10), std::invalid_argument);
   EXPECT_THROW(Time::make_from_seconds<true>(std::numeric_limits<double>::quiet_NaN()), std::invalid_argument);
+}
+
+// Settings in seconds: the maximum event duration saturates beyond the bound, the bound itself converts to 2^62
+// ticks, one above the saturated value 2^62 - 1.
+TEST(TimeTest, DurationMaxSaturatesBeyondTheBound) {
+  const double inf = std::numeric_limits<double>::infinity();
+  for (const auto& [seconds, ticks] :
+       std::vector<std::pair<double, long>>{{0.0, 0},
+                                            {1e-6, 640},
+                                            {Time::max_seconds, 1L << 62},
+                                            {std::nextafter(Time::max_seconds, inf), (1L << 62) - 1},
+                                            {1e10, (1L << 62) - 1},
+                                            {inf, (1L << 62) - 1}}) {
+    EXPECT_EQ(kovra::tpx3spidr::convert_durationMax(seconds).value, ticks) << seconds;
+  }
 }
 
 TEST(TimeTest, SecondsRoundHalvesAwayFromZero) {
