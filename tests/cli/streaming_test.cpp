@@ -145,16 +145,14 @@ TEST(ThreadsTest, EveryThreadCountAndPieceSizeWritesTheSameFileAndSaysTheSame) {
       const auto alone = run_program(dir, "env", "KOVRA_THREADS=1 " KOVRA_BRANTEL_PATH " " + arguments);
       ASSERT_EQ(alone.status, 0) << alone.err;
       const std::string expected = read_bytes(dir.file("out.kovraevent"));
-      for (const char* threads : {"2", "3", "4", "5", "6", "7", "8"}) {
-        for (const char* piece : {"", " KOVRA_PIECE_PHOTONS=997"}) {
-          const std::string environment = std::string("KOVRA_THREADS=") + threads + piece + " ";
-          const auto outcome = run_program(dir, "env", environment + KOVRA_BRANTEL_PATH " " + arguments);
-          SCOPED_TRACE(testing::Message() << input.what << ", " << run << ", " << environment);
-          EXPECT_EQ(outcome.status, 0);
-          EXPECT_EQ(unstamp(outcome.out), unstamp(alone.out));
-          EXPECT_EQ(outcome.err, alone.err);
-          EXPECT_TRUE(read_bytes(dir.file("out.kovraevent")) == expected);
-        }
+      // The library's test sweeps every thread count and piece size; here the tool takes both from its environment.
+      for (const char* environment : {"KOVRA_THREADS=3 ", "KOVRA_THREADS=8 KOVRA_PIECE_PHOTONS=997 "}) {
+        const auto outcome = run_program(dir, "env", environment + std::string(KOVRA_BRANTEL_PATH " ") + arguments);
+        SCOPED_TRACE(testing::Message() << input.what << ", " << run << ", " << environment);
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(unstamp(outcome.out), unstamp(alone.out));
+        EXPECT_EQ(outcome.err, alone.err);
+        EXPECT_TRUE(read_bytes(dir.file("out.kovraevent")) == expected);
       }
     }
   }
