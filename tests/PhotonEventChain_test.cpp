@@ -54,18 +54,6 @@ TEST(PhotonEventChainDeathTest, PhotonBeforeTheFirstStops) {
   EXPECT_DEATH(chain.get_t_first(), "nPhotons != 0");
 }
 
-TEST(DataSetsTest, EventsTakeOverBothListsAndKeepTheTriggerState) {
-  std::vector<Event> events = {{Length{1}, Length{2}, Time{3}, 1, 0.0}};
-  std::optional<std::vector<Time>> triggers = std::vector<Time>{Time{4}, Time{5}};
-  const Data_Events data(std::move(events), std::move(triggers));
-  EXPECT_EQ(data.size(), 1u);
-  EXPECT_EQ(data.extTriggers, (std::vector<Time>{Time{4}, Time{5}}));
-
-  std::optional<std::vector<Time>> empty = std::vector<Time>{};
-  EXPECT_TRUE(Data_Events({}, std::move(empty)).extTriggers.has_value());
-  EXPECT_FALSE(Data_Events({}, std::nullopt).extTriggers.has_value());
-}
-
 TEST(DataSetsDeathTest, IndexingPastTheLastPhotonStops) {
   const Data_PhotonEvents photons{{photon(1, 2, 3)}, std::nullopt};
   EXPECT_EQ(photons[0].toa.value, 3);
