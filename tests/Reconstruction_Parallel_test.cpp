@@ -120,9 +120,14 @@ TEST(ReconstructionParallelTest, EveryThreadCountAndPieceSizeGivesTheBytesOfOneT
   for (const auto& set : datasets()) {
     const Data_PhotonEvents whole{set.photons, std::nullopt};
     for (const auto& s : set.settings) {
-      const auto r = s.reconstruction();
+      // An ignored factor is reported once per run, as on one thread, not once per worker or piece.
+      std::vector<std::string> warned;
+      auto r = s.reconstruction();
+      r.warn = [&warned](const std::string& line) { warned.push_back(line); };
       for (const auto& [name, algorithm] : algorithms) {
+        warned.clear();
         const std::string expected = bytes_of(reconstructEvents_switchAlgorithm(r, whole, name).events);
+        const auto warnedAlone = warned;
         // Every thread count at one small piece size, then tiny and uneven pieces, shrunk limits, and pieces
         // taken over wherever a run gets there first (as the tool runs).
         struct Run {
@@ -137,9 +142,11 @@ TEST(ReconstructionParallelTest, EveryThreadCountAndPieceSizeGivesTheBytesOfOneT
         runs.push_back({3, 64, kovra::detail::Piece_Tuning{}});
         for (std::size_t k = 0; k < runs.size(); ++k) {
           const auto& run = runs[k];
-          EXPECT_EQ(bytes_of(run_parallel(r, algorithm, set.photons, run.threads, run.piece, run.tuning)), expected)
-              << set.name << ", " << name << ", " << s << ", " << run.threads << " threads, pieces of " << run.piece
-              << ", run " << k;
+          SCOPED_TRACE(testing::Message() << set.name << ", " << name << ", " << s << ", " << run.threads
+                                          << " threads, pieces of " << run.piece << ", run " << k);
+          warned.clear();
+          EXPECT_EQ(bytes_of(run_parallel(r, algorithm, set.photons, run.threads, run.piece, run.tuning)), expected);
+          EXPECT_EQ(warned, warnedAlone);
           ++compared;
         }
       }
@@ -170,20 +177,6 @@ TEST(ReconstructionParallelTest, InputOutOfOrderRunsAsOneThreadWould) {
   }
 }
 
-TEST(ReconstructionParallelTest, AnIgnoredFactorIsReportedOnce) {
-  const auto photons = flashes(7, 500, {1.0});
-  for (const auto& [name, algorithm] : algorithms) {
-    std::vector<std::string> warned;
-    auto r = Settings{8, 5, 20, 0.5}.reconstruction();
-    r.warn = [&warned](const std::string& line) { warned.push_back(line); };
-    run_parallel(r, algorithm, photons, 4, 16);
-    const bool ignoresFactor = algorithm == Algorithm::fullChain || algorithm == Algorithm::forwardChain;
-    EXPECT_EQ(warned, ignoresFactor ? std::vector<std::string>{kovra::extensionFactor_notSupported}
-                                    : std::vector<std::string>{})
-        << name;
-  }
-}
-
 /// Whether an event of `groups` has photons on both sides of the cut before photon c (for the ghost-photon chain,
 /// a chain started before c that took a photon from c on).
 bool crosses(const plain_reconstruction::Groups& groups, std::size_t c) {
@@ -200,10 +193,6 @@ TEST(PieceCutsTest, NoEventOfThePlainFormulationsCrossesAStaticCut) {
   using namespace plain_reconstruction;
   std::vector<Settings> table(std::begin(random_photons::settingsTable), std::end(random_photons::settingsTable));
   table.insert(table.end(), {{8, 4, 30, 3.0}, {8, 30, 50, 0.1}});  // bounds of durationMax and of the factor
-  const std::pair<Plain, Algorithm> plains[] = {{&plainFullChain, Algorithm::fullChain},
-                                                {&plainForwardChain, Algorithm::forwardChain},
-                                                {&plainNoBranchChain<false>, Algorithm::noBranch},
-                                                {&plainNoBranchChain<true>, Algorithm::ghostPhoton}};
   int cuts = 0;
   int crossedAtTheBound = 0;
   for (unsigned seed = 1; seed <= 12; ++seed) {
@@ -211,8 +200,8 @@ TEST(PieceCutsTest, NoEventOfThePlainFormulationsCrossesAStaticCut) {
     auto p = random_photons::generate(seed, 400, random_photons::Disorder::none, false).photonEvents;
     for (std::size_t i = 0; i < p.size(); ++i) p[i].toa = Time{p[i].toa.value * (1 + static_cast<long>(seed % 4))};
     for (const auto& s : table) {
-      for (const auto& [plain, algorithm] : plains) {
-        const auto bound = kovra::detail::find_staticCutBound(s.reconstruction(), algorithm);
+      for (const auto& [name, plain] : plain_reconstruction::algorithms) {
+        const auto bound = kovra::detail::find_staticCutBound(s.reconstruction(), kovra::find_algorithm(name));
         if (!bound) continue;
         const auto groups = plain(p, s);
         for (std::size_t c = 1; c < p.size(); ++c) {
