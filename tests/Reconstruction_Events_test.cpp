@@ -13,11 +13,7 @@
 #include "RandomPhotons.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
-using kovra::tpx3spidr::Data_PhotonEvents;
-using kovra::tpx3spidr::Length;
-using kovra::tpx3spidr::PhotonEvent;
-using kovra::tpx3spidr::Reconstruction_Events;
-using kovra::tpx3spidr::Time;
+using namespace kovra::tpx3spidr;
 
 namespace {
 
