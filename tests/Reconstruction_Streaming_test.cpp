@@ -143,4 +143,22 @@ TEST(ReconstructionStreamingTest, SmallWindowsGiveTheEventsOfTheWholeList) {
   EXPECT_GT(compared, 60);
 }
 
+// One event of 5000 photons, far more than the window of 128 holds: the window grows and the event stays exact.
+TEST(ReconstructionStreamingTest, OneEventLongerThanTheWindowStaysExact) {
+  std::vector<PhotonEvent> photons;
+  for (std::int64_t t = 0; t < 5000; ++t)
+    photons.push_back({Length{5 * px}, Length{5 * px + static_cast<std::int32_t>(t % 2) * px}, Time{3 * t}});
+  const Reconstruction_Events r{Length{2 * px}, Time{3}, std::nullopt, Time{Time::max_ticks}};
+  for (const char* algorithm : algorithms) {
+    Trickle_Source source(photons);
+    kovra::EventList<Event> out;
+    reconstructEvents_switchAlgorithm(r, source, algorithm, out);
+    ASSERT_EQ(out.events.size(), 1u) << algorithm;
+    EXPECT_EQ(out.events[0].nPhotons, 5000u) << algorithm;
+    EXPECT_EQ(bytes_of(out.events),
+              bytes_of(reconstructEvents_switchAlgorithm(r, Data_PhotonEvents{photons, {}}, algorithm).events))
+        << algorithm;
+  }
+}
+
 }  // namespace
