@@ -128,17 +128,19 @@ TEST_F(ParallelImportTest, CrowdedFlashesComeOutAsOnOneThread) {
     double minTot;
     bool hitsAsPhotons, tables;
   };
-  const Setting settings[] = {
-      {1, 160, Photon_Time::strongest, 0, false, false},  {0, 50, Photon_Time::earliest, 0, false, false},
-      {2, 640, Photon_Time::strongest, 60, false, false}, {1, 192000, Photon_Time::earliest, 0, false, false},
-      {1, 160, Photon_Time::strongest, 0, true, false},   {1, 160, Photon_Time::strongest, 0, false, true}};
+  const Setting settings[] = {{1, 160, Photon_Time::strongest, 0, false, true},
+                              {0, 50, Photon_Time::earliest, 0, false, false},
+                              {2, 640, Photon_Time::strongest, 60, false, false},
+                              {1, 192000, Photon_Time::earliest, 0, false, false},
+                              {1, 160, Photon_Time::strongest, 0, true, false}};
   auto mask = std::make_shared<Pixel_Mask>(512);
   for (unsigned y = 0; y < 32; ++y) mask->add(10, y);
   for (const auto& [file, layout] :
        {std::pair{"single.tpx3", Frame_Layout::single}, {"quad.tpx3", Frame_Layout::quad}}) {
     for (const Setting& s : settings) {
       SCOPED_TRACE(testing::Message() << file << ": radius " << s.radius << ", window " << s.window << ", min-tot "
-                                      << s.minTot << (s.hitsAsPhotons ? ", hits as photons" : ""));
+                                      << s.minTot << (s.hitsAsPhotons ? ", hits as photons" : "")
+                                      << (s.tables ? ", time walk and mask" : ""));
       Import_Options options = options_for(file, layout);
       options.radius_px = s.radius, options.window = s.window, options.photonTime = s.time;
       options.minTot_ns = s.minTot, options.hitsAsPhotons = s.hitsAsPhotons;
