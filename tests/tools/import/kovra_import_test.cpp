@@ -37,14 +37,7 @@ using testing::HasSubstr;
 using namespace std::string_literals;
 constexpr int px = 65536;
 
-struct Photon {
-  int x, y;
-  long t;
-  bool operator==(const Photon&) const = default;
-};
-std::ostream& operator<<(std::ostream& os, const Photon& p) {
-  return os << '(' << p.x << ", " << p.y << ", " << p.t << ')';
-}
+using Photon = Reference_Photon;
 
 /// A photon file's content, read with the library's reader.
 struct PhotonFile {
@@ -418,9 +411,7 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
     auto simulated = write_simulatedRaw(dir.file("sim.tpx3"), settings, 5);
     ASSERT_GT(simulated.hits.size(), 10000u);
     for (auto& h : simulated.hits) h.time = walks ? std::max(0L, h.time - delay(h.tot)) : h.time;
-    std::vector<Photon> expected;
-    for (const auto& p : group_byRule(simulated.hits, radius, window, strongest))
-      expected.push_back({p.x, p.y, p.time});
+    const std::vector<Photon> expected = group_byRule(simulated.hits, radius, window, strongest);
     std::vector<long> triggers;
     for (const auto& t : *simulated.photons.extTriggers) triggers.push_back(t.value);
     // On several threads (the same photons and summary as on one: ParallelImportTest).
