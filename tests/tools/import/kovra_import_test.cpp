@@ -266,30 +266,27 @@ TEST_F(ImportTest, AFileCutInItsLastChunksSaysWhereItEnded) {
   ASSERT_GT(starts.size(), 20u);
   const std::size_t last = starts[starts.size() - 2];
   ASSERT_GT(whole.size() - last, 40u);  // a last chunk long enough for the cuts below
+  const std::string L = std::to_string(last), size = std::to_string(whole.size() - last - 8);
+  const auto warning = [](const std::string& where, const std::string& unread) {
+    return "warning: the raw file ended early, inside " + where +
+           "; every complete packet before the end was imported, " + unread + " left unread\n";
+  };
+  const auto in_chunk = [&](int present) {
+    return "the chunk at byte offset " + L + " (" + std::to_string(present) + " of its " + size + " bytes present)";
+  };
   // Between two chunks (a whole file), then in the last: in its header, at the end of its header, one byte into a
   // packet, and a few packets in.
-  const std::vector<std::size_t> cuts{last, last + 7, last + 8, last + 9, last + 21};
-  for (const std::size_t cut : cuts) {
-    const std::size_t at = *std::prev(std::upper_bound(starts.begin(), starts.end(), cut));
-    std::string warning;  // none where the cut falls between two chunks
-    if (cut > at) {
-      const std::uint64_t header = get_word(whole, at);
-      const std::size_t present = cut - at >= 8 ? cut - at - 8 : 0;
-      const std::size_t unreadAt = cut - at >= 8 ? at + 8 + present / 8 * 8 : at;
-      const std::string where = cut - at >= 8 ? "the chunk at byte offset " + std::to_string(at) + " (" +
-                                                    std::to_string(present) + " of its " +
-                                                    std::to_string(get_chunkBytes(header)) + " bytes present)"
-                                              : "a chunk header at byte offset " + std::to_string(at);
-      const std::size_t unread = cut - unreadAt;
-      warning = "warning: the raw file ended early, inside " + where +
-                "; every complete packet before the end was imported, " + std::to_string(unread) +
-                (unread == 1 ? " byte at byte offset " : " bytes at byte offset ") + std::to_string(unreadAt) +
-                (unread == 1 ? " was" : " were") + " left unread\n";
-    }
+  const std::pair<std::size_t, std::string> cuts[] = {
+      {last, ""},
+      {last + 7, warning("a chunk header at byte offset " + L, "7 bytes at byte offset " + L + " were")},
+      {last + 8, warning(in_chunk(0), "0 bytes at byte offset " + std::to_string(last + 8) + " were")},
+      {last + 9, warning(in_chunk(1), "1 byte at byte offset " + std::to_string(last + 8) + " was")},
+      {last + 21, warning(in_chunk(13), "5 bytes at byte offset " + std::to_string(last + 16) + " were")}};
+  for (const auto& [cut, expected] : cuts) {
     write_bytes(dir.file("cut.tpx3"), whole.substr(0, cut));
     SCOPED_TRACE(testing::Message() << "cut at " << cut);
     ASSERT_EQ(run("cut.tpx3 -o cut.kovraphot --verbose 0 --threads 3", "KOVRA_PIECE_HITS=1"), 0) << err;
-    EXPECT_EQ(err, warning);
+    EXPECT_EQ(err, expected);
   }
   // The summary says so too.
   ASSERT_EQ(run("cut.tpx3 -o cut.kovraphot"), 0);
