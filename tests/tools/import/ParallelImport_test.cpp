@@ -247,7 +247,7 @@ struct Failing_Output : Kept_Output {
 };
 
 TEST_F(ParallelImportTest, AFailedWriteEndsTheRunOnEveryThreadCount) {
-  // On several threads, after many pieces went to the workers, which stop with the run.
+  // On several threads, after many pieces were written, with the workers busy; they stop with the run.
   Import_Options options = options_for("single.tpx3", Frame_Layout::single);
   for (const auto& [threads, pieceItems] : {std::pair{1U, std::size_t{1}}, {2U, 1}, {5U, 7}}) {
     options.threads = threads, options.pieceItems = pieceItems;
@@ -257,6 +257,9 @@ TEST_F(ParallelImportTest, AFailedWriteEndsTheRunOnEveryThreadCount) {
                 testing::ThrowsMessage<Output_Failure>(
                     testing::StrEq("cannot write \"out.kovraphot\": No space left on device")))
         << threads << " threads";
+    if (threads > 1) {
+      EXPECT_GT(output.photons.size(), 500u) << "photons of the pieces written before the failure";
+    }
   }
 }
 
