@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <ostream>
 #include <vector>
 
 struct Reference_Hit {
@@ -22,6 +23,9 @@ struct Reference_Photon {
   long time;
   bool operator==(const Reference_Photon&) const = default;
 };
+inline std::ostream& operator<<(std::ostream& os, const Reference_Photon& p) {
+  return os << '(' << p.x << ", " << p.y << ", " << p.time << ')';
+}
 
 /// Photons of `hits` (any order; sorted by time here, stably) in non-decreasing time, ties in opening order.
 /// When `firstHits` is given, it receives for each hit (in time order) the index of its photon's first hit.

@@ -1,16 +1,19 @@
 #pragma once
 
 // The import run in-process into an output that keeps what it is given, and the simulator's raw output with
-// where its chunks begin: shared by the tests of the reader, of the parallel import and of the program.
+// its hits and where its chunks begin: shared by the tests of the reader, of the parallel import and of the
+// program.
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "GroupingReference.hpp"
 #include "TempDir.hpp"
 #include "common/import/Import.hpp"
 #include "simulate/PhotonSimulation.hpp"
@@ -47,6 +50,25 @@ inline Imported import_file(kovra::import::Import_Options options, unsigned thre
   return result;
 }
 
+/// A simulated acquisition written as raw data to `file` (its frame as the settings say; `seed` draws the ToTs):
+/// the photons with their triggers, and the hits the raw file holds.
+struct Simulated_Raw {
+  kovra::tpx3spidr::Data_PhotonEvents photons;
+  std::vector<Reference_Hit> hits;
+};
+inline Simulated_Raw write_simulatedRaw(const std::string& file, const kovra::simulate::Simulation_Settings& settings,
+                                        std::uint64_t seed) {
+  Simulated_Raw raw{kovra::simulate::simulate_photonEvents(settings, [](const auto&) {}).photons, {}};
+  std::FILE* out = std::fopen(file.c_str(), "wb");
+  if (out == nullptr) throw std::runtime_error("cannot write " + file);
+  kovra::simulate::write_raw(raw.photons, settings.width_px, settings.height_px, seed, out,
+                             [&](const kovra::simulate::Raw_Hit& h) {
+    raw.hits.push_back({h.time, static_cast<int>(h.x), static_cast<int>(h.y), h.tot});
+  });
+  std::fclose(out);
+  return raw;
+}
+
 /// A simulated acquisition's raw file, written to simulated.tpx3 in `dir`: flashes of a few photons and periodic
 /// triggers, one chunk per 205 us of a few dozen packets.
 inline std::string simulate_raw(const TempDir& dir, double duration_s, std::uint64_t seed) {
@@ -54,11 +76,7 @@ inline std::string simulate_raw(const TempDir& dir, double duration_s, std::uint
   settings.duration_s = duration_s, settings.eventRate_Hz = 2e4, settings.photonsPerEvent = 2, settings.seed = seed;
   settings.triggerMode = kovra::simulate::Trigger_Mode::periodic;
   settings.triggerFrequency_Hz = 2e4;
-  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
-  std::FILE* file = std::fopen(dir.file("simulated.tpx3").c_str(), "wb");
-  if (file == nullptr) return {};
-  kovra::simulate::write_raw(simulated.photons, 256, 256, seed, file, [](const kovra::simulate::Raw_Hit&) {});
-  std::fclose(file);
+  write_simulatedRaw(dir.file("simulated.tpx3"), settings, seed);
   return read_bytes(dir.file("simulated.tpx3"));
 }
 

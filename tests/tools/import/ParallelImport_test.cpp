@@ -1,18 +1,22 @@
 // The import on several threads against the import on one: the same photons in the same order, the same
 // triggers and the same summary, for every thread count from 2 to 8 and pieces down to a single bucket, on
-// crowded simulated raw data and on data where neighbouring runs never agree.
+// crowded simulated raw data and on data where neighbouring runs never agree; and the same failures.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "ImportRuns.hpp"
+#include "RawBytes.hpp"
 #include "TempDir.hpp"
+#include "common/import/ChargeSidecar.hpp"
 #include "common/import/Import.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
@@ -20,12 +24,12 @@
 namespace {
 
 using namespace kovra::import;
-using import_runs::Imported, import_runs::import_file;
+using import_runs::Imported, import_runs::import_file, import_runs::Kept_Output;
 
 /// Everything a run reports, the trace's reorder-window figure included.
 auto get_counts(const Import_Summary& s) {
-  return std::tuple(s.packets, s.chunks, s.droppedTot, s.droppedLate, s.tdcRepeats, s.lateTriggers, s.triggers,
-                    s.photons, s.rollovers, s.firstTime, s.lastTime, s.mostHeld);
+  return std::tuple(s.packets, s.chunks, s.droppedTot, s.droppedLate, s.droppedMasked, s.tdcRepeats, s.lateTriggers,
+                    s.triggers, s.photons, s.rollovers, s.firstTime, s.lastTime, s.mostHeld);
 }
 
 /// Imports at one thread, then at 2 to 8 threads with pieces from a single bucket up, and compares. Returns the
@@ -38,7 +42,8 @@ Parallel_Stats expect_sameOnEveryThreadCount(const Import_Options& options) {
   std::uint64_t hits = 0;
   for (const auto& [tot, n] : one.output.charges) hits += n;
   const auto& s = one.summary;
-  EXPECT_EQ(hits, s.packets[static_cast<std::size_t>(Packet_Kind::hit)] - s.droppedTot - s.droppedLate);
+  EXPECT_EQ(hits,
+            s.packets[static_cast<std::size_t>(Packet_Kind::hit)] - s.droppedTot - s.droppedLate - s.droppedMasked);
   Parallel_Stats total;
   const std::pair<unsigned, std::size_t> runs[] = {
       {2, Import_Options::default_pieceItems}, {2, 1}, {3, 7}, {4, 1}, {5, 997}, {6, 1}, {7, 7}, {8, 1}};
@@ -60,21 +65,6 @@ Parallel_Stats expect_sameOnEveryThreadCount(const Import_Options& options) {
   return total;
 }
 
-/// Raw words, chunk by chunk, into a file.
-struct Raw_File {
-  void chunk(unsigned chip, const std::vector<std::uint64_t>& packets) {
-    words.push_back(make_chunkHeader(chip, 8 * packets.size()));
-    words.insert(words.end(), packets.begin(), packets.end());
-  }
-  void write(const std::string& name) const {
-    std::FILE* f = std::fopen(name.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fwrite(words.data(), 8, words.size(), f);
-    std::fclose(f);
-  }
-  std::vector<std::uint64_t> words;
-};
-
 /// Crowded flashes (20 photons each, all within a pixel or two and tens of nanoseconds, on a small frame) as
 /// the simulator's raw output, shifted in time to cross a roll-over of the hit counter; then a chunk of late
 /// packets: hits a few milliseconds behind (kept, far out of order) and beyond the reorder window (dropped).
@@ -89,9 +79,9 @@ void write_crowdedRaw(const std::string& name, int side, double flashRate, std::
   const long shift = (1L << 34) - 2560000;  // the hit counter rolls over 4 ms in
   for (auto& p : simulated.photons.photonEvents) p.toa.value += shift;
   for (auto& t : *simulated.photons.extTriggers) t.value += shift;
-  Raw_File raw;
+  RawBytes raw;
   kovra::simulate::Raw_Writer writer(
-      side, side, seed, [&](const std::uint64_t* w, std::size_t n) { raw.words.insert(raw.words.end(), w, w + n); },
+      side, side, seed, [&](const std::uint64_t* w, std::size_t n) { raw.words(w, n); },
       [&, next = std::size_t{0}](kovra::tpx3spidr::Time& t) mutable {
     if (next == simulated.photons.extTriggers->size()) return false;
     t = (*simulated.photons.extTriggers)[next++];
@@ -104,7 +94,7 @@ void write_crowdedRaw(const std::string& name, int side, double flashRate, std::
   raw.chunk(0, {make_hitPacket(3, 3, 20, static_cast<std::uint64_t>(end - 2000000)),
                 make_hitPacket(4, 3, 20, static_cast<std::uint64_t>(end - 2000000)),
                 make_hitPacket(9, 9, 5, static_cast<std::uint64_t>(end - 4500000))});
-  raw.write(name);
+  write_bytes(name, raw.data);
 }
 
 class ParallelImportTest : public ::testing::Test {
@@ -128,28 +118,37 @@ class ParallelImportTest : public ::testing::Test {
 TempDir* ParallelImportTest::dir = nullptr;
 
 TEST_F(ParallelImportTest, CrowdedFlashesComeOutAsOnOneThread) {
-  // Radius, window (ticks), photon time, minimum ToT (ns), hits as photons. The window of 0.3 ms is longer than
-  // a bucket: a piece of one bucket can hold no cut, and the run before takes the piece on.
+  // Radius, window (ticks), photon time, minimum ToT (ns), hits as photons, and whether a time-walk table (up to
+  // 300 ticks: hits far out of order) and a pixel mask (a column of the frame's corner) apply. The window of
+  // 0.3 ms is longer than a bucket: a piece of one bucket can hold no cut, and the run before takes the piece on.
   struct Setting {
     unsigned radius;
     Ticks window;
     Photon_Time time;
     double minTot;
-    bool hitsAsPhotons;
+    bool hitsAsPhotons, tables;
   };
-  const Setting settings[] = {{1, 160, Photon_Time::strongest, 0, false},
-                              {0, 50, Photon_Time::earliest, 0, false},
-                              {2, 640, Photon_Time::strongest, 60, false},
-                              {1, 192000, Photon_Time::earliest, 0, false},
-                              {1, 160, Photon_Time::strongest, 0, true}};
+  const Setting settings[] = {{1, 160, Photon_Time::strongest, 0, false, true},
+                              {0, 50, Photon_Time::earliest, 0, false, false},
+                              {2, 640, Photon_Time::strongest, 60, false, false},
+                              {1, 192000, Photon_Time::earliest, 0, false, false},
+                              {1, 160, Photon_Time::strongest, 0, true, false}};
+  auto mask = std::make_shared<Pixel_Mask>(512);
+  for (unsigned y = 0; y < 32; ++y) mask->add(10, y);
   for (const auto& [file, layout] :
        {std::pair{"single.tpx3", Frame_Layout::single}, {"quad.tpx3", Frame_Layout::quad}}) {
     for (const Setting& s : settings) {
       SCOPED_TRACE(testing::Message() << file << ": radius " << s.radius << ", window " << s.window << ", min-tot "
-                                      << s.minTot << (s.hitsAsPhotons ? ", hits as photons" : ""));
+                                      << s.minTot << (s.hitsAsPhotons ? ", hits as photons" : "")
+                                      << (s.tables ? ", time walk and mask" : ""));
       Import_Options options = options_for(file, layout);
       options.radius_px = s.radius, options.window = s.window, options.photonTime = s.time;
       options.minTot_ns = s.minTot, options.hitsAsPhotons = s.hitsAsPhotons;
+      if (s.tables) {
+        options.timeWalk = std::make_shared<const Time_Walk>(std::vector<Time_Walk::Row>{{25, 300}, {250, 0}});
+        options.mask = mask;
+        EXPECT_GT(import_file(options, 1, 1).summary.droppedMasked, 100u);
+      }
       const Parallel_Stats stats = expect_sameOnEveryThreadCount(options);
       if (s.window > (Ticks{1} << Reorder_Window::bucket_bits)) {
         EXPECT_GT(stats.takenOn, 100u);
@@ -172,7 +171,7 @@ TEST_F(ParallelImportTest, AStretchWhereRunsNeverAgreeIsGroupedAsOneThreadGroups
   // the one before; a run starting fresh at a hit of another phase makes other photons, and the two never agree
   // while the pixel fires. Beside it, flashes elsewhere; after it, a quiet stretch, where runs agree again.
   constexpr Ticks window = 160;
-  Raw_File raw;
+  RawBytes raw;
   for (Ticks slice = 0; slice < 120; ++slice) {
     std::vector<std::uint64_t> packets{make_heartbeatPacket(static_cast<std::uint64_t>(slice << 16))};
     for (Ticks t = ((slice << 16) + window / 2 - 1) / (window / 2) * (window / 2); t < (slice + 1) << 16;
@@ -186,7 +185,7 @@ TEST_F(ParallelImportTest, AStretchWhereRunsNeverAgreeIsGroupedAsOneThreadGroups
     }
     raw.chunk(0, packets);
   }
-  raw.write(dir->file("hot.tpx3"));
+  write_bytes(dir->file("hot.tpx3"), raw.data);
   Import_Options options = options_for("hot.tpx3", Frame_Layout::single);
   options.window = window;
   const Parallel_Stats stats = expect_sameOnEveryThreadCount(options);
@@ -199,7 +198,7 @@ TEST_F(ParallelImportTest, PhotonsOfTheRunBeforeACutMergeWithThoseAfterIt) {
   // begins; P opens at T, in both runs; b, beside R, joins R in the run from before but opens a photon in the
   // fresh run: the cut comes after b. Q opens after the cut, at T + 2, before P's strongest hit at T + 100: the
   // photon of the run before the cut is written after one of the run after it.
-  Raw_File raw;
+  RawBytes raw;
   for (Ticks s = 0; s < 40; ++s) {
     const auto at = [](Ticks t) { return static_cast<std::uint64_t>(t); };
     const Ticks T = (s << 16) + 10;
@@ -212,30 +211,19 @@ TEST_F(ParallelImportTest, PhotonsOfTheRunBeforeACutMergeWithThoseAfterIt) {
     packets.push_back(make_hitPacket(10, 10, 5, at(((s + 1) << 16) - 40)));  // R, for the next bucket
     raw.chunk(0, packets);
   }
-  raw.write(dir->file("merge.tpx3"));
+  write_bytes(dir->file("merge.tpx3"), raw.data);
   const Parallel_Stats stats = expect_sameOnEveryThreadCount(options_for("merge.tpx3", Frame_Layout::single));
   EXPECT_GT(stats.cuts, 100u);
 }
 
 TEST_F(ParallelImportTest, DamageEndsTheRunWithTheMessageOfOneThread) {
   // The damage comes after thousands of pieces went to the workers.
-  Raw_File valid;
-  {
-    std::FILE* f = std::fopen(dir->file("single.tpx3").c_str(), "rb");
-    ASSERT_NE(f, nullptr);
-    std::uint64_t w = 0;
-    while (std::fread(&w, 8, 1, f) == 1) valid.words.push_back(w);
-    std::fclose(f);
-  }
-  const auto with = [&](const std::vector<std::uint64_t>& tail) {
-    Raw_File raw = valid;
-    raw.words.insert(raw.words.end(), tail.begin(), tail.end());
-    return raw;
-  };
-  const Raw_File cases[] = {with({make_chunkHeader(0, 12), make_hitPacket(1, 1, 1, 5), 0}),
-                            with({make_hitPacket(1, 1, 1, 5)}), with({make_chunkHeader(2, 0)})};
-  for (const Raw_File& raw : cases) {
-    raw.write(dir->file("bad.tpx3"));
+  const std::string valid = read_bytes(dir->file("single.tpx3"));
+  const std::string cases[] = {RawBytes().word(make_chunkHeader(0, 12)).word(make_hitPacket(1, 1, 1, 5)).word(0).data,
+                               RawBytes().word(make_hitPacket(1, 1, 1, 5)).data,
+                               RawBytes().word(make_chunkHeader(2, 0)).data};
+  for (const std::string& tail : cases) {
+    write_bytes(dir->file("bad.tpx3"), valid + tail);
     const auto message_at = [&](unsigned threads) -> std::string {
       try {
         import_file(options_for("bad.tpx3", Frame_Layout::single), threads, 1);
@@ -247,6 +235,31 @@ TEST_F(ParallelImportTest, DamageEndsTheRunWithTheMessageOfOneThread) {
     const std::string one = message_at(1);
     EXPECT_NE(one, "no failure");
     for (const unsigned threads : {2U, 5U}) EXPECT_EQ(message_at(threads), one) << threads << " threads";
+  }
+}
+
+/// An output that fails once it is given more than 1000 photons, as a full disk would.
+struct Failing_Output : Kept_Output {
+  void add_photons(const Hit_Grouping::Photon* p, std::size_t n) {
+    if (photons.size() + n > 1000) throw Output_Failure("cannot write \"out.kovraphot\": No space left on device");
+    Kept_Output::add_photons(p, n);
+  }
+};
+
+TEST_F(ParallelImportTest, AFailedWriteEndsTheRunOnEveryThreadCount) {
+  // On several threads, after many pieces were written, with the workers busy; they stop with the run.
+  Import_Options options = options_for("single.tpx3", Frame_Layout::single);
+  for (const auto& [threads, pieceItems] : {std::pair{1U, std::size_t{1}}, {2U, 1}, {5U, 7}}) {
+    options.threads = threads, options.pieceItems = pieceItems;
+    Failing_Output output;
+    Import_Observer quiet;
+    EXPECT_THAT([&] { run_import(options, output, quiet); },
+                testing::ThrowsMessage<Output_Failure>(
+                    testing::StrEq("cannot write \"out.kovraphot\": No space left on device")))
+        << threads << " threads";
+    if (threads > 1) {
+      EXPECT_GT(output.photons.size(), 500u) << "photons of the pieces written before the failure";
+    }
   }
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ImportRuns.hpp"
+#include "RawBytes.hpp"
 #include "TempDir.hpp"
 #include "common/import/Import.hpp"
 
@@ -21,24 +22,6 @@ using namespace kovra::import;
 using import_runs::get_chunkStarts, import_runs::get_word, import_runs::Imported, import_runs::Kept_Output,
     import_runs::simulate_raw;
 using Stretch = std::tuple<std::uint64_t, std::uint64_t, std::string>;
-
-/// Raw bytes built word by word.
-struct Bytes {
-  Bytes& word(std::uint64_t w) {
-    data.append(reinterpret_cast<const char*>(&w), 8);  // host order, little-endian here
-    return *this;
-  }
-  Bytes& chunk(unsigned chip, const std::vector<std::uint64_t>& words) {
-    word(make_chunkHeader(chip, 8 * words.size()));
-    for (const auto w : words) word(w);
-    return *this;
-  }
-  Bytes& raw(const std::string& bytes) {
-    data += bytes;
-    return *this;
-  }
-  std::string data;
-};
 
 /// What a walk over a file handed on and said.
 struct Walk {
@@ -69,9 +52,9 @@ std::string ends_without(std::uint64_t at, std::uint64_t end) {
 }
 
 TEST(RawReaderTest, SkippingHandsOnNoWordOfAStretchItSkips) {
-  const std::string A = Bytes().chunk(0, {p(1), p(2)}).data;  // 24 bytes
-  const std::string B = Bytes().chunk(0, {p(3), p(4)}).data;  // 24 bytes
-  const std::string C = Bytes().chunk(0, {p(5)}).data;        // 16 bytes
+  const std::string A = RawBytes().chunk(0, {p(1), p(2)}).data;  // 24 bytes
+  const std::string B = RawBytes().chunk(0, {p(3), p(4)}).data;  // 24 bytes
+  const std::string C = RawBytes().chunk(0, {p(5)}).data;        // 16 bytes
   struct Case {
     const char* what;
     std::string bytes;
@@ -80,17 +63,17 @@ TEST(RawReaderTest, SkippingHandsOnNoWordOfAStretchItSkips) {
   };
   const Case cases[] = {
       {"a packet in place of B's header",
-       A + Bytes().word(p(9)).word(p(3)).word(p(4)).data + C,
+       A + RawBytes().word(p(9)).word(p(3)).word(p(4)).data + C,
        {0, 48},
        {p(1), p(2), p(5)},
        {{24, 24, no_header(24)}}},
       {"B 8 bytes longer than it is",
-       A + Bytes().word(make_chunkHeader(0, 24)).word(p(3)).word(p(4)).data + C,
+       A + RawBytes().word(make_chunkHeader(0, 24)).word(p(3)).word(p(4)).data + C,
        {0, 48},
        {p(1), p(2), p(5)},
        {{24, 24, ends_without(24, 56)}}},
       {"B's size no multiple of 8",
-       A + Bytes().word(make_chunkHeader(0, 20)).word(p(3)).word(p(4)).data + C,
+       A + RawBytes().word(make_chunkHeader(0, 20)).word(p(3)).word(p(4)).data + C,
        {0, 48},
        {p(1), p(2), p(5)},
        {{24, 24, "chunk at byte offset 24 has a size of 20 bytes, not a multiple of 8"}}},
@@ -102,13 +85,13 @@ TEST(RawReaderTest, SkippingHandsOnNoWordOfAStretchItSkips) {
        {p(1), p(2), p(5), p(5)},
        {{24, 27, ends_without(24, 48)}}},
       {"two packets between B and C",
-       A + B + Bytes().word(p(7)).word(p(8)).data + C,
+       A + B + RawBytes().word(p(7)).word(p(8)).data + C,
        {0, 24, 64},
        {p(1), p(2), p(3), p(4), p(5)},
        {{48, 16, no_header(48)}}},
       // B's payload holds a marker (of a chunk too long for the file): B cannot be told from damage.
       {"a marker in B's payload",
-       A + Bytes().chunk(0, {p(3), make_chunkHeader(0, 0xFFF0)}).word(p(7)).word(p(8)).data + C,
+       A + RawBytes().chunk(0, {p(3), make_chunkHeader(0, 0xFFF0)}).word(p(7)).word(p(8)).data + C,
        {0, 64},
        {p(1), p(2), p(5)},
        {{24, 40, ends_without(24, 48)}}},
@@ -120,17 +103,17 @@ TEST(RawReaderTest, SkippingHandsOnNoWordOfAStretchItSkips) {
       // Markers that are no plausible chunk header: of a chip that does not fit, and one whose chunk is not
       // followed by a marker.
       {"a marker of another chip",
-       A + Bytes().word(p(9)).chunk(7, {p(6)}).data + C,
+       A + RawBytes().word(p(9)).chunk(7, {p(6)}).data + C,
        {0, 48},
        {p(1), p(2), p(5)},
        {{24, 24, no_header(24)}}},
       {"a marker whose chunk ends where none begins",
-       A + Bytes().word(p(9)).word(make_chunkHeader(0, 16)).word(p(6)).data + C,
+       A + RawBytes().word(p(9)).word(make_chunkHeader(0, 16)).word(p(6)).data + C,
        {0, 48},
        {p(1), p(2), p(5)},
        {{24, 24, no_header(24)}}},
       {"8 bytes at the end",
-       A + B + Bytes().word(p(9)).data,
+       A + B + RawBytes().word(p(9)).data,
        {0, 24},
        {p(1), p(2), p(3), p(4)},
        {{48, 8, no_header(48)}}},
@@ -174,7 +157,7 @@ TEST(RawReaderTest, EveryCutOfTheLastTwoChunksGivesThePhotonsOfItsCompletePacket
     const std::size_t packets = cut >= at + 8 ? (cut - at - 8) / 8 : 0;
     std::string bytes = whole.substr(0, at);
     if (cut >= at + 8) {
-      bytes += Bytes().word(make_chunkHeader(get_chunkChip(get_word(whole, at)), 8 * packets)).data +
+      bytes += RawBytes().word(make_chunkHeader(get_chunkChip(get_word(whole, at)), 8 * packets)).data +
                whole.substr(at + 8, 8 * packets);
     }
     if (bytes != referenceBytes) {
@@ -207,7 +190,7 @@ TEST(RawReaderTest, EveryCutOfTheLastTwoChunksGivesThePhotonsOfItsCompletePacket
 /// block read (the reader's first read takes block_bytes + most_keptBytes).
 TEST(RawReaderTest, ChunksAcrossBlockBoundariesComeWholeAfterDamageToo) {
   TempDir dir;
-  Bytes chunks;
+  RawBytes chunks;
   std::vector<std::uint64_t> words;
   const auto add_chunk = [&](std::size_t count) {
     std::vector<std::uint64_t> payload;
@@ -219,7 +202,7 @@ TEST(RawReaderTest, ChunksAcrossBlockBoundariesComeWholeAfterDamageToo) {
     add_chunk(i % 5 == 0 ? 0x1FFF : 97 * (i % 7) + 1);  // up to the largest payload, 0xFFF8 bytes
   }
   add_chunk(0x1FFF);
-  const std::string first = Bytes().chunk(0, {p(0x7FFFFFF)}).data;  // 16 bytes, skipped with the damage after it
+  const std::string first = RawBytes().chunk(0, {p(0x7FFFFFF)}).data;  // 16 bytes, skipped with the damage after it
   const std::size_t firstRead = Raw_Window::block_bytes + Raw_Window::most_keptBytes;
   std::vector<std::tuple<std::string, std::string, std::vector<std::uint64_t>, std::vector<Stretch>>> cases = {
       {"whole", chunks.data, words, {}},

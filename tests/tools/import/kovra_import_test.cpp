@@ -12,18 +12,18 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "FileBytes.hpp"
 #include "GroupingReference.hpp"
 #include "ImportRuns.hpp"
+#include "RawBytes.hpp"
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "common/PhotonFlashes.hpp"
+#include "common/import/PixelMask.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonSimulation.hpp"
@@ -32,33 +32,12 @@
 namespace {
 
 using namespace kovra::tpx3spidr::raw;
-using import_runs::get_chunkStarts, import_runs::get_word, import_runs::simulate_raw;
+using import_runs::get_chunkStarts, import_runs::get_word, import_runs::simulate_raw, import_runs::write_simulatedRaw;
 using testing::HasSubstr;
 using namespace std::string_literals;
 constexpr int px = 65536;
 
-/// A raw file built chunk by chunk; packets are given as words.
-struct RawBytes {
-  RawBytes& chunk(unsigned chip, const std::vector<std::uint64_t>& packets) {
-    word(make_chunkHeader(chip, 8 * packets.size()));
-    for (const auto w : packets) word(w);
-    return *this;
-  }
-  RawBytes& word(std::uint64_t w) {
-    data.append(reinterpret_cast<const char*>(&w), 8);  // host order, little-endian here
-    return *this;
-  }
-  std::string data;
-};
-
-struct Photon {
-  int x, y;
-  long t;
-  bool operator==(const Photon&) const = default;
-};
-std::ostream& operator<<(std::ostream& os, const Photon& p) {
-  return os << '(' << p.x << ", " << p.y << ", " << p.t << ')';
-}
+using Photon = Reference_Photon;
 
 /// A photon file's content, read with the library's reader.
 struct PhotonFile {
@@ -123,6 +102,21 @@ TEST_F(ImportTest, BadCommandLines) {
   // The option wins over the environment, which is then not read.
   EXPECT_EQ(run("a.tpx3 -o a.kovraphot --threads 3 --verbose 4", "KOVRA_THREADS=x"), 0) << err;
   EXPECT_THAT(out, HasSubstr(" piece on 3 threads: "));
+
+  // A table that cannot be used stops the run with status 1 before any output (each kind of bad table:
+  // TimeWalkTest, PixelMaskTest); a mask is read for the layout's frame.
+  write_bytes(dir.file("quad.txt"), "300 2\n");
+  write_bytes(dir.file("old.kovraphot"), "earlier");
+  const std::pair<std::string, std::string> tables[] = {
+      {"--time-walk missing.txt", "time-walk table 'missing.txt': cannot be read"},
+      {"--mask quad.txt",
+       "pixel mask 'quad.txt': line 1: expected a pixel's x and y, whole numbers from 0 to 255, got "
+       "'300 2'"}};
+  for (const auto& [options, message] : tables) {
+    EXPECT_EQ(std::tuple(run("a.tpx3 -o old.kovraphot " + options), err),
+              std::tuple(1, "kovra_import: " + message + "\n"));
+  }
+  EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
 }
 
 TEST_F(ImportTest, EveryPacketTypeInAQuadFile) {
@@ -270,45 +264,41 @@ TEST_F(ImportTest, AFileCutInItsLastChunksSaysWhereItEnded) {
   const std::string whole = simulate_raw(dir, 0.01, 3);
   const std::vector<std::size_t> starts = get_chunkStarts(whole);
   ASSERT_GT(starts.size(), 20u);
-  ASSERT_GT(starts[starts.size() - 2] - starts[starts.size() - 3], 40u);  // chunks long enough for the cuts below
-  ASSERT_GT(starts[starts.size() - 1] - starts[starts.size() - 2], 40u);
-  // Between two chunks (a whole file), in the chunk before the last, then in the last: in its header, at the end
-  // of its header, one byte into a packet, a few packets in, and at its last byte.
   const std::size_t last = starts[starts.size() - 2];
-  const std::vector<std::size_t> cuts{
-      last, starts[starts.size() - 3] + 21, last + 7, last + 8, last + 9, last + 21, whole.size() - 1};
-  for (const std::size_t cut : cuts) {
-    const std::size_t at = *std::prev(std::upper_bound(starts.begin(), starts.end(), cut));
-    std::string warning;  // none where the cut falls between two chunks
-    if (cut > at) {
-      const std::uint64_t header = get_word(whole, at);
-      const std::size_t present = cut - at >= 8 ? cut - at - 8 : 0;
-      const std::size_t unreadAt = cut - at >= 8 ? at + 8 + present / 8 * 8 : at;
-      const std::string where = cut - at >= 8 ? "the chunk at byte offset " + std::to_string(at) + " (" +
-                                                    std::to_string(present) + " of its " +
-                                                    std::to_string(get_chunkBytes(header)) + " bytes present)"
-                                              : "a chunk header at byte offset " + std::to_string(at);
-      const std::size_t unread = cut - unreadAt;
-      warning = "warning: the raw file ended early, inside " + where +
-                "; every complete packet before the end was imported, " + std::to_string(unread) +
-                (unread == 1 ? " byte at byte offset " : " bytes at byte offset ") + std::to_string(unreadAt) +
-                (unread == 1 ? " was" : " were") + " left unread\n";
-    }
+  ASSERT_GT(whole.size() - last, 40u);  // a last chunk long enough for the cuts below
+  const std::string L = std::to_string(last), size = std::to_string(whole.size() - last - 8);
+  const auto warning = [](const std::string& where, const std::string& unread) {
+    return "warning: the raw file ended early, inside " + where +
+           "; every complete packet before the end was imported, " + unread + " left unread\n";
+  };
+  const auto in_chunk = [&](int present) {
+    return "the chunk at byte offset " + L + " (" + std::to_string(present) + " of its " + size + " bytes present)";
+  };
+  // Between two chunks (a whole file), then in the last: in its header, at the end of its header, one byte into a
+  // packet, and a few packets in.
+  const std::pair<std::size_t, std::string> cuts[] = {
+      {last, ""},
+      {last + 7, warning("a chunk header at byte offset " + L, "7 bytes at byte offset " + L + " were")},
+      {last + 8, warning(in_chunk(0), "0 bytes at byte offset " + std::to_string(last + 8) + " were")},
+      {last + 9, warning(in_chunk(1), "1 byte at byte offset " + std::to_string(last + 8) + " was")},
+      {last + 21, warning(in_chunk(13), "5 bytes at byte offset " + std::to_string(last + 16) + " were")}};
+  for (const auto& [cut, expected] : cuts) {
     write_bytes(dir.file("cut.tpx3"), whole.substr(0, cut));
     SCOPED_TRACE(testing::Message() << "cut at " << cut);
     ASSERT_EQ(run("cut.tpx3 -o cut.kovraphot --verbose 0 --threads 3", "KOVRA_PIECE_HITS=1"), 0) << err;
-    EXPECT_EQ(err, warning);
+    EXPECT_EQ(err, expected);
   }
   // The summary says so too.
   ASSERT_EQ(run("cut.tpx3 -o cut.kovraphot"), 0);
   EXPECT_THAT(out, HasSubstr("\ninfo:    raw file: ended early, inside the chunk at byte offset " +
-                             std::to_string(last) + " (7 bytes left unread)\n"));
+                             std::to_string(last) + " (5 bytes left unread)\n"));
 }
 
-/// Damage in the middle (a chunk's size 16 bytes too large): refused, or skipped with --skip-damaged, when the
-/// photons are those of the file without the chunk it makes unsound, on three threads. Each kind of damage skipped,
-/// word by word: RawReaderTest.SkippingHandsOnNoWordOfAStretchItSkips.
-TEST_F(ImportTest, DamageInTheMiddleIsRefusedOrSkippedWithoutReadingIt) {
+/// Damage in the middle (a chunk's size 16 bytes too large) skipped with --skip-damaged: the photons are those of
+/// the file without the chunk it makes unsound, on three threads. Each kind of damage skipped, word by word:
+/// RawReaderTest.SkippingHandsOnNoWordOfAStretchItSkips; refused without the option: the table of
+/// DamagedFilesAreRefusedWithTheByteOffsetAndTheOutputLeftAsItWas.
+TEST_F(ImportTest, DamageInTheMiddleIsSkippedWithoutReadingIt) {
   const std::string whole = simulate_raw(dir, 0.01, 5);
   const std::vector<std::size_t> starts = get_chunkStarts(whole);
   const std::size_t k = starts.size() / 2;  // the chunk damaged
@@ -322,12 +312,6 @@ TEST_F(ImportTest, DamageInTheMiddleIsRefusedOrSkippedWithoutReadingIt) {
   write_bytes(dir.file("reference.tpx3"), without);
   ASSERT_EQ(run("reference.tpx3 -o reference.kovraphot --threads 1"), 0) << err;
   write_bytes(dir.file("damaged.tpx3"), damaged);
-  write_bytes(dir.file("out.kovraphot"), "earlier");
-  EXPECT_EQ(std::tuple(run("damaged.tpx3 -o out.kovraphot --threads 3", "KOVRA_PIECE_HITS=1"), out, err),
-            std::tuple(1, ""s,
-                       "kovra_import: damaged.tpx3: no chunk header at byte offset " + end +
-                           " where the previous chunk ends; --skip-damaged imports the rest\n"));
-  EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
   ASSERT_EQ(run("damaged.tpx3 -o out.kovraphot --skip-damaged --threads 3", "KOVRA_PIECE_HITS=1"), 0);
   EXPECT_EQ(err, "warning: skipped " + std::to_string(next - s) + " damaged bytes at byte offset " + S +
                      ": the chunk at byte offset " + S + " ends at byte offset " + end +
@@ -386,50 +370,45 @@ TEST_F(ImportTest, AFollowedFileGivesThePhotonsOfTheFinishedFile) {
 }
 
 /// A write that fails (here at a file-size limit, its signal ignored; a full disk fails the same way) ends the run
-/// with the system's reason and status 1, on one thread and on several; the output stays as it was and nothing is
-/// left beside it.
+/// with the system's reason and status 1; the output stays as it was and nothing is left beside it. (A failing
+/// output on one thread and on several: ParallelImportTest.)
 TEST_F(ImportTest, AFailedWriteEndsTheRunWithTheSystemsReason) {
-  write_bytes(dir.file("in.tpx3"), simulate_raw(dir, 0.05, 7));  // about 100 KB of photons, one per hit
-  std::filesystem::remove(dir.file("simulated.tpx3"));
-  for (const char* threads : {"1", "3"}) {
-    write_bytes(dir.file("out.kovraphot"), "earlier");
-    const Program_Outcome outcome = run_program(dir, "bash",
-                                                "-c 'trap \"\" XFSZ; ulimit -f 16; exec " KOVRA_IMPORT_PATH
-                                                " in.tpx3 -o out.kovraphot --hits-as-photons --threads "s +
-                                                    threads + "'");
-    EXPECT_EQ(std::tuple(outcome.status, outcome.out, outcome.err),
-              std::tuple(1, ""s, "kovra_import: cannot write \"out.kovraphot\": File too large\n"s));
-    EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
-    std::vector<std::string> files;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) files.push_back(entry.path().filename());
-    std::ranges::sort(files);
-    EXPECT_EQ(files, (std::vector<std::string>{"in.tpx3", "out.kovraphot", "stderr.txt", "stdout.txt"}));
-  }
+  simulate_raw(dir, 0.05, 7);  // about 100 KB of photons, one per hit
+  write_bytes(dir.file("out.kovraphot"), "earlier");
+  const Program_Outcome outcome = run_program(dir, "bash",
+                                              "-c 'trap \"\" XFSZ; ulimit -f 16; exec " KOVRA_IMPORT_PATH
+                                              " simulated.tpx3 -o out.kovraphot --hits-as-photons --threads 3'");
+  EXPECT_EQ(std::tuple(outcome.status, outcome.out, outcome.err),
+            std::tuple(1, ""s, "kovra_import: cannot write \"out.kovraphot\": File too large\n"s));
+  EXPECT_EQ(read_bytes(dir.file("out.kovraphot")), "earlier");
+  std::vector<std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) files.push_back(entry.path().filename());
+  std::ranges::sort(files);
+  EXPECT_EQ(files, (std::vector<std::string>{"out.kovraphot", "simulated.tpx3", "stderr.txt", "stdout.txt"}));
 }
 
-/// The simulator's raw output read back: photons exactly as the rule makes them from the hits it wrote.
+/// The simulator's raw output read back: photons exactly as the rule makes them from the hits it wrote; with a
+/// time-walk table, from the hits each moved by its ToT's delay before they are ordered and grouped (the same on
+/// one thread and on several: ParallelImportTest).
 TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
-  // Frame side, options, and the radius, window and photon time they mean.
-  const std::tuple<int, const char*, int, long, bool> cases[] = {
-      {256, "", 1, 160, true}, {512, "--layout quad --radius 2 --window 1e-7 --photon-time earliest", 2, 64, false}};
-  for (const auto& [width, options, radius, window, strongest] : cases) {
+  // Steps 2 and 4 have rows; step 3 lies between them (60 + (20 - 60) / 2 = 40); beyond step 4, 20 ticks.
+  write_bytes(dir.file("walk.txt"), "50 60\n100 20\n");
+  const auto delay = [](unsigned tot) { return tot <= 2 ? 60L : tot == 3 ? 40L : 20L; };
+  // Frame side, options, the radius, window (5 ns: 3 ticks) and photon time they mean, and whether time walks.
+  const std::tuple<int, const char*, int, long, bool, bool> cases[] = {
+      {256, "", 1, 160, true, false},
+      {512, "--layout quad --radius 2 --window 1e-7 --photon-time earliest", 2, 64, false, false},
+      {256, "--window 5e-9 --time-walk walk.txt", 1, 3, true, true}};
+  for (const auto& [width, options, radius, window, strongest, walks] : cases) {
     SCOPED_TRACE(options);
     kovra::simulate::Simulation_Settings settings;
     settings.duration_s = 0.03, settings.eventRate_Hz = 2e4, settings.width_px = settings.height_px = width;
     settings.triggerMode = kovra::simulate::Trigger_Mode::periodic;
     settings.triggerFrequency_Hz = 3e5;  // 9000 edges, 60 per chunk: more than the trigger counter holds
-    const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
-    std::vector<Reference_Hit> hits;
-    std::FILE* file = std::fopen(dir.file("sim.tpx3").c_str(), "wb");
-    ASSERT_NE(file, nullptr);
-    kovra::simulate::write_raw(simulated.photons, width, width, 5, file, [&](const kovra::simulate::Raw_Hit& h) {
-      hits.push_back({h.time, static_cast<int>(h.x), static_cast<int>(h.y), h.tot});
-    });
-    std::fclose(file);
-    ASSERT_GT(hits.size(), 10000u);
-
-    std::vector<Photon> expected;
-    for (const auto& p : group_byRule(hits, radius, window, strongest)) expected.push_back({p.x, p.y, p.time});
+    auto simulated = write_simulatedRaw(dir.file("sim.tpx3"), settings, 5);
+    ASSERT_GT(simulated.hits.size(), 10000u);
+    for (auto& h : simulated.hits) h.time = walks ? std::max(0L, h.time - delay(h.tot)) : h.time;
+    const std::vector<Photon> expected = group_byRule(simulated.hits, radius, window, strongest);
     std::vector<long> triggers;
     for (const auto& t : *simulated.photons.extTriggers) triggers.push_back(t.value);
     // On several threads (the same photons and summary as on one: ParallelImportTest).
@@ -442,68 +421,22 @@ TEST_F(ImportTest, SimulatorRawOutputRoundTrips) {
   }
 }
 
-// A time-walk table moves each hit by its ToT's delay before ordering and grouping: the photons of the rule
-// applied to the corrected hits, on one thread and on several; a table that cannot be used stops the run first.
-TEST_F(ImportTest, TimeWalkCorrectsHitsBeforeTheyAreGrouped) {
-  kovra::simulate::Simulation_Settings settings;
-  settings.duration_s = 0.01, settings.eventRate_Hz = 2e4;
-  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
-  std::vector<Reference_Hit> hits;
-  std::FILE* file = std::fopen(dir.file("sim.tpx3").c_str(), "wb");
-  ASSERT_NE(file, nullptr);
-  kovra::simulate::write_raw(simulated.photons, 256, 256, 5, file, [&](const kovra::simulate::Raw_Hit& h) {
-    hits.push_back({h.time, static_cast<int>(h.x), static_cast<int>(h.y), h.tot});
-  });
-  std::fclose(file);
-  // Steps 2 and 4 have rows; step 3 lies between them (60 + (20 - 60) / 2 = 40); beyond step 4, 20 ticks.
-  write_bytes(dir.file("walk.txt"), "50 60\n100 20\n");
-  for (auto& h : hits) h.time -= h.tot <= 2 ? 60 : h.tot == 3 ? 40 : 20;
-  std::vector<Photon> expected;
-  for (const auto& p : group_byRule(hits, 1, 3, true)) expected.push_back({p.x, p.y, p.time});  // 5 ns: 3 ticks
-  for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=500"}) {
-    ASSERT_EQ(run("sim.tpx3 -o sim.kovraphot --window 5e-9 --time-walk walk.txt", threads), 0) << err;
-    EXPECT_EQ(load(dir.file("sim.kovraphot")).photons, expected) << threads;
-  }
-
-  write_bytes(dir.file("bad.txt"), "50 60\n40 20\n");
-  const std::pair<std::string, std::string> cases[] = {
-      {"bad.txt", "time-walk table 'bad.txt': line 2: ToT 40 ns does not follow 50 ns"},
-      {"missing.txt", "time-walk table 'missing.txt': cannot be read"},
-  };
-  for (const auto& [table, message] : cases) {
-    write_bytes(dir.file("old.kovraphot"), "earlier");
-    EXPECT_EQ(std::tuple(run("sim.tpx3 -o old.kovraphot --time-walk " + table), err),
-              std::tuple(1, "kovra_import: " + message + "\n"));
-    EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
-  }
-}
-
 // Hot pixels found by kovra_inspect and masked: their hits are dropped before grouping and counted, so they
-// make no photon, on one thread and on several; without the mask they make thousands.
+// make no photon (the same on one thread and on several: ParallelImportTest); without the mask they make
+// thousands.
 TEST_F(ImportTest, AMaskedHotPixelContributesNoPhoton) {
   kovra::simulate::Simulation_Settings settings;
   settings.duration_s = 0.01, settings.eventRate_Hz = 1e4, settings.hotPixels = 2, settings.hotPixelRate_Hz = 2e5;
-  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
-  std::vector<kovra::simulate::Raw_Hit> hits;
-  std::FILE* file = std::fopen(dir.file("hot.tpx3").c_str(), "wb");
-  ASSERT_NE(file, nullptr);
-  kovra::simulate::write_raw(simulated.photons, 256, 256, 5, file,
-                             [&](const kovra::simulate::Raw_Hit& h) { hits.push_back(h); });
-  std::fclose(file);
+  const std::vector<Reference_Hit> hits = write_simulatedRaw(dir.file("hot.tpx3"), settings, 5).hits;
   ASSERT_EQ(run_program(dir, KOVRA_INSPECT_PATH, "hot.tpx3 --hot-pixels hot.txt").status, 0);
   // Each hot pixel's photons light it and three neighbours: 8 pixels, each far above the rest.
-  std::vector<std::pair<int, int>> masked;
-  std::istringstream lines(read_bytes(dir.file("hot.txt")));
-  for (std::string line; std::getline(lines, line);) {
-    int x = 0, y = 0;
-    if (line[0] != '#' && std::sscanf(line.c_str(), "%d %d", &x, &y) == 2) masked.emplace_back(x, y);
-  }
-  ASSERT_EQ(masked.size(), 8U) << read_bytes(dir.file("hot.txt"));
+  const kovra::import::Pixel_Mask mask = kovra::import::read_pixelMask(dir.file("hot.txt"), 256);
+  ASSERT_EQ(mask.get_count(), 8U) << read_bytes(dir.file("hot.txt"));
   const auto is_masked = [&](int x, int y) {
-    return std::find(masked.begin(), masked.end(), std::pair(x, y)) != masked.end();
+    return mask.is_masked(static_cast<unsigned>(x), static_cast<unsigned>(y));
   };
   std::size_t maskedHits = 0;
-  for (const auto& h : hits) maskedHits += is_masked(static_cast<int>(h.x), static_cast<int>(h.y));
+  for (const auto& h : hits) maskedHits += is_masked(h.x, h.y);
   ASSERT_GT(maskedHits, 10000U);
 
   const auto count_onMask = [&](const std::string& name) {
@@ -513,27 +446,12 @@ TEST_F(ImportTest, AMaskedHotPixelContributesNoPhoton) {
   };
   ASSERT_EQ(run("hot.tpx3 -o plain.kovraphot"), 0) << err;
   EXPECT_GT(count_onMask("plain.kovraphot"), 1000U);
-  std::string oneThread;
-  for (const char* threads : {"KOVRA_THREADS=1", "KOVRA_THREADS=3 KOVRA_PIECE_HITS=700"}) {
-    ASSERT_EQ(run("hot.tpx3 -o masked.kovraphot --mask hot.txt", threads), 0) << err;
-    EXPECT_THAT(out, HasSubstr("info:    mask: " + std::to_string(maskedHits) + " hits of 8 masked pixels dropped\n"));
-    EXPECT_EQ(count_onMask("masked.kovraphot"), 0U) << threads;
-    if (oneThread.empty()) oneThread = read_bytes(dir.file("masked.kovraphot"));
-    EXPECT_TRUE(read_bytes(dir.file("masked.kovraphot")) == oneThread) << threads;
-  }
+  ASSERT_EQ(run("hot.tpx3 -o masked.kovraphot --mask hot.txt"), 0) << err;
+  EXPECT_THAT(out, HasSubstr("info:    mask: " + std::to_string(maskedHits) + " hits of 8 masked pixels dropped\n"));
+  EXPECT_EQ(count_onMask("masked.kovraphot"), 0U);
   // The photon file's own hot pixels: where the unmasked photons of the hot pixels lie, and none once masked.
-  const auto listed = run_program(dir, KOVRA_INSPECT_PATH, "plain.kovraphot --hot-pixels -");
-  EXPECT_THAT(listed.out, HasSubstr("2 of the "));
+  EXPECT_THAT(run_program(dir, KOVRA_INSPECT_PATH, "plain.kovraphot --hot-pixels -").out, HasSubstr(": 2 of the "));
   EXPECT_THAT(run_program(dir, KOVRA_INSPECT_PATH, "masked.kovraphot --hot-pixels -").out, HasSubstr(": 0 of the "));
-
-  // A mask that cannot be used stops the run before any output; one of the wrong frame is refused too.
-  write_bytes(dir.file("quad.txt"), "300 2\n");
-  write_bytes(dir.file("old.kovraphot"), "earlier");
-  EXPECT_EQ(std::tuple(run("hot.tpx3 -o old.kovraphot --mask quad.txt"), err),
-            std::tuple(1,
-                       "kovra_import: pixel mask 'quad.txt': line 1: expected a pixel's x and y, whole numbers "
-                       "from 0 to 255, got '300 2'\n"));
-  EXPECT_EQ(read_bytes(dir.file("old.kovraphot")), "earlier");
 }
 
 // A run of many raw files is read as one stream: the photons, triggers and summary of their concatenation, on one
@@ -542,22 +460,12 @@ TEST_F(ImportTest, ARunOfManyFilesIsItsConcatenation) {
   kovra::simulate::Simulation_Settings settings;
   settings.duration_s = 0.02, settings.eventRate_Hz = 3e4, settings.width_px = settings.height_px = 400;
   settings.triggerMode = kovra::simulate::Trigger_Mode::periodic, settings.triggerFrequency_Hz = 2e4;
-  const auto simulated = kovra::simulate::simulate_photonEvents(settings, [](const auto&) {});
-  std::FILE* file = std::fopen(dir.file("whole.tpx3").c_str(), "wb");
-  ASSERT_NE(file, nullptr);
-  kovra::simulate::write_raw(simulated.photons, 400, 400, 5, file, [](const auto&) {});
-  std::fclose(file);
+  write_simulatedRaw(dir.file("whole.tpx3"), settings, 5);
   // Cut into three files at chunk boundaries, a quarter and two thirds of the way.
   const std::string whole = read_bytes(dir.file("whole.tpx3"));
   std::vector<std::size_t> cuts;
-  for (std::size_t at = 0; at < whole.size();) {
-    std::uint64_t header = 0;
-    std::memcpy(&header, whole.data() + at, 8);
-    const std::size_t next = at + 8 + get_chunkBytes(header);
-    if (cuts.size() < 2 && next >= whole.size() * (cuts.empty() ? 1 : 8) / (cuts.empty() ? 4 : 12)) {
-      cuts.push_back(next);
-    }
-    at = next;
+  for (const std::size_t at : get_chunkStarts(whole)) {
+    if (cuts.size() < 2 && at >= whole.size() * (cuts.empty() ? 1 : 8) / (cuts.empty() ? 4 : 12)) cuts.push_back(at);
   }
   ASSERT_EQ(cuts.size(), 2U);
   std::filesystem::create_directory(dir.file("run"));

@@ -1,5 +1,6 @@
 // Hot pixels: which counts pass the bound, and the program on a raw file built packet by packet (chips placed as
-// the import places them), and on command lines that do not fit. (A photon file and the mask at work: ImportTest.)
+// the import places them). (Command lines that do not fit: InspectTest.BadCommandLines; a photon file and the
+// mask at work: ImportTest.)
 
 #include "inspect/HotPixels.hpp"
 
@@ -13,23 +14,10 @@
 #include "RunProgram.hpp"
 #include "TempDir.hpp"
 #include "kovra/tpx3spidr/Tpx3Packets.hpp"
+#include "tools/import/RawBytes.hpp"
 
 using namespace kovra::inspect;
 using namespace kovra::tpx3spidr::raw;
-
-namespace {
-
-std::string raw_words(const std::vector<std::uint64_t>& words) {
-  return std::string(reinterpret_cast<const char*>(words.data()), 8 * words.size());
-}
-
-/// A chunk of `chip` holding `packets`.
-void add_chunk(std::vector<std::uint64_t>& words, unsigned chip, const std::vector<std::uint64_t>& packets) {
-  words.push_back(make_chunkHeader(chip, 8 * packets.size()));
-  words.insert(words.end(), packets.begin(), packets.end());
-}
-
-}  // namespace
 
 TEST(HotPixelsTest, MoreThanTheFactorTimesTheMedianOfThePixelsThatFired) {
   const Pixel_Counts counts = {{pack_pixel(4, 9), 5},
@@ -56,10 +44,9 @@ TEST(HotPixelsTest, ProgramListsARawFilesHotPixelsInTheFrameAsAMaskFile) {
   TempDir dir;
   std::vector<std::uint64_t> chip0(30, make_hitPacket(5, 6, 10, 100));
   for (unsigned c = 0; c < 10; ++c) chip0.push_back(make_hitPacket(c + 20, 3, 10, 200));
-  std::vector<std::uint64_t> words;
-  add_chunk(words, 0, chip0);
-  add_chunk(words, 1, {make_hitPacket(0, 0, 10, 300), make_heartbeatPacket(1)});  // a second chip: a quad
-  write_bytes(dir.file("run.tpx3"), raw_words(words));
+  // A second chip: a quad.
+  write_bytes(dir.file("run.tpx3"),
+              RawBytes().chunk(0, chip0).chunk(1, {make_hitPacket(0, 0, 10, 300), make_heartbeatPacket(1)}).data);
   const auto r = run_program(dir, KOVRA_INSPECT_PATH, "run.tpx3 --hot-pixels -");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out,
@@ -74,20 +61,4 @@ TEST(HotPixelsTest, ProgramListsARawFilesHotPixelsInTheFrameAsAMaskFile) {
   const auto taken = run_program(dir, KOVRA_INSPECT_PATH, "run.tpx3 --hot-pixels taken");
   EXPECT_EQ(taken.status, 1);
   EXPECT_EQ(taken.err, "kovra_inspect: run.tpx3: cannot write mask file \"taken\": Is a directory\n");
-
-  const std::pair<std::string, std::string> bad[] = {
-      {"run.tpx3", "a raw file (.tpx3) takes only --hot-pixels and --hot-factor"},
-      {"run.tpx3 --hot-pixels - --summary", "a raw file (.tpx3) takes only --hot-pixels and --hot-factor"},
-      {"run.kovraevent --hot-pixels -", "option --hot-pixels needs a raw file (.tpx3) or a photon file (.kovraphot)"},
-      {"run.tpx3 --hot-pixels - --hot-factor 1",
-       "option --hot-factor needs a number greater than 1 and at most "
-       "1000000000000, not \"1\""},
-      {"run.kovraphot --hot-pixels - --csv -",
-       "--hot-pixels - cannot share standard output with the summary, --csv - or --spectrum -"},
-  };
-  for (const auto& [arguments, message] : bad) {
-    const auto b = run_program(dir, KOVRA_INSPECT_PATH, arguments);
-    EXPECT_EQ(b.status, 2) << arguments;
-    EXPECT_EQ(b.err, "kovra_inspect: " + message + "\nTry 'kovra_inspect --help'.\n");
-  }
 }

@@ -232,14 +232,25 @@ TEST_F(InspectTest, PngSizeAndPixels) {
   EXPECT_EQ(decode_png(png), std::pair(4u, expected));
 }
 
+/// The names in `dir`, sorted.
+std::vector<std::string> get_names(const TempDir& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) names.push_back(entry.path().filename());
+  std::ranges::sort(names);
+  return names;
+}
+
 TEST_F(InspectTest, ProgramOutput) {
   write_bytes(dir.file("p.kovraphot"), file_of<P>({{-7, 3 * px, 640000000000}}));
   write_bytes(dir.file("empty.kovraevent"), file_of<E>({}, Triggers(std::in_place)));
   write_bytes(dir.file("wide.kovraevent"), file_of(wide));
   write_bytes(dir.file("photons.kovraevent"), file_of<P>({{1, 2, 3}}));
   write_bytes(dir.file("swapped.kovraphot"), file_of<P>({{1, 2, 10}, {1, 2, 5}, {1, 2, 7}, {1, 2, 3}}));
+  write_bytes(dir.file("one.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers{{3}}));
+  write_bytes(dir.file("back.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers{{3, 9, 4}}));
   std::filesystem::create_directory(dir.file("folder.h5"));
-  const std::string usage = "\nTry 'kovra_inspect --help'.\n";
+  // Every time-of-flight output, and the others: none of them is written when the time of flight fails.
+  const std::string tof = " --spectrum t.csv --stack-hdf5 t.h5 --stack-tiff t.tif --plot t.png --hdf5 e.h5 -i e.png";
   const std::tuple<std::string, int, std::string, std::string> cases[] = {
       // arguments, status, output has, error
       {"known.kovraevent", 0,
@@ -293,13 +304,24 @@ TEST_F(InspectTest, ProgramOutput) {
        "kovra_inspect: known.kovraevent: cannot write HDF5 file \"folder.h5\": Is a directory\n"},
       {"known.kovraevent --image known.kovraevent/m.png", 1, "",
        "kovra_inspect: known.kovraevent: cannot write PNG file \"known.kovraevent/m.png\": Not a directory\n"},
-      {"", 2, "", "kovra_inspect: no input file given" + usage},
-      // Images are PNG files, whatever the name says: a name that says otherwise is refused.
-      {"known.kovraevent -i map.jpg", 2, "",
-       "kovra_inspect: option --image needs a file name ending in .png, not \"map.jpg\"" + usage},
-      {"known.kovraevent --plot map.PNG", 2, "",
-       "kovra_inspect: option --plot needs a file name ending in .png, not \"map.PNG\"" + usage},
-      {"a.kovraevent -s --csv -", 2, "", "kovra_inspect: the summary and --csv - cannot share standard output" + usage},
+      {"one.kovraevent --tof-max 1 --plot one.kovraevent/t.png", 1, "",
+       "kovra_inspect: one.kovraevent: cannot write PNG file \"one.kovraevent/t.png\": Not a directory\n"},
+      {"wide.kovraevent" + tof, 1, "",
+       "kovra_inspect: wide.kovraevent: no time of flight: the file's trigger list is absent\n"},
+      {"empty.kovraevent" + tof, 1, "",
+       "kovra_inspect: empty.kovraevent: no time of flight: the file's trigger list is empty\n"},
+      {"back.kovraevent" + tof, 1, "",
+       "kovra_inspect: back.kovraevent: Trigger times out of order: trigger 2 (4 ticks) is earlier than trigger 1 "
+       "(9 ticks)!\n"},
+      {"one.kovraevent" + tof, 1, "",
+       "kovra_inspect: one.kovraevent: no time-of-flight range: the triggers give no interval between two of them; "
+       "give --tof-max\n"},
+      {"one.kovraevent --tof-max 1 --tof-bins 1000 --size 4096" + tof, 1, "",
+       "kovra_inspect: one.kovraevent: the time-of-flight stack needs 64000 MiB (1000 bins x 4096 x 4096 cells x 4 "
+       "bytes), more than --stack-memory 1024 MiB; use fewer --tof-bins, a larger --binning or a smaller --size, or "
+       "raise --stack-memory\n"},
+      {"one.kovraevent --tof-max 1e-8" + tof, 1, "",
+       "kovra_inspect: one.kovraevent: 100 time-of-flight bins from 0 to 6 ticks would be narrower than one tick\n"},
   };
   for (const auto& [arguments, status, output, error] : cases) {
     const int exitStatus = run(arguments);
@@ -307,13 +329,11 @@ TEST_F(InspectTest, ProgramOutput) {
     EXPECT_THAT(out, ::testing::HasSubstr(output)) << arguments;
   }
   EXPECT_EQ(read_bytes(dir.file("x.h5")).substr(0, 8), "\x89HDF\r\n\x1a\n");
-  // The outputs asked for and nothing else: no image under a refused name, no temporary beside the folder.
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) names.push_back(entry.path().filename());
-  std::ranges::sort(names);
-  EXPECT_EQ(names, (std::vector<std::string>{"empty.kovraevent", "folder.h5", "known.kovraevent", "m.png",
-                                             "p.kovraphot", "photons.kovraevent", "stderr.txt", "stdout.txt",
-                                             "swapped.kovraphot", "wide.kovraevent", "x.h5"}));
+  // The outputs asked for and nothing else: none of a run that failed, no temporary beside the folder.
+  EXPECT_EQ(get_names(dir),
+            (std::vector<std::string>{"back.kovraevent", "empty.kovraevent", "folder.h5", "known.kovraevent", "m.png",
+                                      "one.kovraevent", "p.kovraphot", "photons.kovraevent", "stderr.txt", "stdout.txt",
+                                      "swapped.kovraphot", "wide.kovraevent", "x.h5"}));
 }
 
 /// The time of flight as defined, by a walk over all triggers: the largest not above t.
@@ -466,84 +486,59 @@ TEST_F(InspectTest, AWriteRefusedOnTheWayEndsWithItsReasonAndEveryFileAsItWas) {
     const Program_Outcome r = run_program(dir, "env", limited + KOVRA_INSPECT_PATH " tof.kovraevent " + options);
     EXPECT_EQ(r.status, 1) << options;
     EXPECT_THAT(r.err, ::testing::HasSubstr(message)) << options;
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
-      names.push_back(entry.path().filename());
-      const std::string bytes = read_bytes(entry.path());
-      if (names.back().starts_with("out.")) {
-        EXPECT_TRUE(bytes == "earlier " + names.back()) << options << ": " << names.back() << " has " << bytes.size();
-      }
-    }
-    std::ranges::sort(names);
+    const std::vector<std::string> names = get_names(dir);
     EXPECT_EQ(names, (std::vector<std::string>{"known.kovraevent", "out.csv", "out.h5", "out.png", "out.tif",
                                                "stderr.txt", "stdout.txt", "tof.kovraevent"}))
         << options;
-  }
-}
-
-TEST_F(InspectTest, TimeOfFlightFailuresWriteNothing) {
-  write_bytes(dir.file("none.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}));
-  write_bytes(dir.file("empty.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers(std::in_place)));
-  write_bytes(dir.file("one.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers{{3}}));
-  write_bytes(dir.file("back.kovraevent"), file_of<E>({{0, 0, 5, 1, 0}}, Triggers{{3, 9, 4}}));
-  const std::string outputs =
-      " --spectrum t.csv --stack-hdf5 t.h5 --stack-tiff t.tif --plot t.png --hdf5 e.h5 -i e.png";
-  const std::pair<std::string, std::string> cases[] = {
-      {"none.kovraevent", "none.kovraevent: no time of flight: the file's trigger list is absent"},
-      {"empty.kovraevent", "empty.kovraevent: no time of flight: the file's trigger list is empty"},
-      {"back.kovraevent",
-       "back.kovraevent: Trigger times out of order: trigger 2 (4 ticks) is earlier than trigger 1 "
-       "(9 ticks)!"},
-      {"one.kovraevent",
-       "one.kovraevent: no time-of-flight range: the triggers give no interval between two of them; "
-       "give --tof-max"},
-      {"one.kovraevent --tof-max 1 --tof-bins 1000 --size 4096",
-       "one.kovraevent: the time-of-flight stack needs 64000 MiB (1000 bins x 4096 x 4096 cells x 4 bytes), more than "
-       "--stack-memory 1024 MiB; use fewer --tof-bins, a larger --binning or a smaller --size, or raise "
-       "--stack-memory"},
-      {"one.kovraevent --tof-max 1e-8",
-       "one.kovraevent: 100 time-of-flight bins from 0 to 6 ticks would be narrower "
-       "than one tick"},
-  };
-  for (const auto& [arguments, message] : cases) {
-    EXPECT_EQ(run(arguments + outputs), 1) << arguments;
-    EXPECT_EQ(err, "kovra_inspect: " + message + "\n");
-    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
-      EXPECT_THAT(entry.path().filename().string(),
-                  ::testing::AnyOf(::testing::EndsWith(".kovraevent"), ::testing::EndsWith(".txt")))
-          << arguments;
+    for (const std::string& name : names) {
+      const std::string bytes = read_bytes(dir.file(name));
+      EXPECT_TRUE(!name.starts_with("out.") || bytes == "earlier " + name)
+          << options << ": " << name << " has " << bytes.size();
     }
   }
-  EXPECT_EQ(run("one.kovraevent --tof-max 1 --plot one.kovraevent/t.png"), 1);
-  EXPECT_EQ(err, "kovra_inspect: one.kovraevent: cannot write PNG file \"one.kovraevent/t.png\": Not a directory\n");
 }
 
-TEST_F(InspectTest, BadTimeOfFlightOptions) {
+// Status 2 and one message, and no file read or written.
+TEST_F(InspectTest, BadCommandLines) {
   const std::pair<std::string, std::string> cases[] = {
-      {"--tof-bins 0", "option --tof-bins needs a whole number from 1 to 1000000, not \"0\""},
-      {"--tof-bins 2.5", "option --tof-bins needs a whole number from 1 to 1000000, not \"2.5\""},
-      {"--tof-min -1", "option --tof-min needs a number of seconds from 0 to 7205759403.792793, not \"-1\""},
-      {"--tof-min 2 --tof-max 1", "option --tof-max must be larger than --tof-min"},
-      {"--tof-log", "option --tof-log needs --tof-min above 0"},
-      {"--psd-min 2e-9 --psd-max 1e-9", "option --psd-max must not be smaller than --psd-min"},
-      {"--photons-min 3 --photons-max 2", "option --photons-max must not be smaller than --photons-min"},
-      {"--photons-min x", "option --photons-min needs a whole number, at least 0, not \"x\""},
-      {"--region 1,2,3", "option --region needs X0,Y0,X1,Y1 in pixels, not \"1,2,3\""},
-      {"--region 5,0,5,1", "option --region needs X0 < X1 and Y0 < Y1"},
-      {"--stack-memory 0", "option --stack-memory needs a whole number of MiB from 1 to 1073741824, not \"0\""},
-      {"--spectrum - --csv -", "only one of the summary, --csv - and --spectrum - can go to standard output"},
-      {"--tof-max", "option --tof-max needs a value"},
+      {"", "no input file given"},
+      // Images are PNG files, whatever the name says: a name that says otherwise is refused.
+      {"e.kovraevent -i map.jpg", "option --image needs a file name ending in .png, not \"map.jpg\""},
+      {"e.kovraevent --plot map.PNG", "option --plot needs a file name ending in .png, not \"map.PNG\""},
+      {"e.kovraevent -s --csv -", "the summary and --csv - cannot share standard output"},
+      {"e.kovraevent --spectrum - --csv -",
+       "only one of the summary, --csv - and --spectrum - can go to standard output"},
+      {"e.kovraevent --tof-bins 0", "option --tof-bins needs a whole number from 1 to 1000000, not \"0\""},
+      {"e.kovraevent --tof-bins 2.5", "option --tof-bins needs a whole number from 1 to 1000000, not \"2.5\""},
+      {"e.kovraevent --tof-min -1",
+       "option --tof-min needs a number of seconds from 0 to 7205759403.792793, not \"-1\""},
+      {"e.kovraevent --tof-min 2 --tof-max 1", "option --tof-max must be larger than --tof-min"},
+      {"e.kovraevent --tof-log", "option --tof-log needs --tof-min above 0"},
+      {"e.kovraevent --tof-max", "option --tof-max needs a value"},
+      {"e.kovraevent --psd-min 2e-9 --psd-max 1e-9", "option --psd-max must not be smaller than --psd-min"},
+      {"e.kovraevent --photons-min 3 --photons-max 2", "option --photons-max must not be smaller than --photons-min"},
+      {"e.kovraevent --photons-min x", "option --photons-min needs a whole number, at least 0, not \"x\""},
+      {"e.kovraevent --region 1,2,3", "option --region needs X0,Y0,X1,Y1 in pixels, not \"1,2,3\""},
+      {"e.kovraevent --region 5,0,5,1", "option --region needs X0 < X1 and Y0 < Y1"},
+      {"e.kovraevent --stack-memory 0",
+       "option --stack-memory needs a whole number of MiB from 1 to 1073741824, not \"0\""},
+      {"p.kovraphot --plot p.png", "option --plot needs an event file (.kovraevent)"},
+      {"p.kovraphot --psd-max 1", "the selections by pulse-shape value and photon count need an event file"},
+      // Hot pixels: of a raw file or a photon file, to a file or to standard output alone.
+      {"r.tpx3", "a raw file (.tpx3) takes only --hot-pixels and --hot-factor"},
+      {"r.tpx3 --hot-pixels - --summary", "a raw file (.tpx3) takes only --hot-pixels and --hot-factor"},
+      {"e.kovraevent --hot-pixels -", "option --hot-pixels needs a raw file (.tpx3) or a photon file (.kovraphot)"},
+      {"r.tpx3 --hot-pixels - --hot-factor 1",
+       "option --hot-factor needs a number greater than 1 and at most 1000000000000, not \"1\""},
+      {"p.kovraphot --hot-pixels - --csv -",
+       "--hot-pixels - cannot share standard output with the summary, --csv - or --spectrum -"},
   };
   for (const auto& [arguments, message] : cases) {
-    EXPECT_EQ(run("known.kovraevent " + arguments), 2) << arguments;
-    EXPECT_EQ(err, "kovra_inspect: " + message + "\nTry 'kovra_inspect --help'.\n");
+    EXPECT_EQ(std::tuple(run(arguments), err),
+              std::tuple(2, "kovra_inspect: " + message + "\nTry 'kovra_inspect --help'.\n"))
+        << arguments;
   }
-  write_bytes(dir.file("p.kovraphot"), file_of<P>({}));
-  EXPECT_EQ(run("p.kovraphot --plot p.png"), 2);
-  EXPECT_EQ(run("p.kovraphot --psd-max 1"), 2);
-  EXPECT_EQ(err,
-            "kovra_inspect: the selections by pulse-shape value and photon count need an event file\nTry "
-            "'kovra_inspect --help'.\n");
+  EXPECT_EQ(get_names(dir), (std::vector<std::string>{"known.kovraevent", "stderr.txt", "stdout.txt"}));
 }
 
 }  // namespace
