@@ -30,8 +30,8 @@ Program_Outcome run_simulate(const TempDir& dir, const std::string& args) {
 
 }  // namespace
 
-// The numeric options share one reader: a row for each kind of bound. (Help, version and getopt's messages:
-// ToolCommandLineTest.)
+// The rules of kovra_simulate's own, and one option of each of its readers of numbers. (The grammar of numbers:
+// ToolOptionsTest; help, version and getopt's messages: ToolCommandLineTest.)
 TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
   const std::string classRule =
       "option --class needs NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a "
@@ -48,9 +48,7 @@ TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
       {{}, "no output file given (-o FILE.kovraphot)"},
       {{"-o", "a.kovraevent"}, "output file \"a.kovraevent\" must end in .kovraphot"},
       {{"-d", "0"}, "option --duration needs a number of seconds greater than 0 and at most 1000000, not \"0\""},
-      {{"-r", "-1"}, "option --event-rate needs a rate in hertz, at least 0, not \"-1\""},
       {{"--height", "32768"}, "option --height needs a whole number of pixels from 1 to 32767, not \"32768\""},
-      {{"--width", "2.5"}, "option --width needs a whole number of pixels from 1 to 32767, not \"2.5\""},
       {{"--class", "a,b:1:0.1"}, classRule + "a,b:1:0.1\""},
       {{"--class", "a:1:1.5"}, classRule + "a:1:1.5\""},
       {{"--triggers", "0"}, "option --triggers needs none, empty or a frequency in hertz greater than 0, not \"0\""},
