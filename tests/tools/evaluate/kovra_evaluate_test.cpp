@@ -1,5 +1,6 @@
-// kovra_evaluate run as a user runs it, on a small file from kovra_simulate: the report, the table, truth that
-// does not belong to the photons, and the plots. (Bad usage: EvaluateOptionsTest and ToolCommandLineTest.)
+// kovra_evaluate run as a user runs it, on small files from kovra_simulate: the report, the table and the plots
+// of a reconstruction scan and of a grouping scan, the time-walk fit, and the outputs it cannot write. (Bad usage:
+// EvaluateOptionsTest and ToolCommandLineTest.)
 
 #include <algorithm>
 #include <cstdio>
