@@ -6,16 +6,9 @@
 set -euo pipefail
 root="$1"
 
-# The first fenced code block after the "## Python" heading.
-commands=$(awk '/^## Python$/ { section = 1; next } section && /^```/ { if (inside) exit; inside = 1; next }
-                inside { print }' "$root/README.md")
-if [ -z "$commands" ]; then
-  echo "README.md has no Python set-up commands" >&2
-  exit 1
-fi
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/../tools/readme/readme_commands.sh"
+commands=$(readme_block "$root/README.md" "## Python")
+make_work
 mkdir "$work/repository"
 (cd "$root" && cp -r CMakeLists.txt LICENSE include src python scripts "$work/repository/")
 rm -rf "$work/repository/python/build" "$work/repository/python/"*.egg-info

@@ -41,30 +41,23 @@ TEST(ToolOptionsTest, NumbersWithinTheirRange) {
 }
 
 TEST(ToolOptionsTest, EverythingElseGetsTheOneGrammar) {
-  struct Bad {
+  // Each range's rule and the texts it refuses: "option --x needs RULE, not "TEXT"".
+  const struct {
     const Number_Range& range;
-    const char* text;
-    const char* message;
-  };
-  const Bad bad[] = {
-      {seconds, "0", "option --x needs a number of seconds greater than 0 and at most 1000000, not \"0\""},
-      {seconds, "1000001", "option --x needs a number of seconds greater than 0 and at most 1000000, not \"1000001\""},
-      {seconds, "", "option --x needs a number of seconds greater than 0 and at most 1000000, not \"\""},
-      {seconds, "1s", "option --x needs a number of seconds greater than 0 and at most 1000000, not \"1s\""},
-      {seconds, " 1", "option --x needs a number of seconds greater than 0 and at most 1000000, not \" 1\""},
-      {seconds, "nan", "option --x needs a number of seconds greater than 0 and at most 1000000, not \"nan\""},
-      {rate, "-1", "option --x needs a rate in hertz, at least 0, not \"-1\""},
-      {rate, "inf", "option --x needs a rate in hertz, at least 0, not \"inf\""},
-      {pixels, "0", "option --x needs a whole number of pixels from 1 to 32767, not \"0\""},
-      {pixels, "2.5", "option --x needs a whole number of pixels from 1 to 32767, not \"2.5\""},
-      {pixels, "1e3", "option --x needs a whole number of pixels from 1 to 32767, not \"1e3\""},
-      {pixels, "-3", "option --x needs a whole number of pixels from 1 to 32767, not \"-3\""},
-      {duration, "-1", "option --x needs a number, at least 0 (or inf), not \"-1\""},
-      {share, "0.26", "option --x needs a share from -0.5 to 0.25, not \"0.26\""},
+    std::string rule;
+    std::vector<std::string> texts;
+  } bad[] = {
+      {seconds, "a number of seconds greater than 0 and at most 1000000", {"0", "1000001", "", "1s", " 1", "nan"}},
+      {rate, "a rate in hertz, at least 0", {"-1", "inf"}},
+      {pixels, "a whole number of pixels from 1 to 32767", {"0", "2.5", "1e3", "-3"}},
+      {duration, "a number, at least 0 (or inf)", {"-1"}},
+      {share, "a share from -0.5 to 0.25", {"0.26"}},
   };
   for (const auto& b : bad) {
-    EXPECT_THAT([&] { parse_number("x", b.text, b.range); }, ThrowsMessage<std::invalid_argument>(StrEq(b.message)))
-        << b.text;
+    for (const std::string& text : b.texts) {
+      EXPECT_THAT([&] { parse_number("x", text, b.range); },
+                  ThrowsMessage<std::invalid_argument>(StrEq("option --x needs " + b.rule + ", not \"" + text + "\"")));
+    }
   }
   EXPECT_THAT(
       [] {

@@ -8,8 +8,8 @@
 set -euo pipefail
 root="$1"
 build="$2"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/readme_commands.sh"
+make_work
 
 # demo [--raw]: one run of the demo, always into the same folder, as the figure's title names the event file.
 demo() {

@@ -8,15 +8,11 @@ set -euo pipefail
 root="$1"
 build="$2"
 
+source "$(dirname "$0")/readme_commands.sh"
 # The first non-empty line of the README's first fenced code block.
-command=$(awk '/^```/ { if (inside) exit; inside = 1; next } inside && NF { print; exit }' "$root/README.md")
-if [ -z "$command" ]; then
-  echo "README.md has no command in a code block" >&2
-  exit 1
-fi
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+block=$(readme_block "$root/README.md")
+command=$(awk 'NF { print; exit }' <<<"$block")
+make_work
 echo "Running: $command"
 status=0
 (cd "$root" && KOVRA_BUILD_DIR="$build" KOVRA_DEMO_DIR="$work" bash -c "$command") >"$work/stdout" 2>"$work/stderr" ||

@@ -18,6 +18,7 @@
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 #include "simulate/PhotonSimulation.hpp"
 #include "simulate/RawExport.hpp"
+#include "tools/common/EarlierFiles.hpp"
 
 namespace {
 
@@ -29,8 +30,8 @@ Program_Outcome run_simulate(const TempDir& dir, const std::string& args) {
 
 }  // namespace
 
-// The numeric options share one reader: a row for each kind of bound. (Help, version and getopt's messages:
-// ToolCommandLineTest.)
+// The rules of kovra_simulate's own, and one option of each of its readers of numbers. (The grammar of numbers:
+// ToolOptionsTest; help, version and getopt's messages: ToolCommandLineTest.)
 TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
   const std::string classRule =
       "option --class needs NAME:WEIGHT:SLOW with a name without ',', '\"' or ':', a "
@@ -47,9 +48,7 @@ TEST(SimulateProgramTest, BadCommandLinesGetStatusTwoOneMessageAndNoFile) {
       {{}, "no output file given (-o FILE.kovraphot)"},
       {{"-o", "a.kovraevent"}, "output file \"a.kovraevent\" must end in .kovraphot"},
       {{"-d", "0"}, "option --duration needs a number of seconds greater than 0 and at most 1000000, not \"0\""},
-      {{"-r", "-1"}, "option --event-rate needs a rate in hertz, at least 0, not \"-1\""},
       {{"--height", "32768"}, "option --height needs a whole number of pixels from 1 to 32767, not \"32768\""},
-      {{"--width", "2.5"}, "option --width needs a whole number of pixels from 1 to 32767, not \"2.5\""},
       {{"--class", "a,b:1:0.1"}, classRule + "a,b:1:0.1\""},
       {{"--class", "a:1:1.5"}, classRule + "a:1:1.5\""},
       {{"--triggers", "0"}, "option --triggers needs none, empty or a frequency in hertz greater than 0, not \"0\""},
@@ -134,68 +133,38 @@ TEST(SimulateProgramTest, EveryFileIsTheModelsAndIsWrittenAsTheRunGoesUnderAMemo
 }
 
 TEST(SimulateProgramTest, AnOutputThatCannotBeWrittenIsNamedWithTheReasonAndNoFileChanges) {
-  // What stands in the way of each output: a file where a folder should be, a folder where the file should be.
-  const std::pair<std::string, std::string> cases[] = {
-      {"-o file/run.kovraphot", "cannot write 'file/run.kovraphot': Not a directory"},
-      {"-o folder.kovraphot", "cannot write 'folder.kovraphot': Is a directory"},
-      {"-o run.kovraphot --truth --raw folder.tpx3", "cannot write 'folder.tpx3': Is a directory"},
-      {"-o run.kovraphot --truth --raw file/run.tpx3", "cannot write 'file/run.tpx3': Not a directory"},
-      {"-o folder.kovraphot.kovraphot --truth", "cannot write 'folder.kovraphot.truth.csv': Is a directory"},
+  // What stands in the way of an output: a folder in its place, or a full disk, played by a file-size limit whose
+  // signal is ignored, so that the write fails instead; each limit makes another output the first to outgrow it.
+  // (A file where a folder should be: ToolOutputFoldersTest.)
+  const std::tuple<std::string, int, std::string, std::string> cases[] = {
+      // arguments, file-size limit in bytes (0: none), the output that fails, the reason
+      {"-o folder.kovraphot -d 0.001", 0, "folder.kovraphot", "Is a directory"},
+      {"-o run.kovraphot -d 0.001 --truth --raw folder.tpx3", 0, "folder.tpx3", "Is a directory"},
+      {"-o folder.kovraphot.kovraphot -d 0.001 --truth", 0, "folder.kovraphot.truth.csv", "Is a directory"},
+      // Halfway through the 6 MB photon file; then its 67 kB still in the buffer at the end.
+      {"-o run.kovraphot -d 0.2 --truth", 1000000, "run.kovraphot", "File too large"},
+      {"-o run.kovraphot -d 0.002 --truth --triggers 1e5", 16000, "run.kovraphot", "File too large"},
+      {"-o run.kovraphot -d 0.002 --raw run.tpx3", 100000, "run.tpx3", "File too large"},    // 205 kB, photons 67 kB
+      {"-o run.kovraphot -d 0.05 -n 1 --truth", 100000, "run.truth.csv", "File too large"},  // 205 kB, photons 80 kB
   };
-  for (const auto& [args, message] : cases) {
+  const std::vector<std::string> earlier = {"run.kovraphot", "run.tpx3", "run.truth.csv", "run.truth.kovraflash"};
+  std::vector<std::string> all = {"folder.kovraphot", "folder.kovraphot.truth.csv", "folder.tpx3"};
+  all.insert(all.end(), earlier.begin(), earlier.end());
+  std::ranges::sort(all);
+  for (const auto& [args, limit, failing, reason] : cases) {
     TempDir dir;
-    write_bytes(dir.file("file"), "a file");
-    write_bytes(dir.file("run.kovraphot"), "earlier photons");
-    write_bytes(dir.file("run.truth.csv"), "earlier truth");
+    write_earlierFiles(dir, earlier);
     for (const char* folder : {"folder.kovraphot", "folder.tpx3", "folder.kovraphot.truth.csv"}) {
       std::filesystem::create_directory(dir.file(folder));
     }
-    const auto r = run_simulate(dir, args + " -d 0.001");
-    EXPECT_EQ(std::tuple(r.status, r.err), std::tuple(1, "kovra_simulate: " + message + "\n"));
-    EXPECT_EQ(read_bytes(dir.file("run.kovraphot")), "earlier photons") << args;
-    EXPECT_EQ(read_bytes(dir.file("run.truth.csv")), "earlier truth") << args;
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path())) {
-      names.push_back(entry.path().lexically_relative(dir.path()));
-    }
-    std::ranges::sort(names);
-    EXPECT_EQ(names, (std::vector<std::string>{"file", "folder.kovraphot", "folder.kovraphot.truth.csv", "folder.tpx3",
-                                               "run.kovraphot", "run.truth.csv", "stderr.txt", "stdout.txt"}))
-        << args;
-  }
-}
-
-TEST(SimulateProgramTest, AWriteRefusedOnTheWayEndsWithItsReasonAndNoFileChanges) {
-  // A full disk, played by a file-size limit whose signal is ignored, so that the write fails instead. Each row
-  // makes another output the first to outgrow the limit.
-  const std::tuple<std::string, int, std::string> cases[] = {
-      // arguments, limit in bytes, the file that fails
-      {"-d 0.2 --truth", 1000000, "run.kovraphot"},                 // halfway through the 6 MB photon file
-      {"-d 0.002 --truth --triggers 1e5", 16000, "run.kovraphot"},  // its 67 kB still in the buffer at the end
-      {"-d 0.002 --raw run.tpx3", 100000, "run.tpx3"},              // 205 kB of raw hits, 67 kB of photons
-      {"-d 0.05 -n 1 --truth", 100000, "run.truth.csv"},            // 205 kB of flashes, 80 kB of photons
-  };
-  const std::vector<std::string> earlier = {"run.kovraphot", "run.tpx3", "run.truth.csv", "run.truth.kovraflash"};
-  for (const auto& [args, limit, failing] : cases) {
-    TempDir dir;
-    for (const std::string& name : earlier) write_bytes(dir.file(name), "earlier " + name);
-    const auto r = run_program(dir, "env",
-                               "--ignore-signal=XFSZ prlimit --fsize=" + std::to_string(limit) + " " +
-                                   KOVRA_SIMULATE_PATH " -o run.kovraphot " + args);
+    const auto r = limit == 0 ? run_simulate(dir, args)
+                              : run_program(dir, "env",
+                                            "--ignore-signal=XFSZ prlimit --fsize=" + std::to_string(limit) +
+                                                " " KOVRA_SIMULATE_PATH " " + args);
     EXPECT_EQ(std::tuple(r.status, r.out, r.err),
-              std::tuple(1, ""s, "kovra_simulate: cannot write '" + failing + "': File too large\n"))
+              std::tuple(1, ""s, "kovra_simulate: cannot write '" + failing + "': " + reason + "\n"))
         << args;
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
-      names.push_back(entry.path().filename());
-      const std::string bytes = read_bytes(entry.path());
-      if (entry.path().extension() != ".txt") {
-        EXPECT_TRUE(bytes == "earlier " + names.back()) << args << ": " << names.back() << " has " << bytes.size();
-      }
-    }
-    std::ranges::sort(names);
-    EXPECT_EQ(names, (std::vector<std::string>{"run.kovraphot", "run.tpx3", "run.truth.csv", "run.truth.kovraflash",
-                                               "stderr.txt", "stdout.txt"}))
-        << args;
+    EXPECT_EQ(get_changedFiles(dir, earlier), std::vector<std::string>{}) << args;
+    EXPECT_EQ(list_folder(dir), all) << args;
   }
 }
