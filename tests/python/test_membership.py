@@ -61,11 +61,6 @@ class MembershipTest(TempDirTest):
         for (algorithm, label), count in shared.items():
             self.assertEqual(count > 0, algorithm in ("default", "noBranchChain_ghostPhoton_direct"), (algorithm, label))
 
-    def test_no_photons_no_members(self) -> None:
-        (events, _), members = kovra.reconstruct(np.empty(0, kovra.PHOTON_DTYPE), 1, 1e-7, membership=True)
-        self.assertEqual((len(events), len(members.photon), len(members.event)), (0, 0, 0))
-        self.assertEqual((members.photon.dtype, members.event.dtype), (np.int64, np.int64))
-
 
 if __name__ == "__main__":
     unittest.main()

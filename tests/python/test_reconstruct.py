@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import io
+import itertools
 import math
 import os
 import shutil
@@ -70,14 +71,11 @@ class SameEventsAsTheToolTest(unittest.TestCase):
             self.assertEqual(len({outputs[algorithm, label] for algorithm in ALGORITHMS}), 4, label)
         # On several threads, in pieces small enough that the list is cut many times: the same events.
         with mock.patch.dict(os.environ, {"KOVRA_PIECE_PHOTONS": "1000"}):
-            for threads in (1, 2, 5):
-                for algorithm in ALGORITHMS:
-                    for label, arguments in SETTINGS:
-                        with self.subTest(algorithm=algorithm, settings=label, threads=threads):
-                            with contextlib.redirect_stdout(io.StringIO()):
-                                result = kovra.reconstruct(self.photons, **arguments, algorithm=algorithm,
-                                                           threads=threads)
-                            self.assertEqual(result.events.tobytes(), outputs[algorithm, label])
+            for threads, algorithm, (label, arguments) in itertools.product((1, 2, 5), ALGORITHMS, SETTINGS):
+                with self.subTest(algorithm=algorithm, settings=label, threads=threads):
+                    with contextlib.redirect_stdout(io.StringIO()):
+                        result = kovra.reconstruct(self.photons, **arguments, algorithm=algorithm, threads=threads)
+                    self.assertEqual(result.events.tobytes(), outputs[algorithm, label])
         for bad in (0, -1, 2.0, True, "2"):
             with self.subTest(threads=bad), self.assertRaisesRegex(ValueError, "threads must be a whole number"):
                 kovra.reconstruct(self.photons, 1, 1e-7, threads=bad)
@@ -115,11 +113,15 @@ class SettingsErrorTest(TempDirTest):
                 kovra.reconstruct(photons[::-1], 1, 1e-7, duration_max_s=duration)
 
     def test_no_photons_give_no_events_and_keep_the_triggers(self) -> None:
-        for triggers in (None, [], [3]):
-            with self.subTest(triggers=triggers):
-                events, out = kovra.reconstruct(np.empty(0, kovra.PHOTON_DTYPE), 1, 1e-7, triggers=triggers)
+        for triggers, membership in itertools.product((None, [], [3]), (False, True)):
+            with self.subTest(triggers=triggers, membership=membership):
+                result = kovra.reconstruct(np.empty(0, kovra.PHOTON_DTYPE), 1, 1e-7, triggers=triggers,
+                                           membership=membership)
+                (events, out), members = result if membership else (result, None)
                 self.assertEqual(len(events), 0)
                 self.assertEqual(None if out is None else out.tolist(), triggers)
+                if members is not None:
+                    self.assertEqual([(len(a), a.dtype) for a in members], [(0, np.int64)] * 2)
 
 
 class ConversionTest(unittest.TestCase):
