@@ -106,10 +106,6 @@ class CampaignWorkflowTest(unittest.TestCase):
         out = self.root / "out"
         return {str(path.relative_to(out)): path.stat().st_mtime_ns for path in out.rglob("*") if path.is_file()}
 
-    def changed_since(self, before: dict[str, int]) -> list[str]:
-        after = self.snapshot()
-        return sorted(path for path in after if before.get(path) != after[path])
-
     def test_1_bad_settings_stop_before_any_job(self) -> None:
         # One sample: campaign_config_test.py has every message.
         result = self.snakemake("dTime_s=fast")
@@ -203,7 +199,8 @@ class CampaignWorkflowTest(unittest.TestCase):
         made = [f"{name}.{kind}" for name in ("beta", "gamma") for kind in ("h5", "kovraevent", "png", "summary.txt")]
         made += [f"{folder}/{name}.{kind}" for name in ("beta", "gamma") for folder, kind in
                  (("logs", "log"), ("status", "json"), ("status", "npz"))]
-        self.assertEqual(self.changed_since(before), sorted(made + [
+        after = self.snapshot()
+        self.assertEqual(sorted(path for path in after if before.get(path) != after[path]), sorted(made + [
             "campaign.csv", "campaign.md", "campaign_event_map.png", "campaign_pulse_shape.png", "campaign_stack.h5",
             "campaign_tof.png", "logs/campaign_report.log"]))
 
