@@ -1,9 +1,11 @@
-"""kovra.reconstruct against the command-line tool, and the conversions it shares with the tool."""
+"""kovra.reconstruct against the command-line tool and against events rebuilt from their photons, and the
+conversions it shares with the tool."""
 
 from __future__ import annotations
 
 import contextlib
 import io
+import itertools
 import math
 import os
 import shutil
@@ -31,6 +33,27 @@ OPTION = dict(d_space_px="-s", d_time_s="-t", duration_max_s="-D", d_time_ext="-
 
 def tool_options(arguments: dict[str, object]) -> list[str]:  # kovra_brantel's options for the keyword arguments
     return [word for key, value in arguments.items() for word in (OPTION[key], str(value))]
+
+
+def wrap32(value: int) -> int:
+    return (value + 2**31) % 2**32 - 2**31
+
+
+def rebuilt_event(photons: np.ndarray) -> tuple[int, int, int, int, float]:
+    """The event record of photons taken in this order: the running integer mean of the positions (difference
+    wrapping at 32 bits, division truncating), the first photon's time, the running mean of the time distances
+    to the first photon in seconds."""
+    x, y, t_first = (int(photons[0][field]) for field in ("x", "y", "toa"))
+
+    def step(mean: int, sample: int, n: int) -> int:
+        difference = wrap32(sample - mean)
+        return wrap32(mean + abs(difference) // n * (1 if difference >= 0 else -1))
+
+    psd = 0.0
+    for n, (photon_x, photon_y, toa) in enumerate(photons[1:].tolist(), start=2):
+        x, y = step(x, photon_x, n), step(y, photon_y, n)
+        psd = (psd * (n - 1) + (toa * kovra.TICK_SECONDS - t_first * kovra.TICK_SECONDS)) / n
+    return x, y, t_first, len(photons), psd
 
 
 class SameEventsAsTheToolTest(unittest.TestCase):
@@ -70,17 +93,38 @@ class SameEventsAsTheToolTest(unittest.TestCase):
             self.assertEqual(len({outputs[algorithm, label] for algorithm in ALGORITHMS}), 4, label)
         # On several threads, in pieces small enough that the list is cut many times: the same events.
         with mock.patch.dict(os.environ, {"KOVRA_PIECE_PHOTONS": "1000"}):
-            for threads in (1, 2, 5):
-                for algorithm in ALGORITHMS:
-                    for label, arguments in SETTINGS:
-                        with self.subTest(algorithm=algorithm, settings=label, threads=threads):
-                            with contextlib.redirect_stdout(io.StringIO()):
-                                result = kovra.reconstruct(self.photons, **arguments, algorithm=algorithm,
-                                                           threads=threads)
-                            self.assertEqual(result.events.tobytes(), outputs[algorithm, label])
+            for threads, algorithm, (label, arguments) in itertools.product((1, 2, 5), ALGORITHMS, SETTINGS):
+                with self.subTest(algorithm=algorithm, settings=label, threads=threads):
+                    with contextlib.redirect_stdout(io.StringIO()):
+                        result = kovra.reconstruct(self.photons, **arguments, algorithm=algorithm, threads=threads)
+                    self.assertEqual(result.events.tobytes(), outputs[algorithm, label])
         for bad in (0, -1, 2.0, True, "2"):
             with self.subTest(threads=bad), self.assertRaisesRegex(ValueError, "threads must be a whole number"):
                 kovra.reconstruct(self.photons, 1, 1e-7, threads=bad)
+
+
+    def test_events_rebuilt_from_their_photons_equal_the_events(self) -> None:
+        # Which photons each event took (membership=True), checked by rebuilding every event from them.
+        photons, shared = self.photons, {}
+        for algorithm, (label, arguments) in itertools.product(ALGORITHMS, SETTINGS):
+            with self.subTest(algorithm=algorithm, settings=label), contextlib.redirect_stdout(io.StringIO()):
+                (events, _), members = kovra.reconstruct(photons, **arguments, algorithm=algorithm, membership=True)
+                self.assertEqual(events.tolist(),
+                                 kovra.reconstruct(photons, **arguments, algorithm=algorithm).events.tolist())
+                # By photon, then event; every photon in some event.
+                order = np.lexsort((members.event, members.photon))
+                np.testing.assert_array_equal(order, np.arange(len(order)))
+                np.testing.assert_array_equal(np.unique(members.photon), np.arange(len(photons)))
+                # Each event's photons, in photon order, are the order they joined in.
+                by_event = np.argsort(members.event, kind="stable")
+                ends = np.cumsum(np.bincount(members.event, minlength=len(events)))
+                np.testing.assert_array_equal(ends[-1], len(members.photon))
+                for index, taken in enumerate(np.split(members.photon[by_event], ends[:-1])):
+                    self.assertEqual(rebuilt_event(photons[taken]), tuple(events[index].tolist()), f"event {index}")
+                shared[algorithm, label] = len(members.photon) - len(photons)
+        # Only the ghost-photon chain shares photons between events, and on this file it does.
+        for (algorithm, label), count in shared.items():
+            self.assertEqual(count > 0, algorithm in ("default", "noBranchChain_ghostPhoton_direct"), (algorithm, label))
 
 
 class SettingsErrorTest(TempDirTest):
@@ -115,11 +159,15 @@ class SettingsErrorTest(TempDirTest):
                 kovra.reconstruct(photons[::-1], 1, 1e-7, duration_max_s=duration)
 
     def test_no_photons_give_no_events_and_keep_the_triggers(self) -> None:
-        for triggers in (None, [], [3]):
-            with self.subTest(triggers=triggers):
-                events, out = kovra.reconstruct(np.empty(0, kovra.PHOTON_DTYPE), 1, 1e-7, triggers=triggers)
+        for triggers, membership in itertools.product((None, [], [3]), (False, True)):
+            with self.subTest(triggers=triggers, membership=membership):
+                result = kovra.reconstruct(np.empty(0, kovra.PHOTON_DTYPE), 1, 1e-7, triggers=triggers,
+                                           membership=membership)
+                (events, out), members = result if membership else (result, None)
                 self.assertEqual(len(events), 0)
                 self.assertEqual(None if out is None else out.tolist(), triggers)
+                if members is not None:
+                    self.assertEqual([(len(a), a.dtype) for a in members], [(0, np.int64)] * 2)
 
 
 class ConversionTest(unittest.TestCase):

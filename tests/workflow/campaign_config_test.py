@@ -91,7 +91,6 @@ class CampaignConfigTest(unittest.TestCase):
             ({"dSpace_px": "abc"}, "\"dSpace_px\" must be a number, got 'abc'"),
             ({"dSpace_px": 0}, '"dSpace_px" must be greater than 0, got 0'),
             ({"dTime_s": -1e-7}, '"dTime_s" must be greater than 0, got -1e-07'),
-            ({"dTime_s": float("inf")}, '"dTime_s" must be finite'),
             ({"dTime_s": "nan"}, '"dTime_s" must be finite'),
             ({"dSpace_px": True}, '"dSpace_px" must be a number, got True'),
             ({"dSpace_px": [1]}, '"dSpace_px" must be a number, got [1]'),

@@ -106,24 +106,12 @@ class CampaignWorkflowTest(unittest.TestCase):
         out = self.root / "out"
         return {str(path.relative_to(out)): path.stat().st_mtime_ns for path in out.rglob("*") if path.is_file()}
 
-    def changed_since(self, before: dict[str, int]) -> list[str]:
-        after = self.snapshot()
-        return sorted(path for path in after if before.get(path) != after[path])
-
     def test_1_bad_settings_stop_before_any_job(self) -> None:
-        cases = [
-            (["input=nowhere"], 'campaign settings: "input": no such folder: nowhere'),
-            (["dSpace=5"], "campaign settings: unknown key dSpace"),
-            (["dTime_s=fast"], "campaign settings: \"dTime_s\" must be a number, got 'fast'"),
-            (["input=out_of_files"], 'campaign settings: "input": no *.kovraphot or *.tpx3 files in out_of_files'),
-        ]
-        (self.root / "out_of_files").mkdir(exist_ok=True)
-        for config, message in cases:
-            with self.subTest(config=config):
-                result = self.snakemake(*config)
-                self.assertNotEqual(result.returncode, 0)
-                self.assertIn(message, result.stderr)
-                self.assertFalse((self.root / "out").exists())
+        # One sample: campaign_config_test.py has every message.
+        result = self.snakemake("dTime_s=fast")
+        self.assertNotEqual(result.returncode, 0)
+        self.assertIn("campaign settings: \"dTime_s\" must be a number, got 'fast'", result.stderr)
+        self.assertFalse((self.root / "out").exists())
 
     def test_2_campaign_matches_direct_runs_and_reports_the_broken_file(self) -> None:
         result = self.snakemake()
@@ -202,25 +190,19 @@ class CampaignWorkflowTest(unittest.TestCase):
         self.assertIn("Nothing to be done", again.stdout + again.stderr)
         self.assertEqual(self.snapshot(), before)
 
-        report = ["campaign.csv", "campaign.md", "campaign_event_map.png", "campaign_pulse_shape.png",
-                  "campaign_stack.h5", "campaign_tof.png", "logs/campaign_report.log"]
-        # A new file: only it and the report are made.
+        # A new file and one redone by hand, as the docs say (its status file deleted): only they and the report
+        # are made.
         self.simulate("gamma", ["--duration", "0.005", "--seed", "13"])
-        added = self.snakemake()
-        self.assertEqual(added.returncode, 0, added.stderr)
-        self.assertEqual(self.changed_since(before), sorted(report + [
-            "gamma.h5", "gamma.kovraevent", "gamma.png", "gamma.summary.txt", "logs/gamma.log", "status/gamma.json",
-            "status/gamma.npz"]))
-        self.assertEqual(self.direct_run("gamma")["gamma.kovraevent"], (out / "gamma.kovraevent").read_bytes())
-
-        # One file redone by hand, as the docs say: its status file deleted, and only it and the report are made.
-        before = self.snapshot()
         (out / "status" / "beta.json").unlink()
         redone = self.snakemake()
         self.assertEqual(redone.returncode, 0, redone.stderr)
-        self.assertEqual(self.changed_since(before), sorted(report + [
-            "beta.h5", "beta.kovraevent", "beta.png", "beta.summary.txt", "logs/beta.log", "status/beta.json",
-            "status/beta.npz"]))
+        made = [f"{name}.{kind}" for name in ("beta", "gamma") for kind in ("h5", "kovraevent", "png", "summary.txt")]
+        made += [f"{folder}/{name}.{kind}" for name in ("beta", "gamma") for folder, kind in
+                 (("logs", "log"), ("status", "json"), ("status", "npz"))]
+        after = self.snapshot()
+        self.assertEqual(sorted(path for path in after if before.get(path) != after[path]), sorted(made + [
+            "campaign.csv", "campaign.md", "campaign_event_map.png", "campaign_pulse_shape.png", "campaign_stack.h5",
+            "campaign_tof.png", "logs/campaign_report.log"]))
 
 
 def main() -> int:
