@@ -91,15 +91,29 @@ TEST(EvaluateProgramTest, ReportsAScanWritesItsTableAndPlots) {
 TEST(EvaluateProgramTest, TruthThatCannotBeReadOrDoesNotAgreeAndATableThatCannotBeWrittenAreNamed) {
   TempDir dir;
   simulate(dir);
-  // A flash list cut short no longer matches its flash file.
+  // Flash lists beside a copy of the true flash file: cut short, with a wrong header, a line that is not a flash,
+  // one photon too many in the first flash.
   const std::string csv = read_bytes(dir.file("run.truth.csv"));
-  write_bytes(dir.file("cut.truth.csv"), csv.substr(0, csv.rfind('\n', csv.size() - 2) + 1));
-  std::filesystem::copy_file(dir.file("run.truth.kovraflash"), dir.file("cut.truth.kovraflash"));
+  const std::size_t first = csv.find('\n') + 1;
+  const std::string flash = csv.substr(first, csv.find('\n', first) - first);
+  const std::size_t count = flash.rfind(',', flash.rfind(',') - 1) + 1;
+  const std::string more =
+      flash.substr(0, count) + std::to_string(std::stoul(flash.substr(count)) + 1) + flash.substr(flash.rfind(','));
+  for (const auto& [name, text] : {std::pair{"cut", csv.substr(0, csv.rfind('\n', csv.size() - 2) + 1)},
+                                   {"header", "t,x,y,n,class\n" + csv.substr(first)},
+                                   {"line", csv.substr(0, first) + "1e-3,2,three,4,gamma\n" + csv.substr(first)},
+                                   {"count", csv.substr(0, first) + more + csv.substr(first + flash.size())}}) {
+    write_bytes(dir.file(name + std::string(".truth.csv")), text);
+    std::filesystem::copy_file(dir.file("run.truth.kovraflash"), dir.file(name + std::string(".truth.kovraflash")));
+  }
   std::filesystem::create_directory(dir.file("taken.csv"));
   const std::pair<std::string, std::string> cases[] = {
       // options, message
       {"--truth missing.truth.csv", "cannot read the truth file 'missing.truth.csv'"},
       {"--truth cut.truth.csv", "flashes, its photon flash file"},
+      {"--truth header.truth.csv", "'header.truth.csv': the first line must be t_s,x_px,y_px,nPhotons,class\n"},
+      {"--truth line.truth.csv", "line 2: expected time, x, y, photon count and class, got '1e-3,2,three,4,gamma'"},
+      {"--truth count.truth.csv", "': flash 0 has "},
       {"--csv taken.csv", "cannot write 'taken.csv': Is a directory\n"},
   };
   for (const auto& [options, message] : cases) {
