@@ -12,9 +12,9 @@
 // A reading that may move the window invalidates references to its photons: copy a photon that must outlive a
 // fetch.
 //
-// A window made with `requireOrder` throws PhotonWindow_OrderBroken as soon as a photon read from the source
-// breaks the time order (TimeOrder_Check), before the algorithm can see it, so that shortcuts relying on the
-// order are never taken on input that does not have it.
+// A window made with `Order_Check::required` throws PhotonWindow_OrderBroken as soon as a photon read from the
+// source breaks the time order (TimeOrder_Check), before the algorithm can see it, so that shortcuts relying on
+// the order are never taken on input that does not have it.
 
 #include <algorithm>
 #include <bit>
@@ -32,10 +32,10 @@ namespace kovra {
 /// Thrown by a window that requires time order when the source breaks it.
 struct PhotonWindow_OrderBroken {};
 
-/// The window; `Mark_Type` is the algorithm's own per-photon entry, zero when a photon enters the window.
 /// Whether a window checks that the photons it reads come in time order.
 enum class Order_Check { skipped, required };
 
+/// The window; `Mark_Type` is the algorithm's own per-photon entry, zero when a photon enters the window.
 template <typename PhotonEvent_Type, typename Mark_Type = std::uint8_t>
 class PhotonWindow {
  public:

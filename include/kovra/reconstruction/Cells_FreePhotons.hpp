@@ -81,15 +81,15 @@ class Cells_FreePhotons {
   std::vector<std::uint32_t> counts;
 };
 
+/// What a range of free photons keeps by cell: only their counts, or also their lists.
+enum class Kept_ByCell { counts, lists };
+
 /// The free photons of a range [begin, end) of a time-ordered window, counted and listed by cell. The range only
 /// moves forward: photons enter at its end (counted and listed when free) and leave at its begin (uncounted when
 /// still free, unlisted); a photon taken while inside is uncounted at once and stays listed, to be passed over.
 /// So the counts always hold exactly the free photons inside, and the lists of a cell hold, in index order,
 /// every free photon of the range in that cell (and some taken ones). The caller releases no photon of the window
 /// at or after `get_begin()`.
-/// What a range of free photons keeps by cell: only their counts, or also their lists.
-enum class Kept_ByCell { counts, lists };
-
 template <typename Window_Type, typename Length_Type, typename Time_Type>
 class Range_FreePhotons {
  public:

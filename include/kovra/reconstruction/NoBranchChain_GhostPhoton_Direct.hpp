@@ -137,7 +137,7 @@ void run_noBranchChain_ghostPhoton_direct(const Settings_Type& settings, PhotonS
         if (chain.nPhotons > 1) {
           // Only now is the seed known to give an event (no photon joined a chain of one).
           detail::report_member(membership, out.size(), i);
-          out.append(Event_Type{chain.x, chain.y, chain.t_first, chain.nPhotons, chain.psd.value});
+          out.append(chain.to_event());
           detail::note_chainEnd<Time_Type>(out, grown.last);
           continue;
         }
