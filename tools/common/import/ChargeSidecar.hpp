@@ -16,6 +16,7 @@
 //
 // It is written as the photons are, through an atomic output file, and appears only when the photon file does.
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <span>
@@ -43,7 +44,8 @@ struct Output_Failure : std::runtime_error {
 };
 
 /// Streams the charges; `commit` writes the header and moves the file into place. Throws Output_Failure
-/// naming the file and the system's reason when it cannot be written.
+/// naming the file and the system's reason when it cannot be written. Header and records are written as they lie
+/// in memory, which is their layout on a little-endian machine (the only kind the container files are made on).
 class Charge_Writer {
  public:
   explicit Charge_Writer(const std::string& path) : file(path) {
@@ -52,25 +54,17 @@ class Charge_Writer {
   }
 
   void add(std::span<const Photon_Charge> charges) {
-    for (const Photon_Charge& c : charges) {
-      put(c.tot, 4);
-      put(c.hits, 4);
-    }
     count += charges.size();
-    file.stream().write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    bytes.clear();
+    file.stream().write(reinterpret_cast<const char*>(charges.data()),
+                        static_cast<std::streamsize>(charges.size_bytes()));
   }
 
   /// `fingerprint`: of the photons, in order (kovra::tools::Photon_Fingerprint).
   void commit(std::uint64_t fingerprint) {
-    put(1, 4);
-    put(8, 4);
-    put(count, 8);
-    put(fingerprint, 8);
+    Header header{{}, 1, sizeof(Photon_Charge), count, fingerprint};
+    std::memcpy(header.magic, charge_magic, sizeof charge_magic);
     file.stream().seekp(0);
-    file.stream().write(charge_magic, sizeof charge_magic);
-    file.stream().write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    bytes.clear();
+    file.stream().write(reinterpret_cast<const char*>(&header), sizeof header);
     check();
     try {
       file.commit();
@@ -80,9 +74,16 @@ class Charge_Writer {
   }
 
  private:
-  void put(std::uint64_t value, int width) {
-    for (int i = 0; i < width; ++i) bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
-  }
+  struct Header {
+    char magic[8];
+    std::uint32_t version;
+    std::uint32_t recordBytes;
+    std::uint64_t count;
+    std::uint64_t fingerprint;
+  };
+  static_assert(sizeof(Header) == charge_headerBytes && sizeof(Photon_Charge) == 8);
+  static_assert(std::endian::native == std::endian::little);
+
   void check() const {
     if (file.get_error() != 0) {
       throw Output_Failure("cannot write \"" + file.get_path() + "\": " + std::strerror(file.get_error()));
@@ -90,7 +91,6 @@ class Charge_Writer {
   }
 
   kovra::OutputFile_Atomic file;
-  std::string bytes;
   std::uint64_t count = 0;
 };
 
