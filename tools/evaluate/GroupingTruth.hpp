@@ -115,7 +115,7 @@ inline Grouping_Truth load_groupingTruth(const std::string& rawPath, const std::
   std::stable_sort(read.begin(), read.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
 
   const bool quad = std::any_of(read.begin(), read.end(), [](const auto& h) { return h.chip != 0; });
-  result.frameSize = quad ? 512 : 256;
+  result.frameSize = import::get_frameSide(quad ? import::Frame_Layout::quad : import::Frame_Layout::single);
   result.hits.reserve(read.size());
   result.rawTimes.reserve(read.size());
   if (withTruth) result.truth.flashOfPhoton.reserve(read.size());
@@ -124,9 +124,9 @@ inline Grouping_Truth load_groupingTruth(const std::string& rawPath, const std::
       throw std::invalid_argument("the raw file holds chip " + std::to_string(h.chip) +
                                   ", but a quad has chips 0 to 3");
     }
-    const auto& place = quad ? import::detail::quad_placements[h.chip] : import::detail::Chip_Placement{0, 1, 0, 1};
-    result.hits.push_back({h.time, static_cast<std::uint16_t>(place.xOffset + place.xSign * h.column),
-                           static_cast<std::uint16_t>(place.yOffset + place.ySign * h.row), h.tot, 0});
+    const auto place = import::detail::get_placement(quad, h.chip);
+    result.hits.push_back({h.time, static_cast<std::uint16_t>(place.get_x(h.column)),
+                           static_cast<std::uint16_t>(place.get_y(h.row)), h.tot, 0});
     result.rawTimes.push_back(h.rawTime);
     if (withTruth) result.truth.flashOfPhoton.push_back(photonOfHit[static_cast<std::size_t>(h.order)]);
   }

@@ -144,7 +144,7 @@ void read_tables(Import_Options& options) {
     options.timeWalk = std::make_shared<const Time_Walk>(read_timeWalk(options.timeWalkFile));
   }
   if (!options.maskFile.empty()) {
-    const unsigned side = options.layout == Frame_Layout::quad ? 512 : 256;
+    const unsigned side = get_frameSide(options.layout);
     options.mask = std::make_shared<const Pixel_Mask>(read_pixelMask(options.maskFile, side));
   }
 }

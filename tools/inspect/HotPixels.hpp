@@ -58,11 +58,9 @@ inline Pixel_Counts count_rawPixels(const std::string& path) {
   Pixel_Counts counts;
   for (std::size_t k = 0; k < perChip.size(); ++k) {
     if (perChip[k] == 0) continue;
-    const auto& place =
-        quad ? kovra::import::detail::quad_placements[k >> 16] : kovra::import::detail::Chip_Placement{0, 1, 0, 1};
-    const auto c = static_cast<int>((k >> 8) & 255);
-    const auto r = static_cast<int>(k & 255);
-    counts[pack_pixel(place.xOffset + place.xSign * c, place.yOffset + place.ySign * r)] = perChip[k];
+    const auto place = kovra::import::detail::get_placement(quad, static_cast<unsigned>(k >> 16));
+    counts[pack_pixel(place.get_x(static_cast<int>((k >> 8) & 255)), place.get_y(static_cast<int>(k & 255)))] =
+        perChip[k];
   }
   return counts;
 }

@@ -72,12 +72,23 @@ namespace detail {
 /// Where a chip's pixel (c, r) lands in the frame: x = xOffset + xSign c, y = yOffset + ySign r.
 struct Chip_Placement {
   int xOffset, xSign, yOffset, ySign;
+
+  constexpr int get_x(int c) const { return xOffset + xSign * c; }
+  constexpr int get_y(int r) const { return yOffset + ySign * r; }
 };
+
+/// A single chip is the whole frame.
+inline constexpr Chip_Placement single_placement{0, 1, 0, 1};
 
 /// The 2 x 2 quad without gaps: chip 0 at the lower right, 1 upper right and 2 upper left (both turned half
 /// round), 3 lower left.
 inline constexpr std::array<Chip_Placement, 4> quad_placements = {
     {{256, 1, 0, 1}, {511, -1, 511, -1}, {255, -1, 511, -1}, {0, 1, 0, 1}}};
+
+/// Where chip `chip` (0 to 3 in a quad) lands in the frame.
+constexpr Chip_Placement get_placement(bool quad, unsigned chip) {
+  return quad ? quad_placements[chip] : single_placement;
+}
 
 /// Recognises a TDC packet the readout repeats once per chip: the same 64-bit word as one of the latest 4096
 /// distinct edges (a word holds the edge's 35-bit time and 12-bit counter, so two edges never share one).
@@ -233,8 +244,8 @@ class Raw_Import {
     }
     const int c = static_cast<int>(get_hitColumn(p));
     const int r = static_cast<int>(get_hitRow(p));
-    const auto x = static_cast<std::uint16_t>(placement.xOffset + placement.xSign * c);
-    const auto y = static_cast<std::uint16_t>(placement.yOffset + placement.ySign * r);
+    const auto x = static_cast<std::uint16_t>(placement.get_x(c));
+    const auto y = static_cast<std::uint16_t>(placement.get_y(r));
     if (options.mask && options.mask->is_masked(x, y)) {
       ++summary.droppedMasked;
       return;
@@ -270,7 +281,7 @@ class Raw_Import {
   detail::Tdc_Repeats repeats;
   Reorder_Window window;
   std::uint64_t minTot;
-  detail::Chip_Placement placement{0, 1, 0, 1};
+  detail::Chip_Placement placement = detail::single_placement;
   std::optional<unsigned> singleChip;
 };
 
@@ -296,7 +307,7 @@ Import_Summary run_import(const Import_Options& options, Output_Type& output, Im
     return summary;
   }
 
-  const unsigned frameSize = options.layout == Frame_Layout::quad ? 512 : 256;
+  const unsigned frameSize = get_frameSide(options.layout);
   Hit_Grouping grouping(frameSize, frameSize, options.radius_px, options.window, options.photonTime);
   std::vector<Photon> photons;
   std::vector<Photon_Charge> charges;  // of the photons in `photons`

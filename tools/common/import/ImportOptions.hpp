@@ -29,6 +29,9 @@ namespace kovra::import {
 
 enum class Frame_Layout { single, quad };
 
+/// Pixels along a side of the frame: a chip is 256 x 256, a quad 512 x 512.
+inline constexpr unsigned get_frameSide(Frame_Layout layout) { return layout == Frame_Layout::quad ? 512 : 256; }
+
 /// The settings of one run. Times are in ticks of 1.5625 ns, rounded to the nearest tick from the seconds given.
 struct Import_Options {
   /// Items per piece when KOVRA_PIECE_HITS does not say: 512 KiB of packed items, about 3 ms of the benchmark's

@@ -193,7 +193,7 @@ class Piece_Worker {
 
   std::unique_ptr<Hit_Grouping> take_grouping(std::unique_ptr<Hit_Grouping>& kept) const {
     if (kept) return std::move(kept);
-    const unsigned side = options.layout == Frame_Layout::quad ? 512 : 256;
+    const unsigned side = get_frameSide(options.layout);
     return std::make_unique<Hit_Grouping>(side, side, options.radius_px, options.window, options.photonTime);
   }
 
