@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "common/PathSuffix.hpp"
 #include "common/PhotonFlashes.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -30,8 +31,7 @@ inline constexpr char hitPhotons_magic[8] = {'K', 'O', 'V', 'R', 'A', 'H', 'I', 
 
 /// Where the photon of every hit of a raw file goes: ".tpx3" replaced by ".truth.kovrahit".
 inline std::string get_hitPhotonsPath(const std::string& rawPath) {
-  const std::string suffix = ".tpx3";
-  return (rawPath.ends_with(suffix) ? rawPath.substr(0, rawPath.size() - suffix.size()) : rawPath) + ".truth.kovrahit";
+  return replace_suffix(rawPath, ".tpx3", ".truth.kovrahit");
 }
 
 /// The photon of every hit, in the raw file's order.

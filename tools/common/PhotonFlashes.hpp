@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "common/Counts.hpp"
+#include "common/PathSuffix.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -35,10 +36,7 @@ namespace kovra::tools {
 
 /// Where the flash of every photon of a photon file goes: ".kovraphot" replaced by ".truth.kovraflash".
 inline std::string get_photonFlashesPath(const std::string& photonPath) {
-  const std::string suffix = ".kovraphot";
-  const std::string stem =
-      photonPath.ends_with(suffix) ? photonPath.substr(0, photonPath.size() - suffix.size()) : photonPath;
-  return stem + ".truth.kovraflash";
+  return replace_suffix(photonPath, ".kovraphot", ".truth.kovraflash");
 }
 
 /// A 64-bit digest of the photons' positions and times, in order, taken a piece at a time: a flash list made for

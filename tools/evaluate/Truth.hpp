@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/Counts.hpp"
+#include "common/PathSuffix.hpp"
 #include "common/PhotonFlashes.hpp"
 #include "kovra/tpx3spidr/Tpx3Spidr.hpp"
 
@@ -39,16 +40,12 @@ struct Truth {
 
 /// The truth files of a photon file as kovra_simulate names them: run.kovraphot gives run.truth.csv.
 inline std::string get_truthCsvPath(const std::string& photonPath) {
-  const std::string suffix = ".kovraphot";
-  return (photonPath.ends_with(suffix) ? photonPath.substr(0, photonPath.size() - suffix.size()) : photonPath) +
-         ".truth.csv";
+  return tools::replace_suffix(photonPath, ".kovraphot", ".truth.csv");
 }
 
 /// The flash file that goes with a truth CSV: run.truth.csv gives run.truth.kovraflash.
 inline std::string get_flashPath(const std::string& truthCsvPath) {
-  const std::string suffix = ".csv";
-  return (truthCsvPath.ends_with(suffix) ? truthCsvPath.substr(0, truthCsvPath.size() - suffix.size()) : truthCsvPath) +
-         ".kovraflash";
+  return tools::replace_suffix(truthCsvPath, ".csv", ".kovraflash");
 }
 
 namespace truth_detail {

@@ -23,6 +23,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/PathSuffix.hpp"
 #include "common/import/HitGrouping.hpp"
 #include "kovra/OutputFile_Atomic.hpp"
 
@@ -33,9 +34,7 @@ inline constexpr std::size_t charge_headerBytes = 32;
 
 /// Where the charges of a photon file go: ".kovraphot" replaced by ".kovracharge".
 inline std::string get_chargePath(const std::string& photonPath) {
-  const std::string suffix = ".kovraphot";
-  return (photonPath.ends_with(suffix) ? photonPath.substr(0, photonPath.size() - suffix.size()) : photonPath) +
-         ".kovracharge";
+  return tools::replace_suffix(photonPath, ".kovraphot", ".kovracharge");
 }
 
 /// An output of the import cannot be written: the message names it and gives the system's reason.
