@@ -19,6 +19,7 @@
 #include "common/HitPhotons.hpp"
 #include "common/Options.hpp"
 #include "common/import/HitGrouping.hpp"
+#include "common/import/ImportOptions.hpp"
 #include "kovra/Worker_Pool.hpp"
 
 namespace kovra::evaluate {
@@ -219,11 +220,6 @@ inline bool take_gridOption(int c, const std::string& value, Settings_Grid& grid
   return false;
 }
 
-inline import::Photon_Time parse_photonTime(const std::string& option, const std::string& text) {
-  if (text != "strongest" && text != "earliest") throw tools::bad_value(option, "strongest or earliest", text);
-  return text == "earliest" ? import::Photon_Time::earliest : import::Photon_Time::strongest;
-}
-
 /// Takes one of the grouping settings of a raw file, as a single setting or a grid, into `grid`; false for
 /// another option.
 inline bool take_groupingOption(int c, const std::string& value, Grouping_Grid& grid, Given_Once& given) {
@@ -236,21 +232,20 @@ inline bool take_groupingOption(int c, const std::string& value, Grouping_Grid& 
     Given_Once::note(given.radius, option);
     grid.radius_px.clear();
     for (const auto& item : items(option)) {
-      grid.radius_px.push_back(
-          tools::parse_number<unsigned>(option, item, {"a whole number of pixels", 0, 16, false, true}));
+      grid.radius_px.push_back(import::detail::parse_radius(option, item));
     }
   } else if (c == window || c == windowGrid) {
     const std::string option = gridded ? "window-grid" : "window";
     Given_Once::note(given.window, option);
     grid.window_s.clear();
     for (const auto& item : items(option)) {
-      grid.window_s.push_back(tools::parse_number(option, item, {"a number of seconds", 0, 1}));
+      grid.window_s.push_back(import::detail::parse_window(option, item));
     }
   } else if (c == photonTime || c == photonTimeGrid) {
     const std::string option = gridded ? "photon-time-grid" : "photon-time";
     Given_Once::note(given.photonTime, option);
     grid.photonTimes.clear();
-    for (const auto& item : items(option)) grid.photonTimes.push_back(parse_photonTime(option, item));
+    for (const auto& item : items(option)) grid.photonTimes.push_back(import::detail::parse_photonTime(option, item));
   } else {
     return false;
   }
@@ -286,8 +281,7 @@ inline void take_evaluateOption(int c, const std::string& value, Evaluate_Option
       options.fitTimeWalkFile = value;
       break;
     case fitFrom:
-      if (value != "truth" && value != "data") throw tools::bad_value("fit-from", "truth or data", value);
-      options.fitFromData = value == "data";
+      options.fitFromData = tools::parse_choice<bool>("fit-from", value, {{"truth", false}, {"data", true}});
       break;
     case threads:
       options.threads =

@@ -171,6 +171,16 @@ inline double parse_seconds(std::string_view option, std::string_view text, doub
   return kovra::tools::parse_number(option, text, {"a number of seconds", 0, high});
 }
 
+/// The grouping settings, as the import and the evaluator's scan of them take them.
+inline unsigned parse_radius(std::string_view option, std::string_view text) {
+  return kovra::tools::parse_number<unsigned>(option, text, {"a whole number of pixels", 0, 16, false, true});
+}
+inline double parse_window(std::string_view option, std::string_view text) { return parse_seconds(option, text, 1.0); }
+inline Photon_Time parse_photonTime(std::string_view option, std::string_view text) {
+  return kovra::tools::parse_choice<Photon_Time>(
+      option, text, {{"strongest", Photon_Time::strongest}, {"earliest", Photon_Time::earliest}});
+}
+
 /// A file name, which may not be empty.
 inline std::string take_fileName(std::string_view option, const std::string& value) {
   if (value.empty()) throw std::invalid_argument("option --" + std::string(option) + " needs a file name");
@@ -204,17 +214,16 @@ inline void take_importOption(int c, const std::string& value, Import_Options& o
       options.hitsAsPhotons = true;
       break;
     case radius:
-      options.radius_px = parse_number<unsigned>("radius", value, {"a whole number of pixels", 0, 16, false, true});
+      options.radius_px = parse_radius("radius", value);
       break;
     case window:
-      options.window = to_ticks(parse_seconds("window", value, 1.0));
+      options.window = to_ticks(parse_window("window", value));
       break;
     case minTot:
       options.minTot_ns = parse_number("min-tot", value, {"a number of nanoseconds", 0});
       break;
     case photonTime:
-      options.photonTime = parse_choice<Photon_Time>(
-          "photon-time", value, {{"strongest", Photon_Time::strongest}, {"earliest", Photon_Time::earliest}});
+      options.photonTime = parse_photonTime("photon-time", value);
       break;
     case trigger:
       options.triggerEdge = parse_choice<int>(
